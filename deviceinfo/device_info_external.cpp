@@ -1,0 +1,65 @@
+#include "device_info_external.h"
+
+#include <utility>
+
+#include "text_conversion.h"
+#include "tivra_log.h"
+
+namespace com {
+namespace solvane {
+namespace pravik {
+namespace deviceinfo {
+
+// The wire order of the fields, which is not their declaration order.
+const DeviceInfoExternal::WireField DeviceInfoExternal::kWireOrder[4] = {
+    {&DeviceInfoExternal::deviceId_, "write deviceId to parcel failed", "read deviceId from parcel failed"},
+    {&DeviceInfoExternal::deviceName_, "write deviceName to parcel failed", "read deviceName from parcel failed"},
+    {&DeviceInfoExternal::deviceType_, "write deviceType to parcel failed", "read deviceType from parcel failed"},
+    {&DeviceInfoExternal::deviceIp_, "write deviceIp to parcel failed", "read deviceIp from parcel failed"},
+};
+
+DeviceInfoExternal::DeviceInfoExternal(std::string deviceName, std::string deviceId, std::string deviceType,
+                                       std::string deviceIp)
+    : deviceName_(std::move(deviceName)),
+      deviceId_(std::move(deviceId)),
+      deviceType_(std::move(deviceType)),
+      deviceIp_(std::move(deviceIp)) {}
+
+android::status_t DeviceInfoExternal::writeToParcel(android::Parcel* parcel) const {
+    for (const WireField& field : kWireOrder) {
+        const android::status_t status = parcel->writeString16(ToString16(this->*field.member));
+        if (status != android::OK) {
+            TIVRA_LOGE("%s", field.writeFailed);
+            return status;
+        }
+    }
+    return android::OK;
+}
+
+android::status_t DeviceInfoExternal::readFromParcel(const android::Parcel* parcel) {
+    for (const WireField& field : kWireOrder) {
+        android::String16 text;
+        const android::status_t status = parcel->readString16(&text);
+        if (status != android::OK) {
+            TIVRA_LOGE("%s", field.readFailed);
+            return status;
+        }
+        this->*field.member = ToUtf8(text);
+    }
+    return android::OK;
+}
+
+std::string DeviceInfoExternal::GetDeviceName() const { return deviceName_; }
+std::string DeviceInfoExternal::GetDeviceId() const { return deviceId_; }
+std::string DeviceInfoExternal::GetDeviceType() const { return deviceType_; }
+std::string DeviceInfoExternal::GetDeviceIp() const { return deviceIp_; }
+
+void DeviceInfoExternal::SetDeviceName(const std::string& deviceName) { deviceName_ = deviceName; }
+void DeviceInfoExternal::SetDeviceId(const std::string& deviceId) { deviceId_ = deviceId; }
+void DeviceInfoExternal::SetDeviceType(const std::string& deviceType) { deviceType_ = deviceType; }
+void DeviceInfoExternal::SetDeviceIp(const std::string& deviceIp) { deviceIp_ = deviceIp; }
+
+}  // namespace deviceinfo
+}  // namespace pravik
+}  // namespace solvane
+}  // namespace com

@@ -1,0 +1,296 @@
+#include <binder/Parcel.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include <binder/IBinder.h>
+#include <binder/Parcelable.h>
+
+namespace android {
+namespace {
+
+// The platform's strict-mode marker and partition header of an interface token.
+constexpr int32_t kStrictModePenaltyGather = static_cast<int32_t>(0x80000000u);
+constexpr int32_t kUnsetWorkSourceUid = -1;
+constexpr int32_t kSystemHeader = 0x53595354;  // 'SYST'
+
+// A parcel never grows past what a signed 32-bit size can describe.
+constexpr size_t kMaxDataSize = static_cast<size_t>(std::numeric_limits<int32_t>::max());
+
+}  // namespace
+
+Parcel::Parcel() = default;
+Parcel::~Parcel() = default;
+
+const uint8_t* Parcel::data() const { return mData.data(); }
+size_t Parcel::dataSize() const { return mData.size(); }
+size_t Parcel::dataAvail() const { return mDataPos < mData.size() ? mData.size() - mDataPos : 0; }
+size_t Parcel::dataPosition() const { return mDataPos; }
+size_t Parcel::dataCapacity() const { return mData.capacity(); }
+
+void Parcel::setDataPosition(size_t pos) const { mDataPos = pos; }
+
+status_t Parcel::setData(const uint8_t* buffer, size_t len) {
+    if (len > kMaxDataSize || (buffer == nullptr && len != 0)) {
+        return BAD_VALUE;
+    }
+    mData.assign(buffer, buffer + len);
+    mObjects.clear();
+    mDataPos = 0;
+    return OK;
+}
+
+void Parcel::freeData() {
+    std::vector<uint8_t>().swap(mData);
+    mObjects.clear();
+    mDataPos = 0;
+}
+
+size_t Parcel::padded(size_t len) {
+    if (len > std::numeric_limits<size_t>::max() - 3) {
+        return 0;
+    }
+    return (len + 3) & ~static_cast<size_t>(3);
+}
+
+uint8_t* Parcel::writeSlot(size_t len) {
+    const size_t padLen = padded(len);
+    if ((padLen == 0 && len != 0) || mDataPos > kMaxDataSize || padLen > kMaxDataSize - mDataPos) {
+        return nullptr;
+    }
+    const size_t end = mDataPos + padLen;
+    if (end > mData.size()) {
+        mData.resize(end);
+    }
+    uint8_t* slot = mData.data() + mDataPos;
+    std::memset(slot + len, 0, padLen - len);
+    mDataPos = end;
+    return slot;
+}
+
+status_t Parcel::checkRead(size_t len) const {
+    const size_t padLen = padded(len);
+    if ((padLen == 0 && len != 0) || mDataPos > mData.size() || padLen > mData.size() - mDataPos) {
+        return NOT_ENOUGH_DATA;
+    }
+    // The first object that ends after the read starts is the only candidate
+    // for an overlap, because the table is sorted and objects do not overlap.
+    const auto it = std::upper_bound(mObjects.begin(), mObjects.end(), mDataPos,
+                                     [](size_t pos, uint64_t offset) { return pos < offset + kObjectSize; });
+    if (it != mObjects.end() && *it < mDataPos + padLen) {
+        return PERMISSION_DENIED;
+    }
+    return OK;
+}
+
+status_t Parcel::write(const void* data, size_t len) {
+    if (data == nullptr && len != 0) {
+        return BAD_VALUE;
+    }
+    uint8_t* slot = writeSlot(len);
+    if (slot == nullptr) {
+        return BAD_VALUE;
+    }
+    if (len != 0) {
+        std::memcpy(slot, data, len);
+    }
+    return OK;
+}
+
+status_t Parcel::read(void* outData, size_t len) const {
+    const status_t status = checkRead(len);
+    if (status != OK) {
+        return status;
+    }
+    if (len != 0) {
+        std::memcpy(outData, mData.data() + mDataPos, len);
+    }
+    mDataPos += padded(len);
+    return OK;
+}
+
+const void* Parcel::readInplace(size_t len) const {
+    if (checkRead(len) != OK) {
+        return nullptr;
+    }
+    const void* where = mData.data() + mDataPos;
+    mDataPos += padded(len);
+    return where;
+}
+
+template <typename T>
+status_t Parcel::writeValue(T value) {
+    return write(&value, sizeof(value));
+}
+
+template <typename T>
+status_t Parcel::readValue(T* out) const {
+    return read(out, sizeof(T));
+}
+
+template <typename T>
+T Parcel::readValueOrZero() const {
+    T value{};
+    return readValue(&value) == OK ? value : T{};
+}
+
+status_t Parcel::writeInt32(int32_t val) { return writeValue(val); }
+status_t Parcel::writeUint32(uint32_t val) { return writeValue(val); }
+status_t Parcel::writeInt64(int64_t val) { return writeValue(val); }
+status_t Parcel::writeUint64(uint64_t val) { return writeValue(val); }
+status_t Parcel::writeBool(bool val) { return writeInt32(val ? 1 : 0); }
+
+status_t Parcel::readInt32(int32_t* pArg) const { return readValue(pArg); }
+status_t Parcel::readUint32(uint32_t* pArg) const { return readValue(pArg); }
+status_t Parcel::readInt64(int64_t* pArg) const { return readValue(pArg); }
+status_t Parcel::readUint64(uint64_t* pArg) const { return readValue(pArg); }
+int32_t Parcel::readInt32() const { return readValueOrZero<int32_t>(); }
+uint32_t Parcel::readUint32() const { return readValueOrZero<uint32_t>(); }
+int64_t Parcel::readInt64() const { return readValueOrZero<int64_t>(); }
+uint64_t Parcel::readUint64() const { return readValueOrZero<uint64_t>(); }
+
+status_t Parcel::readBool(bool* pArg) const {
+    int32_t value = 0;
+    const status_t status = readInt32(&value);
+    if (status == OK) {
+        *pArg = value != 0;
+    }
+    return status;
+}
+
+bool Parcel::readBool() const { return readInt32() != 0; }
+
+status_t Parcel::writeString16(const String16& str) { return writeString16(str.string(), str.size()); }
+
+status_t Parcel::writeString16(const std::unique_ptr<String16>& str) {
+    if (!str) {
+        return writeInt32(-1);
+    }
+    return writeString16(*str);
+}
+
+status_t Parcel::writeString16(const char16_t* str, size_t len) {
+    if (str == nullptr) {
+        return writeInt32(-1);
+    }
+    if (len > static_cast<size_t>(std::numeric_limits<int32_t>::max()) / sizeof(char16_t) - 1) {
+        return BAD_VALUE;
+    }
+    const size_t start = mDataPos;
+    status_t status = writeInt32(static_cast<int32_t>(len));
+    if (status != OK) {
+        return status;
+    }
+    const size_t bytes = len * sizeof(char16_t);
+    uint8_t* slot = writeSlot(bytes + sizeof(char16_t));
+    if (slot == nullptr) {
+        mDataPos = start;
+        return BAD_VALUE;
+    }
+    std::memcpy(slot, str, bytes);
+    std::memset(slot + bytes, 0, sizeof(char16_t));
+    return OK;
+}
+
+status_t Parcel::readString16(String16* pArg) const {
+    const int32_t len = readInt32();
+    const char16_t* units = nullptr;
+    if (len >= 0 && static_cast<size_t>(len) < kMaxDataSize / sizeof(char16_t)) {
+        units = static_cast<const char16_t*>(readInplace((static_cast<size_t>(len) + 1) * sizeof(char16_t)));
+    }
+    // Copy the terminator out rather than dereferencing: the data is only
+    // guaranteed byte-aligned when it came from setData.
+    char16_t terminator = u'\1';
+    if (units != nullptr) {
+        std::memcpy(&terminator, units + len, sizeof(terminator));
+    }
+    if (units == nullptr || terminator != 0) {
+        *pArg = String16();
+        return UNEXPECTED_NULL;
+    }
+    std::vector<char16_t> copy(static_cast<size_t>(len));
+    std::memcpy(copy.data(), units, copy.size() * sizeof(char16_t));
+    *pArg = String16(copy.data(), copy.size());
+    return OK;
+}
+
+String16 Parcel::readString16() const {
+    String16 value;
+    readString16(&value);
+    return value;
+}
+
+status_t Parcel::writeInterfaceToken(const String16& interface) {
+    status_t status = writeInt32(kStrictModePenaltyGather);
+    if (status == OK) status = writeInt32(kUnsetWorkSourceUid);
+    if (status == OK) status = writeInt32(kSystemHeader);
+    if (status == OK) status = writeString16(interface);
+    return status;
+}
+
+bool Parcel::enforceInterface(const String16& interface, IPCThreadState* /*threadState*/) const {
+    readInt32();  // strict-mode policy: hostbinder has no strict mode
+    readInt32();  // work-source uid: not propagated
+    if (readInt32() != kSystemHeader) {
+        return false;
+    }
+    String16 descriptor;
+    if (readString16(&descriptor) != OK) {
+        return false;
+    }
+    return descriptor.size() == interface.size() &&
+           std::memcmp(descriptor.string(), interface.string(), interface.size() * sizeof(char16_t)) == 0;
+}
+
+bool Parcel::checkInterface(IBinder* binder) const {
+    return binder != nullptr && enforceInterface(binder->getInterfaceDescriptor());
+}
+
+status_t Parcel::writeParcelable(const Parcelable& parcelable) {
+    const status_t status = writeInt32(1);
+    if (status != OK) {
+        return status;
+    }
+    return parcelable.writeToParcel(this);
+}
+
+status_t Parcel::readParcelable(Parcelable* parcelable) const {
+    int32_t present = 0;
+    const status_t status = readInt32(&present);
+    if (status != OK) {
+        return status;
+    }
+    if (present == 0) {
+        return UNEXPECTED_NULL;
+    }
+    return parcelable->readFromParcel(this);
+}
+
+size_t Parcel::objectsCount() const { return mObjects.size(); }
+const uint64_t* Parcel::objects() const { return mObjects.data(); }
+
+status_t Parcel::appendObject(uint64_t offset) {
+    if (offset % 4 != 0 || offset > mData.size() || mData.size() - offset < kObjectSize) {
+        return BAD_VALUE;
+    }
+    if (!mObjects.empty() && offset < mObjects.back() + kObjectSize) {
+        return BAD_VALUE;
+    }
+    mObjects.push_back(offset);
+    return OK;
+}
+
+status_t Parcel::setObjects(const uint64_t* offsets, size_t count) {
+    mObjects.clear();
+    for (size_t i = 0; i < count; ++i) {
+        const status_t status = appendObject(offsets[i]);
+        if (status != OK) {
+            mObjects.clear();
+            return status;
+        }
+    }
+    return OK;
+}
+
+}  // namespace android
