@@ -30,6 +30,26 @@ DeviceInfoExternalList MakeRealisticList() {
     return list;
 }
 
+// Reports items and the time per entry of the list.
+void SetPerEntryCounters(benchmark::State& state) {
+    state.SetItemsProcessed(state.iterations() * kEntries);
+    state.counters["ns_per_entry"] =
+        benchmark::Counter(static_cast<double>(state.iterations() * kEntries),
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+// Reads the list back from the start of `parcel`; false (with the benchmark
+// marked failed) when the read does not succeed.
+bool ReadBack(benchmark::State& state, const android::Parcel& parcel, DeviceInfoExternalList* readBack) {
+    parcel.setDataPosition(0);
+    if (readBack->readFromParcel(&parcel) != android::OK) {
+        state.SkipWithError("read failed");
+        return false;
+    }
+    benchmark::DoNotOptimize(readBack);
+    return true;
+}
+
 void BM_DeviceListWriteRead(benchmark::State& state) {
     __android_log_set_logger(DiscardLog);
     const DeviceInfoExternalList list = MakeRealisticList();
@@ -37,19 +57,39 @@ void BM_DeviceListWriteRead(benchmark::State& state) {
     for (auto _ : state) {
         android::Parcel parcel;
         list.writeToParcel(&parcel);
-        parcel.setDataPosition(0);
-        if (readBack.readFromParcel(&parcel) != android::OK) {
-            state.SkipWithError("read failed");
+        if (!ReadBack(state, parcel, &readBack)) {
             break;
         }
-        benchmark::DoNotOptimize(readBack);
     }
-    state.SetItemsProcessed(state.iterations() * kEntries);
-    state.counters["ns_per_entry"] =
-        benchmark::Counter(static_cast<double>(state.iterations() * kEntries),
-                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    SetPerEntryCounters(state);
 }
 BENCHMARK(BM_DeviceListWriteRead)->Unit(benchmark::kMicrosecond);
+
+// The two halves of the round trip apart, to see which one a change moves.
+void BM_DeviceListWrite(benchmark::State& state) {
+    const DeviceInfoExternalList list = MakeRealisticList();
+    for (auto _ : state) {
+        android::Parcel parcel;
+        list.writeToParcel(&parcel);
+        benchmark::DoNotOptimize(parcel.data());
+    }
+    SetPerEntryCounters(state);
+}
+BENCHMARK(BM_DeviceListWrite)->Unit(benchmark::kMicrosecond);
+
+void BM_DeviceListRead(benchmark::State& state) {
+    __android_log_set_logger(DiscardLog);
+    android::Parcel parcel;
+    MakeRealisticList().writeToParcel(&parcel);
+    DeviceInfoExternalList readBack;
+    for (auto _ : state) {
+        if (!ReadBack(state, parcel, &readBack)) {
+            break;
+        }
+    }
+    SetPerEntryCounters(state);
+}
+BENCHMARK(BM_DeviceListRead)->Unit(benchmark::kMicrosecond);
 
 // Baseline: copying the same serialized bytes out and back in.
 void BM_DeviceListMemcpyBaseline(benchmark::State& state) {
@@ -63,10 +103,7 @@ void BM_DeviceListMemcpyBaseline(benchmark::State& state) {
         std::memcpy(back.data(), out.data(), out.size());
         benchmark::DoNotOptimize(back.data());
     }
-    state.SetItemsProcessed(state.iterations() * kEntries);
-    state.counters["ns_per_entry"] =
-        benchmark::Counter(static_cast<double>(state.iterations() * kEntries),
-                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    SetPerEntryCounters(state);
 }
 BENCHMARK(BM_DeviceListMemcpyBaseline)->Unit(benchmark::kMicrosecond);
 

@@ -27,7 +27,7 @@ DeviceInfoExternal::DeviceInfoExternal(std::string deviceName, std::string devic
 
 android::status_t DeviceInfoExternal::writeToParcel(android::Parcel* parcel) const {
     for (const WireField& field : kWireOrder) {
-        const android::status_t status = parcel->writeString16(ToString16(this->*field.member));
+        const android::status_t status = WriteUtf8AsString16(parcel, this->*field.member);
         if (status != android::OK) {
             TIVRA_LOGE("%s", field.writeFailed);
             return status;
@@ -38,13 +38,11 @@ android::status_t DeviceInfoExternal::writeToParcel(android::Parcel* parcel) con
 
 android::status_t DeviceInfoExternal::readFromParcel(const android::Parcel* parcel) {
     for (const WireField& field : kWireOrder) {
-        android::String16 text;
-        const android::status_t status = parcel->readString16(&text);
+        const android::status_t status = ReadString16AsUtf8(parcel, &(this->*field.member));
         if (status != android::OK) {
             TIVRA_LOGE("%s", field.readFailed);
             return status;
         }
-        this->*field.member = ToUtf8(text);
     }
     return android::OK;
 }

@@ -43,7 +43,7 @@ DeviceType NodeBasicInfoInner::DeviceTypeFromValue(unsigned char value) {
 }
 
 android::status_t NodeBasicInfoInner::writeToParcel(android::Parcel* parcel) const {
-    android::status_t status = parcel->writeString16(ToString16(name_));
+    android::status_t status = WriteUtf8AsString16(parcel, name_);
     if (status != android::OK) {
         TIVRA_LOGE("write name to parcel failed");
         return status;
@@ -53,7 +53,7 @@ android::status_t NodeBasicInfoInner::writeToParcel(android::Parcel* parcel) con
         TIVRA_LOGE("write deviceType to parcel failed");
         return status;
     }
-    status = parcel->writeString16(ToString16(nodeId_));
+    status = WriteUtf8AsString16(parcel, nodeId_);
     if (status != android::OK) {
         TIVRA_LOGE("write nodeId to parcel failed");
         return status;
@@ -62,13 +62,11 @@ android::status_t NodeBasicInfoInner::writeToParcel(android::Parcel* parcel) con
 }
 
 android::status_t NodeBasicInfoInner::readFromParcel(const android::Parcel* parcel) {
-    android::String16 text;
-    android::status_t status = parcel->readString16(&text);
+    android::status_t status = ReadString16AsUtf8(parcel, &name_);
     if (status != android::OK) {
         TIVRA_LOGE("read name from parcel failed");
         return status;
     }
-    name_ = ToUtf8(text);
 
     int32_t code = 0;
     status = parcel->readInt32(&code);
@@ -83,12 +81,11 @@ android::status_t NodeBasicInfoInner::readFromParcel(const android::Parcel* parc
     // Only the low byte carries the kind; the upper bits are ignored.
     deviceType_ = DeviceTypeFromValue(static_cast<unsigned char>(code & 0xFF));
 
-    status = parcel->readString16(&text);
+    status = ReadString16AsUtf8(parcel, &nodeId_);
     if (status != android::OK) {
         TIVRA_LOGE("read nodeId from parcel failed");
         return status;
     }
-    nodeId_ = ToUtf8(text);
     return android::OK;
 }
 

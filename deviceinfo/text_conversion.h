@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include <binder/Parcel.h>
 #include <utils/String16.h>
 
 namespace com {
@@ -11,8 +12,17 @@ namespace deviceinfo {
 
 // Text crosses the wire as UTF-16 and lives in the library as UTF-8. Both
 // directions go through NUL-terminated text, so a string ends at its first NUL.
+// Well-formed text converts exactly as libutils' String16/String8 do. Ill-formed
+// input is replaced, never trusted: each byte that does not start a well-formed
+// UTF-8 sequence becomes one U+FFFD, and so does each unpaired UTF-16 surrogate.
 android::String16 ToString16(const std::string& utf8);
 std::string ToUtf8(const android::String16& utf16);
+
+// The same conversions straight between a parcel and a std::string, without an
+// intermediate String16.
+android::status_t WriteUtf8AsString16(android::Parcel* parcel, const std::string& utf8);
+// On failure returns UNEXPECTED_NULL, as readString16 does, and leaves `utf8` as it was.
+android::status_t ReadString16AsUtf8(const android::Parcel* parcel, std::string* utf8);
 
 }  // namespace deviceinfo
 }  // namespace pravik

@@ -1,8 +1,10 @@
 #include <binder/Parcel.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <string>
 
 #include <binder/IBinder.h>
 #include <binder/Parcelable.h>
@@ -23,11 +25,30 @@ constexpr size_t kMaxDataSize = static_cast<size_t>(std::numeric_limits<int32_t>
 Parcel::Parcel() = default;
 Parcel::~Parcel() = default;
 
-const uint8_t* Parcel::data() const { return mData.data(); }
-size_t Parcel::dataSize() const { return mData.size(); }
-size_t Parcel::dataAvail() const { return mDataPos < mData.size() ? mData.size() - mDataPos : 0; }
+void Parcel::FreeDeleter::operator()(uint8_t* data) const { std::free(data); }
+
+const uint8_t* Parcel::data() const { return mData.get(); }
+size_t Parcel::dataSize() const { return mDataSize; }
+size_t Parcel::dataAvail() const { return mDataPos < mDataSize ? mDataSize - mDataPos : 0; }
 size_t Parcel::dataPosition() const { return mDataPos; }
-size_t Parcel::dataCapacity() const { return mData.capacity(); }
+size_t Parcel::dataCapacity() const { return mDataCapacity; }
+
+bool Parcel::reserveData(size_t needed) {
+    if (needed <= mDataCapacity) {
+        return true;
+    }
+    // Grow by half again so that a run of small writes costs amortized O(1).
+    const size_t grown = mDataCapacity + mDataCapacity / 2;
+    const size_t capacity = std::min(kMaxDataSize, std::max({needed, grown, size_t{256}}));
+    void* data = std::realloc(mData.get(), capacity);
+    if (data == nullptr) {
+        return false;
+    }
+    mData.release();
+    mData.reset(static_cast<uint8_t*>(data));
+    mDataCapacity = capacity;
+    return true;
+}
 
 void Parcel::setDataPosition(size_t pos) const { mDataPos = pos; }
 
@@ -35,14 +56,23 @@ status_t Parcel::setData(const uint8_t* buffer, size_t len) {
     if (len > kMaxDataSize || (buffer == nullptr && len != 0)) {
         return BAD_VALUE;
     }
-    mData.assign(buffer, buffer + len);
+    mDataSize = 0;
+    if (!reserveData(len)) {
+        return NO_MEMORY;
+    }
+    if (len != 0) {
+        std::memmove(mData.get(), buffer, len);  // the buffer may be our own data
+    }
+    mDataSize = len;
     mObjects.clear();
     mDataPos = 0;
     return OK;
 }
 
 void Parcel::freeData() {
-    std::vector<uint8_t>().swap(mData);
+    mData.reset();
+    mDataSize = 0;
+    mDataCapacity = 0;
     mObjects.clear();
     mDataPos = 0;
 }
@@ -60,18 +90,27 @@ uint8_t* Parcel::writeSlot(size_t len) {
         return nullptr;
     }
     const size_t end = mDataPos + padLen;
-    if (end > mData.size()) {
-        mData.resize(end);
+    if (end > mDataSize) {
+        if (!reserveData(end)) {
+            return nullptr;
+        }
+        // A position set past the end leaves a gap that must read as zeros.
+        if (mDataPos > mDataSize) {
+            std::memset(mData.get() + mDataSize, 0, mDataPos - mDataSize);
+        }
+        mDataSize = end;
     }
-    uint8_t* slot = mData.data() + mDataPos;
-    std::memset(slot + len, 0, padLen - len);
+    uint8_t* slot = mData.get() + mDataPos;
+    if (padLen != len) {
+        std::memset(slot + len, 0, padLen - len);
+    }
     mDataPos = end;
     return slot;
 }
 
 status_t Parcel::checkRead(size_t len) const {
     const size_t padLen = padded(len);
-    if ((padLen == 0 && len != 0) || mDataPos > mData.size() || padLen > mData.size() - mDataPos) {
+    if ((padLen == 0 && len != 0) || mDataPos > mDataSize || padLen > mDataSize - mDataPos) {
         return NOT_ENOUGH_DATA;
     }
     // The first object that ends after the read starts is the only candidate
@@ -85,16 +124,17 @@ status_t Parcel::checkRead(size_t len) const {
 }
 
 status_t Parcel::write(const void* data, size_t len) {
-    if (data == nullptr && len != 0) {
+    if (len == 0) {
+        return OK;  // nothing to write and nothing to pad
+    }
+    if (data == nullptr) {
         return BAD_VALUE;
     }
     uint8_t* slot = writeSlot(len);
     if (slot == nullptr) {
         return BAD_VALUE;
     }
-    if (len != 0) {
-        std::memcpy(slot, data, len);
-    }
+    std::memcpy(slot, data, len);
     return OK;
 }
 
@@ -104,7 +144,7 @@ status_t Parcel::read(void* outData, size_t len) const {
         return status;
     }
     if (len != 0) {
-        std::memcpy(outData, mData.data() + mDataPos, len);
+        std::memcpy(outData, mData.get() + mDataPos, len);
     }
     mDataPos += padded(len);
     return OK;
@@ -114,7 +154,7 @@ const void* Parcel::readInplace(size_t len) const {
     if (checkRead(len) != OK) {
         return nullptr;
     }
-    const void* where = mData.data() + mDataPos;
+    const void* where = mData.get() + mDataPos;
     mDataPos += padded(len);
     return where;
 }
@@ -177,41 +217,55 @@ status_t Parcel::writeString16(const char16_t* str, size_t len) {
     if (len > static_cast<size_t>(std::numeric_limits<int32_t>::max()) / sizeof(char16_t) - 1) {
         return BAD_VALUE;
     }
-    const size_t start = mDataPos;
-    status_t status = writeInt32(static_cast<int32_t>(len));
-    if (status != OK) {
-        return status;
-    }
+    // One slot for length, units and terminator: a single bounds check and growth.
+    const int32_t length = static_cast<int32_t>(len);
     const size_t bytes = len * sizeof(char16_t);
-    uint8_t* slot = writeSlot(bytes + sizeof(char16_t));
+    uint8_t* slot = writeSlot(sizeof(length) + bytes + sizeof(char16_t));
     if (slot == nullptr) {
-        mDataPos = start;
         return BAD_VALUE;
     }
-    std::memcpy(slot, str, bytes);
-    std::memset(slot + bytes, 0, sizeof(char16_t));
+    std::memcpy(slot, &length, sizeof(length));
+    std::memcpy(slot + sizeof(length), str, bytes);
+    std::memset(slot + sizeof(length) + bytes, 0, sizeof(char16_t));
     return OK;
 }
 
-status_t Parcel::readString16(String16* pArg) const {
+const char16_t* Parcel::readString16Inplace(size_t* outLen) const {
+    *outLen = 0;
     const int32_t len = readInt32();
-    const char16_t* units = nullptr;
-    if (len >= 0 && static_cast<size_t>(len) < kMaxDataSize / sizeof(char16_t)) {
-        units = static_cast<const char16_t*>(readInplace((static_cast<size_t>(len) + 1) * sizeof(char16_t)));
+    if (len < 0 || static_cast<size_t>(len) >= kMaxDataSize / sizeof(char16_t)) {
+        return nullptr;
+    }
+    const auto* units = static_cast<const uint8_t*>(readInplace((static_cast<size_t>(len) + 1) * sizeof(char16_t)));
+    if (units == nullptr) {
+        return nullptr;
     }
     // Copy the terminator out rather than dereferencing: the data is only
     // guaranteed byte-aligned when it came from setData.
-    char16_t terminator = u'\1';
-    if (units != nullptr) {
-        std::memcpy(&terminator, units + len, sizeof(terminator));
+    char16_t terminator = 0;
+    std::memcpy(&terminator, units + static_cast<size_t>(len) * sizeof(char16_t), sizeof(terminator));
+    if (terminator != 0) {
+        return nullptr;
     }
-    if (units == nullptr || terminator != 0) {
+    *outLen = static_cast<size_t>(len);
+    return reinterpret_cast<const char16_t*>(units);
+}
+
+status_t Parcel::readString16(String16* pArg) const {
+    size_t len = 0;
+    const char16_t* units = readString16Inplace(&len);
+    if (units == nullptr) {
         *pArg = String16();
         return UNEXPECTED_NULL;
     }
-    std::vector<char16_t> copy(static_cast<size_t>(len));
-    std::memcpy(copy.data(), units, copy.size() * sizeof(char16_t));
-    *pArg = String16(copy.data(), copy.size());
+    if (reinterpret_cast<uintptr_t>(units) % alignof(char16_t) == 0) {
+        *pArg = String16(units, len);
+        return OK;
+    }
+    // Misaligned after an odd setDataPosition: hand String16 an aligned copy.
+    std::u16string aligned(len, u'\0');
+    std::memcpy(&aligned[0], units, len * sizeof(char16_t));
+    *pArg = String16(aligned.data(), len);
     return OK;
 }
 
@@ -271,7 +325,7 @@ size_t Parcel::objectsCount() const { return mObjects.size(); }
 const uint64_t* Parcel::objects() const { return mObjects.data(); }
 
 status_t Parcel::appendObject(uint64_t offset) {
-    if (offset % 4 != 0 || offset > mData.size() || mData.size() - offset < kObjectSize) {
+    if (offset % 4 != 0 || offset > mDataSize || mDataSize - offset < kObjectSize) {
         return BAD_VALUE;
     }
     if (!mObjects.empty() && offset < mObjects.back() + kObjectSize) {

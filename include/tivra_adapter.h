@@ -4,7 +4,11 @@
 // distributed device network. Only standard C++ types appear here.
 
 #include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 namespace Communication {
 
@@ -61,6 +65,78 @@ public:
     virtual std::string GetName() const = 0;
     virtual DeviceType GetDeviceType() const = 0;
     virtual std::string GetNodeId() const = 0;
+};
+
+// Told when devices come online or go offline. Calls arrive on the process's
+// Binder threads with no library lock held; each record is a new object that
+// the listener owns.
+class TivraListener {
+public:
+    virtual ~TivraListener() = default;
+    virtual void OnDeviceOnline(std::shared_ptr<TivraDeviceInfo> device) = 0;
+    virtual void OnDeviceOffline(std::shared_ptr<TivraDeviceInfo> device) = 0;
+};
+
+// Told once, on a Binder thread, when the device monitor service dies. Link
+// again after the service is back to hear of its next death.
+class TivraDeathNotifier {
+public:
+    virtual ~TivraDeathNotifier() = default;
+    virtual void OnServiceDied() = 0;
+};
+
+// Told when nodes come online, go offline or change their information.
+class DeviceListener {
+public:
+    virtual ~DeviceListener() = default;
+    virtual void OnDeviceOnline(std::shared_ptr<NodeBasicInfo> node) = 0;
+    virtual void OnDeviceOffline(std::shared_ptr<NodeBasicInfo> node) = 0;
+    virtual void OnDeviceInfoChanged(std::string nodeId, DeviceInfoType type) = 0;
+};
+
+// Keys of GetNodeExtInfo, each named after its value.
+const std::string DEVICE_NAME = "DEVICE_NAME";
+const std::string DEVICE_TYPE = "DEVICE_TYPE";
+const std::string VERSION_TYPE = "VERSION_TYPE";
+const std::string NETWORK_TYPE = "NETWORK_TYPE";
+const std::string CONN_CAP = "CONN_CAP";
+const std::string BR_MAC = "BR_MAC";
+const std::string IS_SUPPORT_P2P = "IS_SUPPORT_P2P";
+const std::string IS_P2P_ENABLED = "IS_P2P_ENABLED";
+const std::string IS_SUPPORT_BLE = "IS_SUPPORT_BLE";
+const std::string IS_BLE_ENABLED = "IS_BLE_ENABLED";
+const std::string IS_ACCOUNT_TRUST = "IS_ACCOUNT_TRUST";
+const std::string GROUP_INFO = "GROUP_INFO";
+
+// The process-wide entry point. Nothing throws: operations report failure by
+// their result, and GetLocalDevice/GetAllDevices also through errCode
+// (0 success, 1 service unavailable, 2 the service call failed).
+class TivraAdapter {
+public:
+    // The one adapter of this process; creating it starts the Binder thread
+    // pool. Never empty.
+    static std::shared_ptr<TivraAdapter> GetInstance();
+
+    virtual ~TivraAdapter() = default;
+
+    virtual bool RegisterCallback(std::shared_ptr<TivraListener> listener) = 0;
+    virtual bool UnregisterCallback(std::shared_ptr<TivraListener> listener) = 0;
+    virtual std::shared_ptr<TivraDeviceInfo> GetLocalDevice(int& errCode) = 0;
+    virtual std::vector<std::shared_ptr<TivraDeviceInfo>> GetAllDevices(int& errCode) = 0;
+    virtual bool LinkToDeath(std::shared_ptr<TivraDeathNotifier> notifier) = 0;
+    virtual bool UnlinkToDeath(std::shared_ptr<TivraDeathNotifier> notifier) = 0;
+    virtual bool AddDeviceChangeListener(const std::shared_ptr<DeviceListener>& listener) = 0;
+    virtual void RemoveDeviceChangeListener(const std::shared_ptr<DeviceListener>& listener) = 0;
+    virtual std::shared_ptr<NodeBasicInfo> GetLocalBasicInfo() = 0;
+    virtual std::shared_ptr<NodeBasicInfo> GetRemoteNodeBasicInfo(const std::string& nodeId) = 0;
+    virtual std::list<std::shared_ptr<NodeBasicInfo>> GetRemoteNodesBasicInfo() = 0;
+    virtual std::string GetNodeExtInfo(const std::string& nodeId, const std::string& key) = 0;
+    virtual std::string GetUdidByNodeId(const std::string& nodeId) = 0;
+    virtual std::string GetUuidByNodeId(const std::string& nodeId) = 0;
+
+private:
+    static std::shared_ptr<TivraAdapter> instance_;
+    static std::mutex instanceMutex_;
 };
 
 }  // namespace Communication

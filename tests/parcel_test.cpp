@@ -1,9 +1,530 @@
+#include <binder/IBinder.h>
 #include <binder/Parcel.h>
+#include <binder/Parcelable.h>
 #include <gtest/gtest.h>
 
-TEST(ParcelSmoke, Int32RoundTrip) {
-    android::Parcel parcel;
-    ASSERT_EQ(parcel.writeInt32(7), android::OK);
-    parcel.setDataPosition(0);
-    EXPECT_EQ(parcel.readInt32(), 7);
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using android::Parcel;
+using android::status_t;
+using android::String16;
+using Bytes = std::vector<uint8_t>;
+
+Bytes Contents(const Parcel& parcel) { return Bytes(parcel.data(), parcel.data() + parcel.dataSize()); }
+
+void Load(Parcel* parcel, const Bytes& bytes) { ASSERT_EQ(parcel->setData(bytes.data(), bytes.size()), android::OK); }
+
+std::string Utf8(const String16& text) { return android::String8(text).c_str(); }
+
+// ---- Writes: every encoding against bytes worked out by hand -------------
+
+struct WriteCase {
+    const char* name;
+    std::function<status_t(Parcel*)> write;
+    Bytes expected;
+};
+
+class ParcelWriteLayout : public ::testing::TestWithParam<WriteCase> {};
+
+TEST_P(ParcelWriteLayout, MatchesHandComputedBytes) {
+    Parcel parcel;
+    ASSERT_EQ(GetParam().write(&parcel), android::OK);
+    EXPECT_EQ(Contents(parcel), GetParam().expected);
+    EXPECT_EQ(parcel.dataPosition(), GetParam().expected.size());
 }
+
+const WriteCase kWriteCases[] = {
+    {"Int32", [](Parcel* p) { return p->writeInt32(0x01020304); }, {0x04, 0x03, 0x02, 0x01}},
+    {"NegativeInt32", [](Parcel* p) { return p->writeInt32(-2); }, {0xFE, 0xFF, 0xFF, 0xFF}},
+    {"Uint32", [](Parcel* p) { return p->writeUint32(0xA0B0C0D0u); }, {0xD0, 0xC0, 0xB0, 0xA0}},
+    // An int64 after one int32 starts at offset 4: no padding to 8.
+    {"Int64AlignedToFourOnly",
+     [](Parcel* p) {
+         p->writeInt32(1);
+         return p->writeInt64(0x0102030405060708);
+     },
+     {0x01, 0, 0, 0, 0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01}},
+    {"Uint64", [](Parcel* p) { return p->writeUint64(~uint64_t{0} - 1); },
+     {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
+    {"BoolTrue", [](Parcel* p) { return p->writeBool(true); }, {1, 0, 0, 0}},
+    {"BoolFalse", [](Parcel* p) { return p->writeBool(false); }, {0, 0, 0, 0}},
+    {"EmptyString16", [](Parcel* p) { return p->writeString16(String16()); }, {0, 0, 0, 0, 0, 0, 0, 0}},
+    // Two units plus the terminator take six bytes, padded to eight.
+    {"AsciiString16", [](Parcel* p) { return p->writeString16(String16(u"ab")); },
+     {2, 0, 0, 0, 'a', 0, 'b', 0, 0, 0, 0, 0}},
+    // Three units plus the terminator fill eight bytes exactly.
+    {"AsciiString16NoPadding", [](Parcel* p) { return p->writeString16(String16(u"abc")); },
+     {3, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0, 0, 0}},
+    // U+00E9, U+20AC and U+1F600 (a surrogate pair): four units.
+    {"NonAsciiString16FromUtf8",
+     [](Parcel* p) { return p->writeString16(String16("\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80")); },
+     {4, 0, 0, 0, 0xE9, 0x00, 0xAC, 0x20, 0x3D, 0xD8, 0x00, 0xDE, 0, 0, 0, 0}},
+    {"NullString16", [](Parcel* p) { return p->writeString16(std::unique_ptr<String16>()); },
+     {0xFF, 0xFF, 0xFF, 0xFF}},
+    {"NullUnitPointer", [](Parcel* p) { return p->writeString16(nullptr, 5); }, {0xFF, 0xFF, 0xFF, 0xFF}},
+    {"PresentUniqueString16", [](Parcel* p) { return p->writeString16(std::make_unique<String16>(u"z")); },
+     {1, 0, 0, 0, 'z', 0, 0, 0}},
+    {"InterfaceToken", [](Parcel* p) { return p->writeInterfaceToken(String16(u"a.B")); },
+     {0x00, 0x00, 0x00, 0x80, 0xFF, 0xFF, 0xFF, 0xFF, 0x54, 0x53, 0x59, 0x53,
+      3, 0, 0, 0, 'a', 0, '.', 0, 'B', 0, 0, 0}},
+    {"RawWritePadsOneByte", [](Parcel* p) { return p->write("\x11\x22\x33", 3); }, {0x11, 0x22, 0x33, 0}},
+    {"RawWritePadsThreeBytes", [](Parcel* p) { return p->write("\x11\x22\x33\x44\x55", 5); },
+     {0x11, 0x22, 0x33, 0x44, 0x55, 0, 0, 0}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Encodings, ParcelWriteLayout, ::testing::ValuesIn(kWriteCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// Padding written over older bytes must still be zero.
+TEST(ParcelWrite, RawWritePaddingOverwritesOldBytes) {
+    Parcel parcel;
+    parcel.writeInt64(-1);
+    parcel.setDataPosition(0);
+    ASSERT_EQ(parcel.write("\xAA", 1), android::OK);
+    EXPECT_EQ(Contents(parcel), (Bytes{0xAA, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}));
+    EXPECT_EQ(parcel.dataPosition(), 4u);
+}
+
+TEST(ParcelWrite, ZeroLengthWriteSucceedsEvenOnAnEmptyParcel) {
+    const uint8_t byte = 0x11;
+    for (size_t before : {size_t{0}, size_t{4}}) {
+        Parcel parcel;
+        for (size_t i = 0; i < before; i += 4) parcel.writeInt32(-1);
+        EXPECT_EQ(parcel.write(&byte, 0), android::OK) << before;
+        EXPECT_EQ(parcel.dataSize(), before);
+        EXPECT_EQ(parcel.dataPosition(), before);
+    }
+}
+
+TEST(ParcelWrite, RawWriteOfNullWithLengthIsRefused) {
+    Parcel parcel;
+    EXPECT_NE(parcel.write(nullptr, 4), android::OK);
+    EXPECT_EQ(parcel.dataSize(), 0u);
+}
+
+TEST(ParcelWrite, WriteBeyondTheLargestParcelFailsWithoutGrowing) {
+    Parcel parcel;
+    parcel.setDataPosition(static_cast<size_t>(std::numeric_limits<int32_t>::max()) + 1);
+    EXPECT_NE(parcel.writeInt32(1), android::OK);
+    EXPECT_NE(parcel.writeString16(String16(u"x")), android::OK);
+    EXPECT_EQ(parcel.dataSize(), 0u);
+}
+
+// ---- Typed reads ---------------------------------------------------------
+
+struct ShortReadCase {
+    const char* name;
+    size_t needs;  // bytes the read consumes
+    std::function<status_t(const Parcel&)> read;
+};
+
+const ShortReadCase kShortReads[] = {
+    {"Int32", 4, [](const Parcel& p) { int32_t v = 0; return p.readInt32(&v); }},
+    {"Uint32", 4, [](const Parcel& p) { uint32_t v = 0; return p.readUint32(&v); }},
+    {"Int64", 8, [](const Parcel& p) { int64_t v = 0; return p.readInt64(&v); }},
+    {"Uint64", 8, [](const Parcel& p) { uint64_t v = 0; return p.readUint64(&v); }},
+    {"Bool", 4, [](const Parcel& p) { bool v = false; return p.readBool(&v); }},
+    {"Raw", 6, [](const Parcel& p) { uint8_t v[6] = {}; return p.read(v, sizeof(v)); }},
+};
+
+class ParcelShortRead : public ::testing::TestWithParam<ShortReadCase> {};
+
+// Every data size below what the read needs, at every start position inside it.
+TEST_P(ParcelShortRead, FailsWithNotEnoughDataAndKeepsPosition) {
+    const ShortReadCase& c = GetParam();
+    const size_t padded = (c.needs + 3) & ~size_t{3};
+    for (size_t size = 0; size < padded + 4; ++size) {
+        Parcel parcel;
+        Load(&parcel, Bytes(size, 0x5A));
+        for (size_t pos = 0; pos <= size + 4; ++pos) {
+            parcel.setDataPosition(pos);
+            const bool fits = pos + padded <= size;
+            EXPECT_EQ(c.read(parcel), fits ? android::OK : android::NOT_ENOUGH_DATA) << size << "@" << pos;
+            EXPECT_EQ(parcel.dataPosition(), fits ? pos + padded : pos) << size << "@" << pos;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Reads, ParcelShortRead, ::testing::ValuesIn(kShortReads),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ParcelRead, TypedReadsDecodeLittleEndian) {
+    Parcel parcel;
+    Load(&parcel, {0x04, 0x03, 0x02, 0x01, 0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x81, 7, 0, 0, 0});
+    EXPECT_EQ(parcel.readInt32(), 0x01020304);
+    EXPECT_EQ(parcel.readUint64(), 0x8102030405060708u);
+    bool flag = false;
+    ASSERT_EQ(parcel.readBool(&flag), android::OK);
+    EXPECT_TRUE(flag);  // any non-zero value is true
+    EXPECT_EQ(parcel.dataAvail(), 0u);
+}
+
+TEST(ParcelRead, NoArgumentReadsYieldZeroPastTheEndWithoutMoving) {
+    Parcel parcel;
+    Load(&parcel, {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07});
+    parcel.setDataPosition(4);
+    EXPECT_EQ(parcel.readInt32(), 0);
+    EXPECT_EQ(parcel.readUint32(), 0u);
+    EXPECT_EQ(parcel.readBool(), false);
+    parcel.setDataPosition(0);
+    EXPECT_EQ(parcel.readInt64(), 0);
+    EXPECT_EQ(parcel.readUint64(), 0u);
+    EXPECT_EQ(parcel.dataPosition(), 0u);
+    EXPECT_EQ(parcel.readInt32(), 0x04030201);  // the data itself is still there
+}
+
+// ---- String16 reads --------------------------------------------------------
+
+struct BadStringCase {
+    const char* name;
+    Bytes bytes;
+};
+
+const BadStringCase kBadStrings[] = {
+    {"NullLength", {0xFF, 0xFF, 0xFF, 0xFF}},
+    {"OtherNegativeLength", {0xFE, 0xFF, 0xFF, 0xFF, 'a', 0, 0, 0}},
+    {"NoData", {}},
+    {"LengthOnly", {0, 0, 0, 0}},
+    {"LengthPastEnd", {5, 0, 0, 0, 'a', 0, 'b', 0, 0, 0, 0, 0}},
+    {"TerminatorInPaddingMissing", {2, 0, 0, 0, 'a', 0, 'b', 0, 0, 0}},
+    {"HugeLength", {0xFF, 0xFF, 0xFF, 0x7F, 0, 0, 0, 0}},
+    {"NonZeroTerminator", {2, 0, 0, 0, 'a', 0, 'b', 0, 'c', 0, 0, 0}},
+    {"TerminatorHighByteSet", {1, 0, 0, 0, 'a', 0, 0, 1}},
+};
+
+class ParcelBadString16 : public ::testing::TestWithParam<BadStringCase> {};
+
+TEST_P(ParcelBadString16, GivesUnexpectedNullAndEmptyOutput) {
+    Parcel parcel;
+    Load(&parcel, GetParam().bytes);
+    String16 out(u"previous");
+    EXPECT_EQ(parcel.readString16(&out), android::UNEXPECTED_NULL);
+    EXPECT_EQ(out.size(), 0u);
+
+    parcel.setDataPosition(0);
+    EXPECT_EQ(parcel.readString16().size(), 0u);
+
+    parcel.setDataPosition(0);
+    size_t len = 99;
+    EXPECT_EQ(parcel.readString16Inplace(&len), nullptr);
+    EXPECT_EQ(len, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Malformed, ParcelBadString16, ::testing::ValuesIn(kBadStrings),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ParcelString16, RoundTripsTextAndAdvancesPastPadding) {
+    const char* const texts[] = {"", "a", "ab", "abc", "com.example.IThing", "\xC3\xA9t\xC3\xA9 \xF0\x9F\x98\x80"};
+    Parcel parcel;
+    for (const char* text : texts) {
+        ASSERT_EQ(parcel.writeString16(String16(text)), android::OK);
+    }
+    ASSERT_EQ(parcel.writeInt32(0x7E57), android::OK);
+    parcel.setDataPosition(0);
+    for (const char* text : texts) {
+        String16 out;
+        ASSERT_EQ(parcel.readString16(&out), android::OK);
+        EXPECT_EQ(Utf8(out), text);
+    }
+    EXPECT_EQ(parcel.readInt32(), 0x7E57);
+}
+
+TEST(ParcelString16, ReadsAtAnOddPosition) {
+    Parcel parcel;
+    Load(&parcel, {0xEE, 3, 0, 0, 0, 'x', 0, 'y', 0, 'z', 0, 0, 0});
+    parcel.setDataPosition(1);
+    String16 out;
+    ASSERT_EQ(parcel.readString16(&out), android::OK);
+    EXPECT_EQ(Utf8(out), "xyz");
+    EXPECT_EQ(parcel.dataPosition(), 13u);
+}
+
+// ---- Interface tokens ------------------------------------------------------
+
+const char16_t kDescriptor[] = u"com.example.IThing";
+
+Bytes Token(uint32_t header, const std::u16string& descriptor) {
+    Parcel parcel;
+    parcel.writeInt32(static_cast<int32_t>(0x80000000u));
+    parcel.writeInt32(-1);
+    parcel.writeUint32(header);
+    parcel.writeString16(String16(descriptor.data(), descriptor.size()));
+    return Contents(parcel);
+}
+
+struct TokenCase {
+    const char* name;
+    Bytes bytes;
+    bool accepted;
+};
+
+const TokenCase kTokens[] = {
+    {"Matching", Token(0x53595354, kDescriptor), true},
+    {"VendorHeader", Token(0x564e4452, kDescriptor), false},
+    {"ZeroHeader", Token(0, kDescriptor), false},
+    {"PrefixDescriptor", Token(0x53595354, u"com.example.IThin"), false},
+    {"LongerDescriptor", Token(0x53595354, u"com.example.IThings"), false},
+    {"SameLengthOtherUnit", Token(0x53595354, u"com.example.IThinG"), false},
+    {"EmptyDescriptor", Token(0x53595354, u""), false},
+    {"NoToken", {}, false},
+    {"HeaderOnly", {0, 0, 0, 0x80, 0xFF, 0xFF, 0xFF, 0xFF, 0x54, 0x53, 0x59, 0x53}, false},
+};
+
+class ParcelInterfaceToken : public ::testing::TestWithParam<TokenCase> {};
+
+TEST_P(ParcelInterfaceToken, EnforceInterface) {
+    Parcel parcel;
+    Load(&parcel, GetParam().bytes);
+    EXPECT_EQ(parcel.enforceInterface(String16(kDescriptor)), GetParam().accepted);
+}
+
+// A binder that only knows its descriptor; checkInterface asks for nothing else.
+class DescriptorBinder : public android::IBinder {
+public:
+    explicit DescriptorBinder(const char16_t* descriptor) : mDescriptor(descriptor) {}
+    const String16& getInterfaceDescriptor() const override { return mDescriptor; }
+    bool isBinderAlive() const override { return true; }
+    status_t pingBinder() override { return android::OK; }
+    status_t transact(uint32_t, const Parcel&, Parcel*, uint32_t) override { return android::INVALID_OPERATION; }
+    status_t linkToDeath(const android::sp<DeathRecipient>&, void*, uint32_t) override {
+        return android::INVALID_OPERATION;
+    }
+    status_t unlinkToDeath(const android::wp<DeathRecipient>&, void*, uint32_t,
+                           android::wp<DeathRecipient>*) override {
+        return android::INVALID_OPERATION;
+    }
+
+private:
+    String16 mDescriptor;
+};
+
+TEST_P(ParcelInterfaceToken, CheckInterfaceAsksTheBinder) {
+    Parcel parcel;
+    Load(&parcel, GetParam().bytes);
+    const android::sp<DescriptorBinder> binder = new DescriptorBinder(kDescriptor);
+    EXPECT_EQ(parcel.checkInterface(binder.get()), GetParam().accepted);
+}
+
+INSTANTIATE_TEST_SUITE_P(Tokens, ParcelInterfaceToken, ::testing::ValuesIn(kTokens),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ParcelInterfaceTokenRoundTrip, WrittenTokenIsEnforcedAndConsumed) {
+    Parcel parcel;
+    ASSERT_EQ(parcel.writeInterfaceToken(String16(kDescriptor)), android::OK);
+    parcel.writeInt32(42);
+    parcel.setDataPosition(0);
+    ASSERT_TRUE(parcel.enforceInterface(String16(kDescriptor)));
+    EXPECT_EQ(parcel.readInt32(), 42);
+}
+
+TEST(ParcelInterfaceTokenRoundTrip, CheckInterfaceRefusesOtherBinderAndNull) {
+    Parcel parcel;
+    ASSERT_EQ(parcel.writeInterfaceToken(String16(kDescriptor)), android::OK);
+    const android::sp<DescriptorBinder> other = new DescriptorBinder(u"com.example.IOther");
+    parcel.setDataPosition(0);
+    EXPECT_FALSE(parcel.checkInterface(other.get()));
+    parcel.setDataPosition(0);
+    EXPECT_FALSE(parcel.checkInterface(nullptr));
+}
+
+// ---- Parcelables -----------------------------------------------------------
+
+// Writes and reads one int32; counts its reads.
+class Counter : public android::Parcelable {
+public:
+    explicit Counter(int32_t value = 0) : value(value) {}
+    status_t writeToParcel(Parcel* parcel) const override { return parcel->writeInt32(value); }
+    status_t readFromParcel(const Parcel* parcel) override {
+        ++reads;
+        return parcel->readInt32(&value);
+    }
+    int32_t value;
+    int reads = 0;
+};
+
+TEST(ParcelParcelable, WriteAddsPresenceMarkerOfOne) {
+    Parcel parcel;
+    ASSERT_EQ(parcel.writeParcelable(Counter(0x33)), android::OK);
+    EXPECT_EQ(Contents(parcel), (Bytes{1, 0, 0, 0, 0x33, 0, 0, 0}));
+}
+
+struct MarkerCase {
+    const char* name;
+    Bytes bytes;
+    status_t result;
+    int reads;
+    int32_t value;
+};
+
+const MarkerCase kMarkers[] = {
+    {"One", {1, 0, 0, 0, 9, 0, 0, 0}, android::OK, 1, 9},
+    {"Two", {2, 0, 0, 0, 9, 0, 0, 0}, android::OK, 1, 9},
+    {"Negative", {0xFF, 0xFF, 0xFF, 0xFF, 9, 0, 0, 0}, android::OK, 1, 9},
+    {"Zero", {0, 0, 0, 0, 9, 0, 0, 0}, android::UNEXPECTED_NULL, 0, -7},
+    {"MarkerMissing", {1, 0}, android::NOT_ENOUGH_DATA, 0, -7},
+    {"PayloadMissing", {1, 0, 0, 0}, android::NOT_ENOUGH_DATA, 1, -7},
+};
+
+class ParcelReadParcelable : public ::testing::TestWithParam<MarkerCase> {};
+
+TEST_P(ParcelReadParcelable, HonoursPresenceMarker) {
+    Parcel parcel;
+    Load(&parcel, GetParam().bytes);
+    Counter counter(-7);
+    EXPECT_EQ(parcel.readParcelable(&counter), GetParam().result);
+    EXPECT_EQ(counter.reads, GetParam().reads);
+    EXPECT_EQ(counter.value, GetParam().value);
+}
+
+INSTANTIATE_TEST_SUITE_P(Markers, ParcelReadParcelable, ::testing::ValuesIn(kMarkers),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// ---- Data management -------------------------------------------------------
+
+TEST(ParcelData, SetDataCopiesAndRewinds) {
+    Bytes source = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
+    Parcel parcel;
+    parcel.writeInt64(0);
+    ASSERT_EQ(parcel.setData(source.data(), source.size()), android::OK);
+    source[0] = 0xFF;
+    EXPECT_EQ(parcel.dataSize(), 10u);
+    EXPECT_EQ(parcel.dataPosition(), 0u);
+    EXPECT_EQ(parcel.dataAvail(), 10u);
+    EXPECT_EQ(parcel.readInt32(), 0x04030201);
+    EXPECT_EQ(parcel.dataAvail(), 6u);
+}
+
+TEST(ParcelData, PositionPastEndLeavesNothingAvailable) {
+    Parcel parcel;
+    Load(&parcel, Bytes(8, 1));
+    for (size_t pos : {size_t{0}, size_t{3}, size_t{8}, size_t{9}, size_t{1000}}) {
+        parcel.setDataPosition(pos);
+        EXPECT_EQ(parcel.dataPosition(), pos);
+        EXPECT_EQ(parcel.dataAvail(), pos < 8 ? 8 - pos : 0) << pos;
+    }
+}
+
+TEST(ParcelData, SetDataRefusesNullBufferWithLength) {
+    Parcel parcel;
+    parcel.writeInt32(5);
+    EXPECT_NE(parcel.setData(nullptr, 4), android::OK);
+    EXPECT_EQ(parcel.setData(nullptr, 0), android::OK);
+    EXPECT_EQ(parcel.dataSize(), 0u);
+}
+
+TEST(ParcelData, FreeDataEmptiesEverything) {
+    Parcel parcel;
+    Load(&parcel, Bytes(24, 0));
+    ASSERT_EQ(parcel.appendObject(0), android::OK);
+    parcel.freeData();
+    EXPECT_EQ(parcel.dataSize(), 0u);
+    EXPECT_EQ(parcel.dataPosition(), 0u);
+    EXPECT_EQ(parcel.objectsCount(), 0u);
+}
+
+// ---- Object table ----------------------------------------------------------
+
+struct ObjectsCase {
+    const char* name;
+    size_t dataSize;
+    std::vector<uint64_t> offsets;
+    bool valid;
+};
+
+const ObjectsCase kObjectTables[] = {
+    {"Empty", 0, {}, true},
+    {"One", 24, {0}, true},
+    {"Adjacent", 52, {4, 28}, true},
+    {"EndsAtDataEnd", 48, {24}, true},
+    {"Unaligned", 48, {2}, false},
+    {"UnalignedSecond", 64, {0, 26}, false},
+    {"PastEnd", 48, {28}, false},
+    {"StartsOutsideData", 24, {1u << 20}, false},
+    {"HugeOffset", 24, {~uint64_t{0} - 3}, false},
+    {"NoData", 0, {0}, false},
+    {"Overlapping", 64, {0, 20}, false},
+    {"Duplicate", 64, {8, 8}, false},
+    {"OutOfOrder", 64, {24, 0}, false},
+};
+
+class ParcelObjectTable : public ::testing::TestWithParam<ObjectsCase> {};
+
+TEST_P(ParcelObjectTable, SetObjectsValidatesOrEmpties) {
+    const ObjectsCase& c = GetParam();
+    Parcel parcel;
+    Load(&parcel, Bytes(c.dataSize, 0));
+    const status_t result = parcel.setObjects(c.offsets.data(), c.offsets.size());
+    EXPECT_EQ(result == android::OK, c.valid);
+    const std::vector<uint64_t> kept(parcel.objects(), parcel.objects() + parcel.objectsCount());
+    EXPECT_EQ(kept, c.valid ? c.offsets : std::vector<uint64_t>());
+}
+
+TEST_P(ParcelObjectTable, AppendObjectAcceptsTheValidPrefix) {
+    const ObjectsCase& c = GetParam();
+    Parcel parcel;
+    Load(&parcel, Bytes(c.dataSize, 0));
+    status_t last = android::OK;
+    for (uint64_t offset : c.offsets) {
+        last = parcel.appendObject(offset);
+        if (last != android::OK) break;
+    }
+    EXPECT_EQ(last == android::OK, c.valid);
+    EXPECT_EQ(parcel.objectsCount(), c.valid ? c.offsets.size() : c.offsets.size() - 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Tables, ParcelObjectTable, ::testing::ValuesIn(kObjectTables),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ParcelObjectTable, SetDataForgetsObjects) {
+    Parcel parcel;
+    Load(&parcel, Bytes(24, 0));
+    ASSERT_EQ(parcel.appendObject(0), android::OK);
+    Load(&parcel, Bytes(24, 0));
+    EXPECT_EQ(parcel.objectsCount(), 0u);
+    int32_t value = -1;
+    EXPECT_EQ(parcel.readInt32(&value), android::OK);
+}
+
+// Object at bytes 8..31 of 40; reads that touch it are refused.
+TEST(ParcelObjectTable, PlainReadsMustNotOverlapAnObject) {
+    Parcel parcel;
+    Load(&parcel, Bytes(40, 0));
+    ASSERT_EQ(parcel.appendObject(8), android::OK);
+    const struct {
+        size_t pos;
+        size_t len;
+        status_t result;
+    } reads[] = {
+        {0, 4, android::OK},  {4, 4, android::OK},  {4, 8, android::PERMISSION_DENIED},
+        {8, 4, android::PERMISSION_DENIED},         {20, 4, android::PERMISSION_DENIED},
+        {28, 4, android::PERMISSION_DENIED},        {0, 40, android::PERMISSION_DENIED},
+        {32, 4, android::OK}, {32, 8, android::OK}, {6, 1, android::PERMISSION_DENIED},
+    };
+    for (const auto& r : reads) {
+        parcel.setDataPosition(r.pos);
+        uint8_t out[40] = {};
+        EXPECT_EQ(parcel.read(out, r.len), r.result) << r.pos << "+" << r.len;
+        EXPECT_EQ(parcel.dataPosition(), r.result == android::OK ? r.pos + ((r.len + 3) & ~size_t{3}) : r.pos);
+    }
+    parcel.setDataPosition(8);
+    int32_t value = 0;
+    EXPECT_EQ(parcel.readInt32(&value), android::PERMISSION_DENIED);
+    EXPECT_EQ(parcel.readInt32(), 0);
+    parcel.setDataPosition(4);
+    int64_t wide = 0;
+    EXPECT_EQ(parcel.readInt64(&wide), android::PERMISSION_DENIED);
+    EXPECT_EQ(parcel.readInplace(8), nullptr);
+    parcel.setDataPosition(8);
+    String16 text(u"x");
+    EXPECT_EQ(parcel.readString16(&text), android::UNEXPECTED_NULL);
+}
+
+}  // namespace

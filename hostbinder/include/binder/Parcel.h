@@ -70,6 +70,10 @@ public:
     status_t readBool(bool* pArg) const;
     String16 readString16() const;
     status_t readString16(String16* pArg) const;
+    // The units of a String16 inside the data, or null on the failures of
+    // readString16. The pointer may be misaligned after an odd setDataPosition,
+    // so copy units out with memcpy rather than dereferencing it.
+    const char16_t* readString16Inplace(size_t* outLen) const;
     status_t readParcelable(Parcelable* parcelable) const;
 
     // The object table: byte offsets of the binder objects in the data, in
@@ -98,7 +102,18 @@ private:
     template <typename T> status_t readValue(T* out) const;
     template <typename T> T readValueOrZero() const;
 
-    std::vector<uint8_t> mData;
+    // Grows the buffer to hold at least `needed` bytes; false when memory runs out.
+    bool reserveData(size_t needed);
+
+    struct FreeDeleter {
+        void operator()(uint8_t* data) const;
+    };
+    // Grown with realloc, as the platform's parcel is: large buffers are moved
+    // by remapping pages rather than copying them, and nothing is zero-filled
+    // that a write is about to cover.
+    std::unique_ptr<uint8_t, FreeDeleter> mData;
+    size_t mDataSize = 0;
+    size_t mDataCapacity = 0;
     std::vector<uint64_t> mObjects;
     mutable size_t mDataPos = 0;
 };
