@@ -6,9 +6,10 @@
 #include <utils/RefBase.h>
 #include <utils/String16.h>
 
-// Packs four characters big-endian into a transaction code, as the platform does.
+// Packs four characters big-endian into a transaction code. Spelled exactly
+// as in the kernel's binder header, so that both can be included.
 #define B_PACK_CHARS(c1, c2, c3, c4) \
-    ((static_cast<uint32_t>(c1) << 24) | (static_cast<uint32_t>(c2) << 16) | (static_cast<uint32_t>(c3) << 8) | static_cast<uint32_t>(c4))
+	((((c1)<<24)) | (((c2)<<16)) | (((c3)<<8)) | (c4))
 
 namespace android {
 

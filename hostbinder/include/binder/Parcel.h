@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <utils/Errors.h>
+#include <utils/RefBase.h>
 #include <utils/String16.h>
 
 namespace android {
@@ -56,6 +57,15 @@ public:
     status_t writeString16(const char16_t* str, size_t len);
     status_t writeParcelable(const Parcelable& parcelable);
 
+    // Binder objects, framed as flat_binder_object plus a stability level.
+    status_t writeStrongBinder(const sp<IBinder>& val);
+    status_t readStrongBinder(sp<IBinder>* val) const;
+    status_t readNullableStrongBinder(sp<IBinder>* val) const;
+    sp<IBinder> readStrongBinder() const;
+    // For the runtime: takes the binders of a parcel that binderd delivered,
+    // counting each handle's arrival, and keeps them alive with the parcel.
+    void takeDeliveredBinders();
+
     status_t read(void* outData, size_t len) const;
     const void* readInplace(size_t len) const;
     int32_t readInt32() const;
@@ -102,6 +112,9 @@ private:
     template <typename T> status_t readValue(T* out) const;
     template <typename T> T readValueOrZero() const;
 
+    status_t readBinderObject(sp<IBinder>* val, bool nullable) const;
+    void holdBinder(const sp<IBinder>& binder);
+
     // Grows the buffer to hold at least `needed` bytes; false when memory runs out.
     bool reserveData(size_t needed);
 
@@ -115,6 +128,8 @@ private:
     size_t mDataSize = 0;
     size_t mDataCapacity = 0;
     std::vector<uint64_t> mObjects;
+    // Binders whose objects this parcel carries, alive while it is.
+    std::vector<sp<RefBase>> mHeldBinders;
     mutable size_t mDataPos = 0;
 };
 

@@ -1,0 +1,213 @@
+#include <binder/IPCThreadState.h>
+
+#include <linux/android/binder.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include <binder/Binder.h>
+
+#include "protocol/Connection.h"
+
+namespace android {
+
+using hostbinder::Connection;
+using hostbinder::TransactionHeader;
+
+namespace {
+
+// The local binders listed in a parcel's object table, each of which travels
+// with one strong reference until binderd hands it back.
+std::vector<BBinder*> localBindersIn(const Parcel& parcel) {
+    std::vector<BBinder*> nodes;
+    for (size_t i = 0; i < parcel.objectsCount(); ++i) {
+        flat_binder_object object;
+        std::memcpy(&object, parcel.data() + parcel.objects()[i], sizeof(object));
+        if (object.hdr.type == BINDER_TYPE_BINDER && object.cookie != 0) {
+            nodes.push_back(reinterpret_cast<BBinder*>(object.cookie));
+        }
+    }
+    return nodes;
+}
+
+TransactionHeader headerFor(const Parcel& parcel) {
+    TransactionHeader header{};
+    header.dataSize = static_cast<uint32_t>(parcel.dataSize());
+    header.offsetsCount = static_cast<uint32_t>(parcel.objectsCount());
+    return header;
+}
+
+bool fitsLimit(const Parcel& parcel) {
+    return parcel.dataSize() + parcel.objectsCount() * sizeof(uint64_t) <= hostbinder::kMaxTransactionBytes;
+}
+
+// Fills `parcel` from a delivered transaction, taking the binders it carries.
+void fillParcel(const hostbinder::TransactionView& view, Parcel* parcel) {
+    parcel->setData(view.data, view.header.dataSize);
+    std::vector<uint64_t> offsets(view.header.offsetsCount);
+    std::memcpy(offsets.data(), view.offsets, offsets.size() * sizeof(uint64_t));
+    parcel->setObjects(offsets.data(), offsets.size());
+    parcel->takeDeliveredBinders();
+}
+
+}  // namespace
+
+IPCThreadState* IPCThreadState::self() {
+    thread_local std::unique_ptr<IPCThreadState> state(new IPCThreadState());
+    return state.get();
+}
+
+IPCThreadState::IPCThreadState()
+    : mProcess(ProcessState::self()), mCallingPid(getpid()), mCallingUid(getuid()) {}
+
+IPCThreadState::~IPCThreadState() = default;
+
+sp<ProcessState> IPCThreadState::process() { return mProcess; }
+
+pid_t IPCThreadState::getCallingPid() const { return mCallingPid; }
+
+uid_t IPCThreadState::getCallingUid() const { return mCallingUid; }
+
+void IPCThreadState::flushCommands() {}
+
+bool IPCThreadState::connect() {
+    if (mConnection != nullptr && mGeneration == mProcess->generation()) {
+        return true;
+    }
+    mConnection.reset();
+    hostbinder::HelloThread hello{};
+    uint64_t generation = 0;
+    if (!mProcess->ensureSession(&hello.token, &generation)) {
+        return false;
+    }
+    mConnection = Connection::open(hostbinder::defaultSocketPath());
+    if (mConnection == nullptr || !mConnection->send(hostbinder::kHelloThread, &hello, sizeof(hello))) {
+        mConnection.reset();
+        return false;
+    }
+    mGeneration = generation;
+    return true;
+}
+
+status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
+    if (!fitsLimit(data)) {
+        return FAILED_TRANSACTION;
+    }
+    if (!connect()) {
+        return DEAD_OBJECT;
+    }
+    const std::vector<BBinder*> sentNodes = localBindersIn(data);
+    mProcess->noteSendRefs(sentNodes);
+    TransactionHeader header = headerFor(data);
+    header.target = static_cast<uint32_t>(handle);
+    header.code = code;
+    header.flags = flags & IBinder::FLAG_ONEWAY;
+    if (!mConnection->sendTransaction(hostbinder::kTransaction, header, data.data(), data.objects())) {
+        connectionLost();
+        return DEAD_OBJECT;
+    }
+    Parcel unusedReply;
+    const status_t status = waitForResponse(reply != nullptr ? reply : &unusedReply);
+    if (status == hostbinder::kRefusedMarker) {
+        for (BBinder* node : sentNodes) {
+            mProcess->dropNodeRef(node);
+        }
+        return mRefusedStatus;
+    }
+    return status;
+}
+
+status_t IPCThreadState::waitForResponse(Parcel* reply) {
+    uint32_t command = 0;
+    std::vector<uint8_t> payload;
+    while (mConnection->receive(&command, &payload)) {
+        const hostbinder::Frame frame{command, payload.data(), static_cast<uint32_t>(payload.size())};
+        switch (command) {
+            case hostbinder::kTransactionComplete:
+                return OK;
+            case hostbinder::kRefused:
+                if (!hostbinder::parseFixed(frame, &mRefusedStatus)) {
+                    mRefusedStatus = FAILED_TRANSACTION;
+                }
+                return hostbinder::kRefusedMarker;
+            case hostbinder::kIncomingReply: {
+                hostbinder::TransactionView view;
+                if (!hostbinder::parseTransaction(frame, &view)) {
+                    return FAILED_TRANSACTION;
+                }
+                if (view.header.status != OK) {
+                    return view.header.status;
+                }
+                fillParcel(view, reply);
+                return OK;
+            }
+            case hostbinder::kIncomingTransaction:
+                executeTransaction(frame);
+                break;
+            default:
+                break;
+        }
+    }
+    connectionLost();
+    return DEAD_OBJECT;
+}
+
+void IPCThreadState::connectionLost() {
+    mConnection.reset();
+    mProcess->sessionBroken(mGeneration);
+}
+
+void IPCThreadState::executeTransaction(const hostbinder::Frame& frame) {
+    hostbinder::TransactionView view;
+    if (!hostbinder::parseTransaction(frame, &view)) {
+        return;
+    }
+    Parcel data;
+    fillParcel(view, &data);
+    const pid_t outerPid = mCallingPid;
+    const uid_t outerUid = mCallingUid;
+    mCallingPid = view.header.senderPid;
+    mCallingUid = view.header.senderUid;
+    const sp<BBinder> target(reinterpret_cast<BBinder*>(view.header.target));
+    const bool oneway = (view.header.flags & IBinder::FLAG_ONEWAY) != 0;
+    Parcel reply;
+    status_t status = target->transact(view.header.code, data, oneway ? nullptr : &reply, view.header.flags);
+    mCallingPid = outerPid;
+    mCallingUid = outerUid;
+    if (mConnection == nullptr) {
+        return;
+    }
+    if (oneway) {
+        mConnection->send(hostbinder::kOnewayDone, nullptr, 0);
+        return;
+    }
+    if (status == OK && !fitsLimit(reply)) {
+        status = FAILED_TRANSACTION;
+    }
+    sendReply(reply, status);
+}
+
+void IPCThreadState::sendReply(const Parcel& reply, status_t status) {
+    static const Parcel kEmpty;
+    const Parcel& sent = status == OK ? reply : kEmpty;
+    TransactionHeader header = headerFor(sent);
+    header.status = status;
+    mProcess->noteSendRefs(localBindersIn(sent));
+    mConnection->sendTransaction(hostbinder::kReply, header, sent.data(), sent.objects());
+}
+
+void IPCThreadState::joinThreadPool(bool /*isMain*/) {
+    if (!connect() || !mConnection->send(hostbinder::kEnterLooper, nullptr, 0)) {
+        return;
+    }
+    uint32_t command = 0;
+    std::vector<uint8_t> payload;
+    while (mConnection != nullptr && mConnection->receive(&command, &payload)) {
+        if (command == hostbinder::kIncomingTransaction) {
+            executeTransaction({command, payload.data(), static_cast<uint32_t>(payload.size())});
+        }
+    }
+    mConnection.reset();
+}
+
+}  // namespace android

@@ -1,0 +1,121 @@
+// The binder-object part of Parcel: flat_binder_object framing and the
+// translation of delivered objects into this process's binders.
+#include <binder/Parcel.h>
+
+#include <linux/android/binder.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include <binder/Binder.h>
+#include <binder/BpBinder.h>
+#include <binder/ProcessState.h>
+
+namespace android {
+
+namespace {
+
+constexpr uint32_t kObjectFlags = 0x13 | FLAT_BINDER_FLAG_ACCEPTS_FDS;
+constexpr int32_t kStabilitySystem = 12;
+
+bool isKnownStability(int32_t level) { return level == 3 || level == 12 || level == 63; }
+
+}  // namespace
+
+static_assert(sizeof(flat_binder_object) == Parcel::kObjectSize, "object table entries are flat binder objects");
+
+void Parcel::holdBinder(const sp<IBinder>& binder) { mHeldBinders.push_back(binder); }
+
+status_t Parcel::writeStrongBinder(const sp<IBinder>& val) {
+    flat_binder_object object{};
+    object.hdr.type = BINDER_TYPE_BINDER;
+    object.flags = kObjectFlags;
+    int32_t stability = 0;
+    if (val != nullptr) {
+        stability = kStabilitySystem;
+        if (BBinder* local = val->localBinder(); local != nullptr) {
+            object.binder = reinterpret_cast<uintptr_t>(local->getWeakRefs());
+            object.cookie = reinterpret_cast<uintptr_t>(local);
+        } else if (BpBinder* proxy = val->remoteBinder(); proxy != nullptr) {
+            object.hdr.type = BINDER_TYPE_HANDLE;
+            object.handle = static_cast<uint32_t>(proxy->handle());
+        } else {
+            return BAD_TYPE;
+        }
+    }
+    const size_t offset = dataPosition();
+    status_t status = write(&object, sizeof(object));
+    if (status != OK) {
+        return status;
+    }
+    if (val != nullptr) {
+        if ((status = appendObject(offset)) != OK) {
+            return status;
+        }
+        holdBinder(val);
+    }
+    return writeInt32(stability);
+}
+
+status_t Parcel::readBinderObject(sp<IBinder>* val, bool nullable) const {
+    const size_t start = dataPosition();
+    if (dataSize() < start || dataSize() - start < kObjectSize) {
+        return NOT_ENOUGH_DATA;
+    }
+    flat_binder_object object;
+    std::memcpy(&object, data() + start, sizeof(object));
+    const bool isNull = object.binder == 0 && object.cookie == 0;
+    const bool listed = std::binary_search(objects(), objects() + objectsCount(), uint64_t{start});
+    if (!isNull && !listed) {
+        return BAD_TYPE;
+    }
+    sp<IBinder> binder;
+    if (!isNull) {
+        if (object.hdr.type == BINDER_TYPE_BINDER) {
+            binder = reinterpret_cast<BBinder*>(object.cookie);
+        } else if (object.hdr.type == BINDER_TYPE_HANDLE) {
+            binder = ProcessState::self()->getStrongProxyForHandle(static_cast<int32_t>(object.handle));
+        } else {
+            return BAD_TYPE;
+        }
+    }
+    setDataPosition(start + kObjectSize);
+    int32_t stability = 0;
+    if (const status_t status = readInt32(&stability); status != OK) {
+        setDataPosition(start);
+        return status;
+    }
+    if (isNull ? stability != 0 : !isKnownStability(stability)) {
+        setDataPosition(start);
+        return BAD_TYPE;
+    }
+    if (isNull && !nullable) {
+        return UNEXPECTED_NULL;
+    }
+    *val = binder;
+    return OK;
+}
+
+status_t Parcel::readStrongBinder(sp<IBinder>* val) const { return readBinderObject(val, false); }
+
+status_t Parcel::readNullableStrongBinder(sp<IBinder>* val) const { return readBinderObject(val, true); }
+
+sp<IBinder> Parcel::readStrongBinder() const {
+    sp<IBinder> binder;
+    readNullableStrongBinder(&binder);
+    return binder;
+}
+
+void Parcel::takeDeliveredBinders() {
+    for (size_t i = 0; i < objectsCount(); ++i) {
+        flat_binder_object object;
+        std::memcpy(&object, data() + objects()[i], sizeof(object));
+        if (object.hdr.type == BINDER_TYPE_HANDLE) {
+            holdBinder(ProcessState::self()->takeDeliveredHandle(static_cast<int32_t>(object.handle)));
+        } else if (object.hdr.type == BINDER_TYPE_BINDER && object.cookie != 0) {
+            holdBinder(reinterpret_cast<BBinder*>(object.cookie));
+        }
+    }
+}
+
+}  // namespace android

@@ -1,0 +1,270 @@
+#include <binder/ProcessState.h>
+
+#include <binder/Binder.h>
+#include <binder/BpBinder.h>
+#include <binder/IPCThreadState.h>
+#include <log/log.h>
+
+#include "protocol/Connection.h"
+
+namespace android {
+
+using hostbinder::Connection;
+
+namespace {
+constexpr const char* kTag = "hostbinder";
+}  // namespace
+
+sp<ProcessState> ProcessState::self() {
+    // Never destroyed: pool threads and proxies may outlive static teardown.
+    static ProcessState* const instance = [] {
+        auto* state = new ProcessState();
+        state->incStrong(state);
+        return state;
+    }();
+    return instance;
+}
+
+sp<ProcessState> ProcessState::selfOrNull() { return self(); }
+
+ProcessState::ProcessState() = default;
+ProcessState::~ProcessState() = default;
+
+sp<IBinder> ProcessState::getContextObject(const sp<IBinder>& /*caller*/) { return getStrongProxyForHandle(0); }
+
+bool ProcessState::connectLocked() {
+    std::shared_ptr<Connection> control = Connection::open(hostbinder::defaultSocketPath());
+    if (control == nullptr) {
+        return false;
+    }
+    const hostbinder::HelloProcess hello{static_cast<uint32_t>(mMaxThreads), 0};
+    uint32_t command = 0;
+    std::vector<uint8_t> payload;
+    hostbinder::HelloThread welcome{};
+    if (!control->send(hostbinder::kHelloProcess, &hello, sizeof(hello)) || !control->receive(&command, &payload) ||
+        command != hostbinder::kWelcome || payload.size() != sizeof(welcome)) {
+        return false;
+    }
+    std::memcpy(&welcome, payload.data(), sizeof(welcome));
+    mControl = control;
+    mToken = welcome.token;
+    const uint64_t generation = ++mGeneration;
+    mSpawnedThreads = 0;
+    std::thread(&ProcessState::controlLoop, this, control, generation).detach();
+    return true;
+}
+
+bool ProcessState::ensureSession(uint64_t* token, uint64_t* generation) {
+    bool restartPool = false;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mControl == nullptr) {
+            if (!connectLocked()) {
+                return false;
+            }
+            restartPool = mThreadPoolStarted;
+        }
+        *token = mToken;
+        *generation = mGeneration;
+    }
+    if (restartPool) {
+        spawnPooledThread(true);
+    }
+    return true;
+}
+
+uint64_t ProcessState::generation() const { return mGeneration; }
+
+void ProcessState::sessionBroken(uint64_t generation) {
+    // The control thread reports the loss (recipients hear of it on that
+    // binder thread); this thread only hurries it along.
+    std::unique_lock<std::mutex> lock(mLock);
+    if (mGeneration != generation || mControl == nullptr) {
+        return;
+    }
+    mControl->shutdown();
+    mSessionEnded.wait_for(lock, std::chrono::seconds(2),
+                           [&] { return mGeneration != generation || mControl == nullptr; });
+}
+
+void ProcessState::startThreadPool() {
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mThreadPoolStarted) {
+            return;
+        }
+        mThreadPoolStarted = true;
+    }
+    spawnPooledThread(true);
+}
+
+status_t ProcessState::setThreadPoolMaxThreadCount(size_t maxThreads) {
+    uint32_t count = 0;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mMaxThreads = maxThreads;
+        count = static_cast<uint32_t>(maxThreads);
+    }
+    // Before the first connection the count travels in the hello.
+    const status_t status = sendControl(hostbinder::kSetMaxThreads, &count, sizeof(count));
+    return status == DEAD_OBJECT ? OK : status;
+}
+
+void ProcessState::spawnPooledThread(bool isMain) {
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (!isMain && mSpawnedThreads >= mMaxThreads) {
+            return;
+        }
+        ++mSpawnedThreads;
+    }
+    std::thread([isMain] { IPCThreadState::self()->joinThreadPool(isMain); }).detach();
+}
+
+sp<IBinder> ProcessState::getStrongProxyForHandle(int32_t handle) {
+    std::lock_guard<std::mutex> lock(mLock);
+    HandleEntry& entry = mHandles[handle];
+    sp<IBinder> proxy = entry.proxy.promote();
+    if (proxy == nullptr) {
+        proxy = BpBinder::create(handle);
+        entry.proxy = proxy;
+    }
+    return proxy;
+}
+
+sp<IBinder> ProcessState::takeDeliveredHandle(int32_t handle) {
+    std::lock_guard<std::mutex> lock(mLock);
+    HandleEntry& entry = mHandles[handle];
+    ++entry.deliveries;
+    sp<IBinder> proxy = entry.proxy.promote();
+    if (proxy == nullptr) {
+        proxy = BpBinder::create(handle);
+        entry.proxy = proxy;
+    }
+    return proxy;
+}
+
+void ProcessState::expungeHandle(int32_t handle, IBinder* binder) {
+    hostbinder::HandleCount release{static_cast<uint32_t>(handle), 0};
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        auto it = mHandles.find(handle);
+        // A newer proxy may already have replaced this one for the handle.
+        if (it == mHandles.end() || it->second.proxy != binder) {
+            return;
+        }
+        release.count = it->second.deliveries;
+        mHandles.erase(it);
+    }
+    if (release.count > 0) {
+        sendControl(hostbinder::kReleaseHandle, &release, sizeof(release));
+    }
+}
+
+void ProcessState::noteSendRefs(const std::vector<BBinder*>& nodes) {
+    std::lock_guard<std::mutex> lock(mLock);
+    for (BBinder* node : nodes) {
+        node->incStrong(this);
+        ++mNodeRefs[node];
+    }
+}
+
+void ProcessState::dropNodeRef(BBinder* node) {
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        auto it = mNodeRefs.find(node);
+        if (it == mNodeRefs.end()) {
+            return;
+        }
+        if (--it->second == 0) {
+            mNodeRefs.erase(it);
+        }
+    }
+    node->decStrong(this);
+}
+
+status_t ProcessState::requestDeathNotification(int32_t handle) {
+    const hostbinder::HandleCount request{static_cast<uint32_t>(handle), 0};
+    return sendControl(hostbinder::kRequestDeath, &request, sizeof(request));
+}
+
+status_t ProcessState::clearDeathNotification(int32_t handle) {
+    const hostbinder::HandleCount request{static_cast<uint32_t>(handle), 0};
+    return sendControl(hostbinder::kClearDeath, &request, sizeof(request));
+}
+
+status_t ProcessState::sendControl(uint32_t command, const void* payload, size_t size) {
+    std::shared_ptr<Connection> control;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        control = mControl;
+    }
+    if (control == nullptr || !control->send(command, payload, size)) {
+        return DEAD_OBJECT;
+    }
+    return OK;
+}
+
+void ProcessState::controlLoop(std::shared_ptr<Connection> control, uint64_t generation) {
+    uint32_t command = 0;
+    std::vector<uint8_t> payload;
+    while (control->receive(&command, &payload)) {
+        if (command == hostbinder::kSpawnLooper) {
+            spawnPooledThread(false);
+        } else if (command == hostbinder::kDecNode && payload.size() == sizeof(uint64_t)) {
+            uint64_t cookie = 0;
+            std::memcpy(&cookie, payload.data(), sizeof(cookie));
+            dropNodeRef(reinterpret_cast<BBinder*>(cookie));
+        } else if (command == hostbinder::kDeadBinder && payload.size() == sizeof(uint32_t)) {
+            int32_t handle = 0;
+            std::memcpy(&handle, payload.data(), sizeof(handle));
+            sp<IBinder> proxy;
+            {
+                std::lock_guard<std::mutex> lock(mLock);
+                auto it = mHandles.find(handle);
+                if (it != mHandles.end()) {
+                    proxy = it->second.proxy.promote();
+                }
+            }
+            if (proxy != nullptr) {
+                proxy->remoteBinder()->sendObituary();
+            }
+        }
+    }
+    onSessionLost(generation);
+}
+
+void ProcessState::onSessionLost(uint64_t generation) {
+    std::vector<sp<IBinder>> proxies;
+    std::map<BBinder*, uint32_t> nodeRefs;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mGeneration != generation) {
+            return;
+        }
+        __android_log_print(ANDROID_LOG_WARN, kTag, "binderd connection lost");
+        if (mControl != nullptr) {
+            mControl->shutdown();
+        }
+        mControl.reset();
+        mSessionEnded.notify_all();
+        for (auto& [handle, entry] : mHandles) {
+            sp<IBinder> proxy = entry.proxy.promote();
+            if (proxy != nullptr) {
+                proxies.push_back(proxy);
+            }
+        }
+        mHandles.clear();
+        nodeRefs.swap(mNodeRefs);
+    }
+    for (const sp<IBinder>& proxy : proxies) {
+        proxy->remoteBinder()->sendObituary();
+    }
+    for (const auto& [node, count] : nodeRefs) {
+        for (uint32_t i = 0; i < count; ++i) {
+            node->decStrong(this);
+        }
+    }
+}
+
+}  // namespace android

@@ -1,0 +1,204 @@
+#include "Driver.h"
+
+#include <log/log.h>
+
+#include <algorithm>
+
+namespace android::binderd {
+
+using namespace hostbinder;
+
+namespace {
+constexpr const char* kTag = "binderd";
+constexpr uint32_t kMaxPoolThreads = 1024;
+}  // namespace
+
+Driver::Driver(Outbox& outbox, bool verbose)
+    : mOutbox(outbox), mVerbose(verbose), mTokens(std::random_device{}()) {
+    mServiceManager.maxThreads = 0;
+    mContextNode = std::make_shared<Node>();
+    mContextNode->owner = &mServiceManager;
+    // Never released: the context object lives as long as binderd.
+    mContextNode->refs = 1;
+}
+
+Driver::~Driver() = default;
+
+void Driver::onConnect(ConnectionId id, pid_t pid, uid_t uid) {
+    Peer& peer = mPeers[id];
+    peer.pid = pid;
+    peer.uid = uid;
+}
+
+bool Driver::onFrame(ConnectionId id, const Frame& frame) {
+    auto it = mPeers.find(id);
+    if (it == mPeers.end()) {
+        return false;
+    }
+    Peer& peer = it->second;
+    if (peer.process != nullptr) {
+        return onControlFrame(*peer.process, frame);
+    }
+    if (peer.thread != nullptr) {
+        return onThreadFrame(*peer.thread, frame);
+    }
+    return startSession(id, peer, frame);
+}
+
+bool Driver::startSession(ConnectionId id, Peer& peer, const Frame& frame) {
+    if (frame.command == kHelloProcess) {
+        HelloProcess hello;
+        if (!parseFixed(frame, &hello)) {
+            return false;
+        }
+        auto process = std::make_unique<Process>();
+        do {
+            process->token = mTokens();
+        } while (process->token == 0 || mProcesses.count(process->token) != 0);
+        process->pid = peer.pid;
+        process->uid = peer.uid;
+        process->control = id;
+        process->maxThreads = std::min(hello.maxThreads, kMaxPoolThreads);
+        peer.process = process.get();
+        const HelloThread welcome{process->token};
+        mOutbox.send(id, kWelcome, &welcome, sizeof(welcome));
+        if (mVerbose) {
+            __android_log_print(ANDROID_LOG_INFO, kTag, "process %d (uid %u) joined", peer.pid, peer.uid);
+        }
+        mProcesses.emplace(process->token, std::move(process));
+        return true;
+    }
+    if (frame.command == kHelloThread) {
+        HelloThread hello;
+        if (!parseFixed(frame, &hello)) {
+            return false;
+        }
+        auto owner = mProcesses.find(hello.token);
+        // The token proves the session; the peer pid proves the thread runs
+        // in that session's process.
+        if (owner == mProcesses.end() || owner->second->pid != peer.pid) {
+            return false;
+        }
+        auto thread = std::make_unique<Thread>();
+        thread->connection = id;
+        thread->process = owner->second.get();
+        owner->second->threads.push_back(thread.get());
+        peer.thread = thread.get();
+        mThreads.emplace(id, std::move(thread));
+        return true;
+    }
+    return false;
+}
+
+bool Driver::onControlFrame(Process& process, const Frame& frame) {
+    HandleCount request;
+    switch (frame.command) {
+        case kReleaseHandle:
+            return parseFixed(frame, &request) && releaseHandle(process, request.handle, request.count);
+        case kRequestDeath:
+            return parseFixed(frame, &request) && requestDeath(process, request.handle);
+        case kClearDeath:
+            return parseFixed(frame, &request) && clearDeath(process, request.handle);
+        case kSetMaxThreads: {
+            uint32_t count = 0;
+            if (!parseFixed(frame, &count)) {
+                return false;
+            }
+            process.maxThreads = std::min(count, kMaxPoolThreads);
+            return true;
+        }
+        default:
+            return false;
+    }
+}
+
+bool Driver::onThreadFrame(Thread& thread, const Frame& frame) {
+    releaseTransit(thread);
+    TransactionView view;
+    switch (frame.command) {
+        case kTransaction:
+            return parseTransaction(frame, &view) && startTransaction(thread, view);
+        case kReply:
+            return parseTransaction(frame, &view) && finishReply(thread, view);
+        case kOnewayDone:
+            return frame.payloadSize == 0 && finishOneway(thread);
+        case kEnterLooper:
+            if (frame.payloadSize != 0 || thread.looper) {
+                return false;
+            }
+            thread.looper = true;
+            ++thread.process->loopers;
+            if (thread.process->pendingSpawns > 0) {
+                --thread.process->pendingSpawns;
+            }
+            becomeIdle(thread);
+            return true;
+        default:
+            return false;
+    }
+}
+
+void Driver::onDisconnect(ConnectionId id) {
+    auto it = mPeers.find(id);
+    if (it == mPeers.end()) {
+        return;
+    }
+    Peer peer = it->second;
+    mPeers.erase(it);
+    if (peer.process != nullptr) {
+        processDied(*peer.process);
+    } else if (peer.thread != nullptr) {
+        threadGone(*peer.thread);
+    }
+}
+
+void Driver::threadGone(Thread& thread) {
+    Process& process = *thread.process;
+    releaseTransit(thread);
+    if (thread.awaiting != nullptr) {
+        thread.awaiting->from = nullptr;
+    }
+    // Everyone waiting on this thread's work learns that it will never come.
+    for (auto it = thread.serving.rbegin(); it != thread.serving.rend(); ++it) {
+        abandon(*it);
+    }
+    thread.serving.clear();
+    if (thread.looper) {
+        --process.loopers;
+    }
+    process.idleLoopers.erase(std::remove(process.idleLoopers.begin(), process.idleLoopers.end(), &thread),
+                              process.idleLoopers.end());
+    process.threads.erase(std::remove(process.threads.begin(), process.threads.end(), &thread),
+                          process.threads.end());
+    mThreads.erase(thread.connection);
+}
+
+void Driver::processDied(Process& process) {
+    if (mVerbose) {
+        __android_log_print(ANDROID_LOG_INFO, kTag, "process %d left", process.pid);
+    }
+    const std::vector<Thread*> threads = process.threads;
+    for (Thread* thread : threads) {
+        mPeers.erase(thread->connection);
+        mOutbox.cut(thread->connection);
+        threadGone(*thread);
+    }
+    while (!process.todo.empty()) {
+        std::shared_ptr<Transaction> transaction = process.todo.front();
+        process.todo.pop_front();
+        abandon(transaction);
+    }
+    removeServicesOf(process);
+    const auto nodes = process.nodes;
+    for (const auto& entry : nodes) {
+        notifyDeath(*entry.second);
+    }
+    process.nodes.clear();
+    while (!process.handles.empty()) {
+        auto first = process.handles.begin();
+        releaseHandle(process, first->first, first->second.count);
+    }
+    mProcesses.erase(process.token);
+}
+
+}  // namespace android::binderd

@@ -1,0 +1,122 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <utils/Errors.h>
+
+#include "Outbox.h"
+#include "State.h"
+
+namespace android {
+class Parcel;
+}
+
+namespace android::binderd {
+
+// The driver's whole state and behaviour, fed one frame at a time by the event
+// loop: sessions, routing of transactions, object translation, references,
+// death notices and the service manager at handle 0.
+class Driver {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    Driver(Outbox& outbox, bool verbose);
+    ~Driver();
+
+    void onConnect(ConnectionId id, pid_t pid, uid_t uid);
+    // False when the frame breaks the protocol: the caller cuts the connection.
+    bool onFrame(ConnectionId id, const hostbinder::Frame& frame);
+    void onDisconnect(ConnectionId id);
+
+    // Bounded waits (getService) that are due.
+    void expireTimers(Clock::time_point now);
+    // When expireTimers next has work; max() when nothing waits.
+    Clock::time_point nextDeadline() const;
+
+    size_t processCount() const { return mProcesses.size(); }
+
+private:
+    struct Peer {
+        pid_t pid = 0;
+        uid_t uid = 0;
+        Process* process = nullptr;  // set for a control connection
+        Thread* thread = nullptr;    // set for a thread connection
+    };
+
+    // --- sessions (Driver.cpp) ---
+    bool startSession(ConnectionId id, Peer& peer, const hostbinder::Frame& frame);
+    bool onControlFrame(Process& process, const hostbinder::Frame& frame);
+    bool onThreadFrame(Thread& thread, const hostbinder::Frame& frame);
+    void processDied(Process& process);
+    void threadGone(Thread& thread);
+
+    // --- routing (Routing.cpp) ---
+    bool startTransaction(Thread& thread, const hostbinder::TransactionView& view);
+    bool finishReply(Thread& thread, const hostbinder::TransactionView& view);
+    bool finishOneway(Thread& thread);
+    // The node's previous one-way call is over: start the next one.
+    void advanceOneway(Node& node);
+    void deliverReply(Transaction& call, status_t status, Process* from, const hostbinder::TransactionView* view);
+    void enqueueWork(Process& process, const std::shared_ptr<Transaction>& transaction);
+    void deliver(Thread& thread, const std::shared_ptr<Transaction>& transaction);
+    void becomeIdle(Thread& thread);
+    void refuse(Thread& thread, status_t status);
+    void abandon(const std::shared_ptr<Transaction>& transaction);
+    void releaseTransit(Thread& thread);
+
+    // --- objects and references (References.cpp) ---
+    bool objectsValid(const Process& from, const hostbinder::TransactionView& view) const;
+    // Copies the parcel for `to`, translating every object; owner-bound
+    // binders are kept alive in `transit`.
+    void translate(Process& from, Process& to, const hostbinder::TransactionView& view, Transaction* out,
+                   std::vector<std::shared_ptr<Node>>* transit);
+    std::shared_ptr<Node> nodeFor(Process& owner, uint64_t address, uint64_t cookie);
+    uint32_t addHandleRef(Process& process, const std::shared_ptr<Node>& node);
+    bool releaseHandle(Process& process, uint32_t handle, uint32_t count);
+    void takeNodeRef(Node& node);
+    void dropNodeRef(const std::shared_ptr<Node>& node);
+    void sendDecNode(const Node& node);
+    bool requestDeath(Process& process, uint32_t handle);
+    bool clearDeath(Process& process, uint32_t handle);
+    void notifyDeath(Node& node);
+
+    // --- service manager (ServiceManager.cpp) ---
+    void serveServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request);
+    void replyFromServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request, const Parcel& reply,
+                                 status_t status);
+    void answerLookup(Thread& caller, const std::shared_ptr<Transaction>& request, const std::u16string& name);
+    void removeServicesOf(const Process& process);
+    void releaseRequestHandles(const Transaction& request, uint32_t keptHandle);
+
+    struct ServiceEntry {
+        uint32_t handle = 0;  // in the service manager's own table
+        uint64_t registrant = 0;
+    };
+    struct LookupWaiter {
+        std::shared_ptr<Transaction> request;
+        std::u16string name;
+        Clock::time_point deadline;
+    };
+
+    Outbox& mOutbox;
+    const bool mVerbose;
+    std::mt19937_64 mTokens;
+    std::map<ConnectionId, Peer> mPeers;
+    std::map<uint64_t, std::unique_ptr<Process>> mProcesses;  // by token
+    std::map<ConnectionId, std::unique_ptr<Thread>> mThreads;
+    // The service manager is a process without connections: its handle table
+    // holds the registered binders, and handle 0 of everyone is its node.
+    Process mServiceManager;
+    std::shared_ptr<Node> mContextNode;
+    std::map<std::u16string, ServiceEntry> mServices;
+    std::vector<LookupWaiter> mLookupWaiters;
+};
+
+}  // namespace android::binderd

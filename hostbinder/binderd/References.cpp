@@ -1,0 +1,198 @@
+// Binder objects in parcels: validation, translation between processes,
+// cross-process reference counts and death notices.
+#include "Driver.h"
+
+#include <linux/android/binder.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace android::binderd {
+
+using namespace hostbinder;
+
+namespace {
+
+uint64_t offsetAt(const TransactionView& view, size_t index) {
+    uint64_t offset;
+    std::memcpy(&offset, view.offsets + index * sizeof(uint64_t), sizeof(offset));
+    return offset;
+}
+
+}  // namespace
+
+bool Driver::objectsValid(const Process& from, const TransactionView& view) const {
+    uint64_t nextFree = 0;
+    for (size_t i = 0; i < view.header.offsetsCount; ++i) {
+        const uint64_t offset = offsetAt(view, i);
+        if (offset < nextFree || offset % 4 != 0 || offset > view.header.dataSize ||
+            view.header.dataSize - offset < sizeof(flat_binder_object)) {
+            return false;
+        }
+        flat_binder_object object;
+        std::memcpy(&object, view.data + offset, sizeof(object));
+        if (object.hdr.type == BINDER_TYPE_BINDER) {
+            if (object.binder == 0 || object.cookie == 0) {
+                return false;
+            }
+        } else if (object.hdr.type == BINDER_TYPE_HANDLE) {
+            // A process can only name handles it was given.
+            if (from.handles.count(object.handle) == 0) {
+                return false;
+            }
+        } else {
+            return false;
+        }
+        nextFree = offset + sizeof(object);
+    }
+    return true;
+}
+
+void Driver::translate(Process& from, Process& to, const TransactionView& view, Transaction* out,
+                       std::vector<std::shared_ptr<Node>>* transit) {
+    out->data.assign(view.data, view.data + view.header.dataSize);
+    out->offsets.resize(view.header.offsetsCount);
+    for (size_t i = 0; i < out->offsets.size(); ++i) {
+        const uint64_t offset = offsetAt(view, i);
+        out->offsets[i] = offset;
+        flat_binder_object object;
+        std::memcpy(&object, out->data.data() + offset, sizeof(object));
+        if (object.hdr.type == BINDER_TYPE_BINDER) {
+            std::shared_ptr<Node> node = nodeFor(from, object.binder, object.cookie);
+            const bool firstReference = node->refs == 0;
+            object.hdr.type = BINDER_TYPE_HANDLE;
+            object.binder = 0;
+            object.handle = addHandleRef(to, node);
+            object.cookie = 0;
+            // The sender's reference becomes the node's remote reference only
+            // when it is the first; otherwise it goes straight back.
+            if (!firstReference) {
+                sendDecNode(*node);
+            }
+        } else {
+            std::shared_ptr<Node> node = from.handles.at(object.handle).node;
+            if (node->owner == &to) {
+                object.hdr.type = BINDER_TYPE_BINDER;
+                object.binder = node->address;
+                object.cookie = node->cookie;
+                takeNodeRef(*node);
+                transit->push_back(node);
+            } else {
+                object.handle = addHandleRef(to, node);
+            }
+        }
+        std::memcpy(out->data.data() + offset, &object, sizeof(object));
+    }
+}
+
+std::shared_ptr<Node> Driver::nodeFor(Process& owner, uint64_t address, uint64_t cookie) {
+    std::shared_ptr<Node>& node = owner.nodes[address];
+    if (node == nullptr) {
+        node = std::make_shared<Node>();
+        node->owner = &owner;
+        node->address = address;
+        node->cookie = cookie;
+    }
+    return node;
+}
+
+uint32_t Driver::addHandleRef(Process& process, const std::shared_ptr<Node>& node) {
+    auto known = process.handleOfNode.find(node.get());
+    if (known != process.handleOfNode.end()) {
+        ++process.handles[known->second].count;
+        return known->second;
+    }
+    const uint32_t handle = process.nextHandle++;
+    process.handles[handle] = HandleRef{node, 1};
+    process.handleOfNode[node.get()] = handle;
+    takeNodeRef(*node);
+    return handle;
+}
+
+bool Driver::releaseHandle(Process& process, uint32_t handle, uint32_t count) {
+    auto it = process.handles.find(handle);
+    if (it == process.handles.end() || count == 0 || count > it->second.count) {
+        return false;
+    }
+    it->second.count -= count;
+    if (it->second.count > 0) {
+        return true;
+    }
+    std::shared_ptr<Node> node = it->second.node;
+    process.handleOfNode.erase(node.get());
+    process.handles.erase(it);
+    auto& watchers = node->deathWatchers;
+    const std::pair<uint64_t, uint32_t> mine{process.token, handle};
+    watchers.erase(std::remove(watchers.begin(), watchers.end(), mine), watchers.end());
+    dropNodeRef(node);
+    return true;
+}
+
+void Driver::takeNodeRef(Node& node) { ++node.refs; }
+
+void Driver::dropNodeRef(const std::shared_ptr<Node>& node) {
+    if (--node->refs > 0 || node->owner == nullptr) {
+        return;
+    }
+    sendDecNode(*node);
+    auto it = node->owner->nodes.find(node->address);
+    if (it != node->owner->nodes.end() && it->second == node) {
+        node->owner->nodes.erase(it);
+    }
+}
+
+void Driver::sendDecNode(const Node& node) {
+    if (node.owner != nullptr && node.owner != &mServiceManager) {
+        mOutbox.send(node.owner->control, kDecNode, &node.cookie, sizeof(node.cookie));
+    }
+}
+
+bool Driver::requestDeath(Process& process, uint32_t handle) {
+    if (handle == 0) {
+        // The context manager lives as long as binderd; its end is the
+        // connection's end.
+        return true;
+    }
+    auto it = process.handles.find(handle);
+    if (it == process.handles.end()) {
+        return false;
+    }
+    Node& node = *it->second.node;
+    if (node.owner == nullptr) {
+        mOutbox.send(process.control, kDeadBinder, &handle, sizeof(handle));
+    } else {
+        node.deathWatchers.emplace_back(process.token, handle);
+    }
+    return true;
+}
+
+bool Driver::clearDeath(Process& process, uint32_t handle) {
+    auto it = process.handles.find(handle);
+    if (it == process.handles.end()) {
+        return handle == 0;
+    }
+    auto& watchers = it->second.node->deathWatchers;
+    auto watcher = std::find(watchers.begin(), watchers.end(), std::make_pair(process.token, handle));
+    if (watcher != watchers.end()) {
+        watchers.erase(watcher);
+    }
+    return true;
+}
+
+void Driver::notifyDeath(Node& node) {
+    node.owner = nullptr;
+    for (const auto& [token, handle] : node.deathWatchers) {
+        auto watcher = mProcesses.find(token);
+        if (watcher != mProcesses.end()) {
+            mOutbox.send(watcher->second->control, kDeadBinder, &handle, sizeof(handle));
+        }
+    }
+    node.deathWatchers.clear();
+    while (!node.onewayQueue.empty()) {
+        std::shared_ptr<Transaction> pending = node.onewayQueue.front();
+        node.onewayQueue.pop_front();
+        abandon(pending);
+    }
+}
+
+}  // namespace android::binderd

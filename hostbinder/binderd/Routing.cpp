@@ -1,0 +1,215 @@
+// Where each transaction and reply goes, and the one-way order per node.
+#include "Driver.h"
+
+namespace android::binderd {
+
+using namespace hostbinder;
+
+bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
+    if (thread.awaiting != nullptr) {
+        return false;
+    }
+    Process& sender = *thread.process;
+    std::shared_ptr<Node> target;
+    if (view.header.target == 0) {
+        target = mContextNode;
+    } else {
+        auto handle = view.header.target <= UINT32_MAX ? sender.handles.find(static_cast<uint32_t>(view.header.target))
+                                                        : sender.handles.end();
+        if (handle == sender.handles.end()) {
+            refuse(thread, FAILED_TRANSACTION);
+            return true;
+        }
+        target = handle->second.node;
+    }
+    if (target->owner == nullptr) {
+        refuse(thread, DEAD_OBJECT);
+        return true;
+    }
+    Process& receiver = *target->owner;
+    auto transaction = std::make_shared<Transaction>();
+    const bool oneway = (view.header.flags & kFlagOneway) != 0;
+    const size_t size = size_t{view.header.dataSize} + size_t{view.header.offsetsCount} * sizeof(uint64_t);
+    if (!objectsValid(sender, view) ||
+        (oneway && receiver.queuedOnewayBytes + size > kMaxQueuedOnewayBytes)) {
+        refuse(thread, FAILED_TRANSACTION);
+        return true;
+    }
+    std::vector<std::shared_ptr<Node>> transit;
+    translate(sender, receiver, view, transaction.get(), &transit);
+    transaction->target = target;
+    transaction->header.target = target->cookie;
+    transaction->header.code = view.header.code;
+    transaction->header.flags = view.header.flags & kFlagOneway;
+    transaction->header.senderPid = sender.pid;
+    transaction->header.senderUid = sender.uid;
+    takeNodeRef(*target);
+    if (&receiver == &mServiceManager) {
+        if (oneway) {
+            mOutbox.send(thread.connection, kTransactionComplete, nullptr, 0);
+            releaseRequestHandles(*transaction, 0);
+            dropNodeRef(target);
+            return true;
+        }
+        thread.awaiting = transaction;
+        transaction->from = &thread;
+        serveServiceManager(thread, transaction);
+        return true;
+    }
+    // Until delivery the transaction keeps its owner-bound binders alive.
+    transaction->transit = std::move(transit);
+    if (oneway) {
+        mOutbox.send(thread.connection, kTransactionComplete, nullptr, 0);
+        receiver.queuedOnewayBytes += transaction->size();
+        if (target->onewayBusy) {
+            target->onewayQueue.push_back(transaction);
+        } else {
+            target->onewayBusy = true;
+            enqueueWork(receiver, transaction);
+        }
+        return true;
+    }
+    transaction->from = &thread;
+    thread.awaiting = transaction;
+    // A call back into a process that is waiting in this chain goes to the
+    // thread that waits, not to its pool.
+    for (auto it = thread.serving.rbegin(); it != thread.serving.rend(); ++it) {
+        Thread* waiter = (*it)->from;
+        if (waiter != nullptr && waiter->process == &receiver) {
+            deliver(*waiter, transaction);
+            return true;
+        }
+    }
+    enqueueWork(receiver, transaction);
+    return true;
+}
+
+bool Driver::finishReply(Thread& thread, const TransactionView& view) {
+    if (thread.serving.empty() || thread.serving.back()->oneway()) {
+        return false;
+    }
+    std::shared_ptr<Transaction> call = thread.serving.back();
+    thread.serving.pop_back();
+    Thread* caller = call->from;
+    if (caller != nullptr) {
+        status_t status = view.header.status;
+        if (status == OK && !objectsValid(*thread.process, view)) {
+            status = FAILED_TRANSACTION;
+        }
+        deliverReply(*call, status, thread.process, status == OK ? &view : nullptr);
+    }
+    dropNodeRef(call->target);
+    becomeIdle(thread);
+    return true;
+}
+
+void Driver::deliverReply(Transaction& call, status_t status, Process* from, const TransactionView* view) {
+    Thread& caller = *call.from;
+    call.from = nullptr;
+    caller.awaiting = nullptr;
+    Transaction reply;
+    reply.header.status = status;
+    if (view != nullptr) {
+        translate(*from, *caller.process, *view, &reply, &caller.transit);
+    }
+    reply.header.dataSize = static_cast<uint32_t>(reply.data.size());
+    reply.header.offsetsCount = static_cast<uint32_t>(reply.offsets.size());
+    mOutbox.sendTransaction(caller.connection, kIncomingReply, reply.header, reply.data.data(),
+                            reply.offsets.data());
+}
+
+bool Driver::finishOneway(Thread& thread) {
+    if (thread.serving.empty() || !thread.serving.back()->oneway()) {
+        return false;
+    }
+    std::shared_ptr<Transaction> done = thread.serving.back();
+    thread.serving.pop_back();
+    advanceOneway(*done->target);
+    dropNodeRef(done->target);
+    becomeIdle(thread);
+    return true;
+}
+
+void Driver::advanceOneway(Node& node) {
+    node.onewayBusy = false;
+    if (!node.onewayQueue.empty() && node.owner != nullptr) {
+        std::shared_ptr<Transaction> next = node.onewayQueue.front();
+        node.onewayQueue.pop_front();
+        node.onewayBusy = true;
+        enqueueWork(*node.owner, next);
+    }
+}
+
+void Driver::enqueueWork(Process& process, const std::shared_ptr<Transaction>& transaction) {
+    if (!process.idleLoopers.empty()) {
+        Thread* looper = process.idleLoopers.front();
+        process.idleLoopers.pop_front();
+        deliver(*looper, transaction);
+        return;
+    }
+    process.todo.push_back(transaction);
+    if (process.loopers + process.pendingSpawns < process.maxThreads) {
+        ++process.pendingSpawns;
+        mOutbox.send(process.control, kSpawnLooper, nullptr, 0);
+    }
+}
+
+void Driver::deliver(Thread& thread, const std::shared_ptr<Transaction>& transaction) {
+    thread.idle = false;
+    thread.serving.push_back(transaction);
+    if (transaction->oneway()) {
+        thread.process->queuedOnewayBytes -= transaction->size();
+    }
+    for (auto& node : transaction->transit) {
+        thread.transit.push_back(node);
+    }
+    transaction->transit.clear();
+    TransactionHeader header = transaction->header;
+    header.dataSize = static_cast<uint32_t>(transaction->data.size());
+    header.offsetsCount = static_cast<uint32_t>(transaction->offsets.size());
+    mOutbox.sendTransaction(thread.connection, kIncomingTransaction, header, transaction->data.data(),
+                            transaction->offsets.data());
+}
+
+void Driver::becomeIdle(Thread& thread) {
+    if (!thread.looper || !thread.serving.empty() || thread.awaiting != nullptr) {
+        return;
+    }
+    Process& process = *thread.process;
+    if (!process.todo.empty()) {
+        std::shared_ptr<Transaction> next = process.todo.front();
+        process.todo.pop_front();
+        deliver(thread, next);
+        return;
+    }
+    thread.idle = true;
+    process.idleLoopers.push_back(&thread);
+}
+
+void Driver::refuse(Thread& thread, status_t status) {
+    mOutbox.send(thread.connection, kRefused, &status, sizeof(status));
+}
+
+void Driver::abandon(const std::shared_ptr<Transaction>& transaction) {
+    if (transaction->from != nullptr) {
+        deliverReply(*transaction, DEAD_OBJECT, nullptr, nullptr);
+    }
+    if (transaction->oneway()) {
+        advanceOneway(*transaction->target);
+    }
+    for (auto& node : transaction->transit) {
+        dropNodeRef(node);
+    }
+    transaction->transit.clear();
+    dropNodeRef(transaction->target);
+}
+
+void Driver::releaseTransit(Thread& thread) {
+    std::vector<std::shared_ptr<Node>> transit;
+    transit.swap(thread.transit);
+    for (auto& node : transit) {
+        dropNodeRef(node);
+    }
+}
+
+}  // namespace android::binderd

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Outbox.h"
+#include "protocol/Protocol.h"
+
+namespace android::binderd {
+
+struct Process;
+struct Thread;
+
+// A local binder of some process, known to others through handles.
+struct Node {
+    Process* owner = nullptr;  // null once the owner died
+    uint64_t address = 0;
+    uint64_t cookie = 0;
+    // Handle entries of other processes plus transactions and deliveries in
+    // flight; while non-zero the owner holds one strong reference for them.
+    uint32_t refs = 0;
+    bool onewayBusy = false;
+    std::deque<std::shared_ptr<struct Transaction>> onewayQueue;
+    // (process token, handle) of every death request, one entry per request.
+    std::vector<std::pair<uint64_t, uint32_t>> deathWatchers;
+};
+
+struct Transaction {
+    Thread* from = nullptr;  // the waiting thread; null for one-way or once it left
+    std::shared_ptr<Node> target;
+    hostbinder::TransactionHeader header{};
+    std::vector<uint8_t> data;
+    std::vector<uint64_t> offsets;
+    // Owner-bound binders in the data, kept alive until delivery.
+    std::vector<std::shared_ptr<Node>> transit;
+    bool oneway() const { return (header.flags & 1u) != 0; }
+    size_t size() const { return data.size() + offsets.size() * sizeof(uint64_t); }
+};
+
+struct HandleRef {
+    std::shared_ptr<Node> node;
+    uint32_t count = 0;
+};
+
+struct Thread {
+    ConnectionId connection = 0;
+    Process* process = nullptr;
+    bool looper = false;
+    bool idle = false;
+    std::vector<std::shared_ptr<Transaction>> serving;
+    std::shared_ptr<Transaction> awaiting;
+    // Owner-bound binders just delivered to this thread, kept alive until it
+    // speaks again (by then it holds its own references).
+    std::vector<std::shared_ptr<Node>> transit;
+};
+
+struct Process {
+    uint64_t token = 0;
+    pid_t pid = 0;
+    uid_t uid = 0;
+    ConnectionId control = 0;
+    uint32_t maxThreads = 15;
+    uint32_t loopers = 0;
+    uint32_t pendingSpawns = 0;
+    std::map<uint32_t, HandleRef> handles;
+    std::map<const Node*, uint32_t> handleOfNode;
+    uint32_t nextHandle = 1;
+    std::map<uint64_t, std::shared_ptr<Node>> nodes;  // by address
+    std::deque<std::shared_ptr<Transaction>> todo;
+    std::deque<Thread*> idleLoopers;
+    std::vector<Thread*> threads;
+    size_t queuedOnewayBytes = 0;
+};
+
+}  // namespace android::binderd

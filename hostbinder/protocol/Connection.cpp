@@ -1,0 +1,99 @@
+#include "Connection.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace android::hostbinder {
+
+std::unique_ptr<Connection> Connection::open(const std::string& path) {
+    sockaddr_un address{};
+    if (path.size() >= sizeof(address.sun_path)) {
+        return nullptr;
+    }
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return nullptr;
+    }
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        close(fd);
+        return nullptr;
+    }
+    return std::unique_ptr<Connection>(new Connection(fd));
+}
+
+Connection::Connection(int fd) : mFd(fd) {}
+
+Connection::~Connection() { close(mFd); }
+
+void Connection::shutdown() { ::shutdown(mFd, SHUT_RDWR); }
+
+bool Connection::sendBytes(const std::vector<uint8_t>& bytes) {
+    size_t sent = 0;
+    while (sent < bytes.size()) {
+        const ssize_t n = ::send(mFd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        sent += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool Connection::send(uint32_t command, const void* payload, size_t size) {
+    std::lock_guard<std::mutex> lock(mSendLock);
+    mOut.clear();
+    appendFrame(&mOut, command, payload, size);
+    return sendBytes(mOut);
+}
+
+bool Connection::sendTransaction(uint32_t command, const TransactionHeader& header, const uint8_t* data,
+                                 const uint64_t* offsets) {
+    std::lock_guard<std::mutex> lock(mSendLock);
+    mOut.clear();
+    appendTransaction(&mOut, command, header, data, offsets);
+    return sendBytes(mOut);
+}
+
+bool Connection::receive(uint32_t* command, std::vector<uint8_t>* payload) {
+    constexpr size_t kReadChunk = 64 * 1024;
+    for (;;) {
+        Frame frame;
+        size_t consumed = 0;
+        const DecodeStatus status = decodeFrame(mIn.data() + mInStart, mInUsed - mInStart, &frame, &consumed);
+        if (status == DecodeStatus::kMalformed) {
+            return false;
+        }
+        if (status == DecodeStatus::kComplete) {
+            *command = frame.command;
+            payload->assign(frame.payload, frame.payload + frame.payloadSize);
+            mInStart += consumed;
+            return true;
+        }
+        std::memmove(mIn.data(), mIn.data() + mInStart, mInUsed - mInStart);
+        mInUsed -= mInStart;
+        mInStart = 0;
+        // The buffer only grows, so reads never pay for zero-filling.
+        if (mIn.size() < mInUsed + kReadChunk) {
+            mIn.resize(mInUsed + kReadChunk);
+        }
+        ssize_t n;
+        do {
+            n = recv(mFd, mIn.data() + mInUsed, kReadChunk, 0);
+        } while (n < 0 && errno == EINTR);
+        if (n <= 0) {
+            return false;
+        }
+        mInUsed += static_cast<size_t>(n);
+    }
+}
+
+}  // namespace android::hostbinder

@@ -1,0 +1,134 @@
+#pragma once
+
+// Frames between libhostbinder and binderd.
+//
+// Why this shape: binderd plays a kernel driver, so every frame is one driver
+// command with a fixed header and, for transactions, the parcel's bytes and
+// object table copied verbatim. A single layout (TransactionHeader) serves
+// outgoing calls, delivered calls and replies, so one decoder validates them
+// all and the fuzzer reaches every path. Lengths are checked against the
+// platform's buffer limit before any allocation, so a hostile length prefix
+// costs nothing. Reference counts travel as "send-refs": a process takes one
+// strong reference per local binder it sends and binderd hands it back (DecNode)
+// unless it becomes the node's remote reference; every reference change for a
+// process then flows through its one control connection in order, which keeps
+// counting free of races between threads.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace android::hostbinder {
+
+// The platform's per-process transaction buffer.
+constexpr size_t kMaxTransactionBytes = 1024 * 1024 - 8 * 1024;
+constexpr size_t kMaxQueuedOnewayBytes = kMaxTransactionBytes / 2;
+constexpr size_t kMaxObjects = kMaxTransactionBytes / 24;
+// IBinder::FLAG_ONEWAY, for binderd which does not use the client headers.
+constexpr uint32_t kFlagOneway = 1;
+
+enum Command : uint32_t {
+    // process -> binderd
+    kHelloProcess = 1,   // control connection: HelloProcess
+    kHelloThread,        // thread connection: HelloThread
+    kEnterLooper,        // empty: this thread serves the pool
+    kTransaction,        // TransactionHeader (target = handle) + data + offsets
+    kReply,              // TransactionHeader (status) + data + offsets
+    kOnewayDone,         // empty: the one-way call delivered last has finished
+    kReleaseHandle,      // HandleCount
+    kRequestDeath,       // HandleCount (count ignored)
+    kClearDeath,         // HandleCount (count ignored)
+    kSetMaxThreads,      // u32
+    // binderd -> process
+    kWelcome = 100,         // HelloThread (the session token)
+    kIncomingTransaction,   // TransactionHeader (target = cookie) + data + offsets
+    kIncomingReply,         // TransactionHeader (status) + data + offsets
+    kTransactionComplete,   // empty: a one-way call was accepted
+    kRefused,               // i32 status: nothing was delivered or translated
+    kDecNode,               // u64 cookie: drop one strong reference
+    kDeadBinder,            // u32 handle
+    kSpawnLooper,           // empty
+};
+
+// Internal to the client: waitForResponse's way of saying "refused, see the
+// status", distinct from every status_t a service can return.
+constexpr int32_t kRefusedMarker = INT32_MIN + 100;
+
+struct FrameHeader {
+    uint32_t payloadSize;
+    uint32_t command;
+};
+
+struct HelloProcess {
+    uint32_t maxThreads;
+    uint32_t reserved;
+};
+
+struct HelloThread {
+    uint64_t token;
+};
+
+struct HandleCount {
+    uint32_t handle;
+    uint32_t count;
+};
+
+struct TransactionHeader {
+    uint64_t target;  // a handle going out, the node's cookie coming in
+    uint32_t code;
+    uint32_t flags;
+    int32_t senderPid;
+    uint32_t senderUid;
+    int32_t status;
+    uint32_t dataSize;
+    uint32_t offsetsCount;
+    uint32_t reserved;
+};
+
+constexpr size_t kMaxPayload = sizeof(TransactionHeader) + kMaxTransactionBytes;
+
+struct Frame {
+    uint32_t command = 0;
+    const uint8_t* payload = nullptr;
+    uint32_t payloadSize = 0;
+};
+
+enum class DecodeStatus { kIncomplete, kMalformed, kComplete };
+
+// Takes one frame from the front of `buffer`; on kComplete, `consumed` is the
+// frame's whole length and `frame` points into `buffer`.
+DecodeStatus decodeFrame(const uint8_t* buffer, size_t size, Frame* frame, size_t* consumed);
+
+struct TransactionView {
+    TransactionHeader header;
+    const uint8_t* data;
+    const uint8_t* offsets;  // offsetsCount little-endian u64, maybe unaligned
+};
+
+// Checks the sizes of a transaction or reply payload: data plus object table
+// within the limit and exactly filling the payload.
+bool parseTransaction(const Frame& frame, TransactionView* view);
+
+// Checks that a fixed-size payload has exactly sizeof(T) bytes and copies it.
+template <typename T>
+bool parseFixed(const Frame& frame, T* out) {
+    if (frame.payloadSize != sizeof(T)) {
+        return false;
+    }
+    std::memcpy(out, frame.payload, sizeof(T));
+    return true;
+}
+
+// Appends a whole frame to `out`.
+void appendFrame(std::vector<uint8_t>* out, uint32_t command, const void* payload, size_t size);
+// Appends a transaction or reply frame.
+void appendTransaction(std::vector<uint8_t>* out, uint32_t command, const TransactionHeader& header,
+                       const uint8_t* data, const uint64_t* offsets);
+
+// Where binderd listens: $HOSTBINDER_SOCKET, else
+// $XDG_RUNTIME_DIR/hostbinder/binder, else /tmp/hostbinder-<uid>/binder.
+std::string defaultSocketPath();
+
+}  // namespace android::hostbinder

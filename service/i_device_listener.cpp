@@ -1,0 +1,14 @@
+#include "i_device_listener.h"
+
+namespace com {
+namespace solvane {
+namespace pravik {
+namespace service {
+
+TIVRA_FRAME_DEFINE_INTERFACE(DeviceListener, "com.solvane.pravik.service.IDeviceListener",
+                             TIVRA_DEVICE_LISTENER_TRANSACTIONS)
+
+}  // namespace service
+}  // namespace pravik
+}  // namespace solvane
+}  // namespace com

@@ -1,0 +1,356 @@
+// Binder IPC between real processes through a private binderd.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+
+#include "binderd_fixture.h"
+#include "hostbinder_test_service.h"
+
+namespace {
+
+using namespace android;
+using namespace tivra_test;
+
+const String16 kServiceName("tivra.test.service");
+
+class HostBinderIpc : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(session.started()) << session.error(); }
+
+    // A child serving TestService under `name`; it posts "ready" once registered.
+    pid_t startService(const String16& name = kServiceName, Channel* release = nullptr) {
+        return session.spawn([this, name, release] {
+            sp<TestService> service = new TestService([release] {
+                if (release != nullptr) {
+                    release->next(20s);
+                }
+            });
+            ProcessState::self()->startThreadPool();
+            CHILD_CHECK(defaultServiceManager()->addService(name, service) == OK);
+            events.post("ready");
+            IPCThreadState::self()->joinThreadPool();
+            return 0;
+        });
+    }
+
+    void expectChildPasses(pid_t child) { EXPECT_EQ(session.waitExit(child), 0); }
+
+    BinderdSession session;
+    Channel events;
+};
+
+sp<IBinder> lookUp(const String16& name = kServiceName) { return defaultServiceManager()->checkService(name); }
+
+status_t call(const sp<IBinder>& target, uint32_t code, const std::function<void(Parcel*)>& fill, Parcel* reply) {
+    Parcel data;
+    if (fill) {
+        fill(&data);
+    }
+    return target->transact(code, data, reply);
+}
+
+TEST_F(HostBinderIpc, ServiceManagerRegistersListsAndForgetsServicesOfDeadProcesses) {
+    const pid_t service = startService();
+    ASSERT_EQ(events.next(), "ready");
+    expectChildPasses(session.spawn([] {
+        sp<IServiceManager> manager = defaultServiceManager();
+        CHILD_CHECK(manager->checkService(kServiceName) != nullptr);
+        CHILD_CHECK(manager->getService(kServiceName) != nullptr);
+        CHILD_CHECK(manager->checkService(String16("tivra.test.absent")) == nullptr);
+        const Vector<String16> names = manager->listServices();
+        CHILD_CHECK(names.size() == 1 && names[0] == kServiceName);
+        sp<IBinder> local = new BBinder();
+        CHILD_CHECK(manager->addService(String16("bad name!"), local) != OK);
+        CHILD_CHECK(manager->addService(String16(""), local) != OK);
+        CHILD_CHECK(manager->addService(String16("tivra.test.null"), nullptr) != OK);
+        return 0;
+    }));
+    session.kill(service, SIGKILL);
+    EXPECT_EQ(session.waitExit(service), -1);
+    expectChildPasses(session.spawn([] {
+        CHILD_CHECK(waitUntil([] { return lookUp() == nullptr; }));
+        CHILD_CHECK(defaultServiceManager()->listServices().size() == 0);
+        return 0;
+    }));
+}
+
+TEST_F(HostBinderIpc, GetServiceWaitsForALaterRegistrationButCheckServiceDoesNot) {
+    Channel waiting;
+    const pid_t client = session.spawn([&waiting] {
+        CHILD_CHECK(lookUp() == nullptr);
+        waiting.post("looking");
+        CHILD_CHECK(defaultServiceManager()->getService(kServiceName) != nullptr);
+        return 0;
+    });
+    ASSERT_EQ(waiting.next(), "looking");
+    startService();
+    ASSERT_EQ(events.next(), "ready");
+    expectChildPasses(client);
+}
+
+TEST_F(HostBinderIpc, TwoWayCallsCarryDataAndTheCallersIdentity) {
+    startService();
+    ASSERT_EQ(events.next(), "ready");
+    expectChildPasses(session.spawn([] {
+        sp<IBinder> service = lookUp();
+        CHILD_CHECK(service != nullptr);
+        CHILD_CHECK(service->pingBinder() == OK);
+        CHILD_CHECK(service->getInterfaceDescriptor() == String16("tivra.test.IService"));
+        Parcel reply;
+        CHILD_CHECK(call(service, TestService::kEcho, [](Parcel* p) { p->writeInt32(7); p->writeString16(String16("hi")); }, &reply) == OK);
+        CHILD_CHECK(reply.readInt32() == 7 && reply.readString16() == String16("hi"));
+        Parcel identity;
+        CHILD_CHECK(call(service, TestService::kWhoCalls, nullptr, &identity) == OK);
+        CHILD_CHECK(identity.readInt32() == getpid());
+        CHILD_CHECK(identity.readInt32() == static_cast<int32_t>(getuid()));
+        Parcel unknown;
+        CHILD_CHECK(call(service, 0x00ffff00, nullptr, &unknown) == UNKNOWN_TRANSACTION);
+        // Outside any transaction, the caller is this process itself.
+        CHILD_CHECK(IPCThreadState::self()->getCallingPid() == getpid());
+        return 0;
+    }));
+}
+
+TEST_F(HostBinderIpc, OneWayCallsToANodeRunInSendOrder) {
+    startService();
+    ASSERT_EQ(events.next(), "ready");
+    constexpr int kCalls = 3000;
+    expectChildPasses(session.spawn([] {
+        sp<IBinder> service = lookUp();
+        CHILD_CHECK(service != nullptr);
+        for (int i = 0; i < kCalls; ++i) {
+            Parcel data;
+            data.writeInt32(1);
+            data.writeInt32(i);
+            CHILD_CHECK(service->transact(TestService::kRecord, data, nullptr, IBinder::FLAG_ONEWAY) == OK);
+        }
+        int32_t records = 0;
+        int32_t violations = -1;
+        CHILD_CHECK(waitUntil([&] {
+            Parcel stats;
+            call(service, TestService::kStats, nullptr, &stats);
+            records = stats.readInt32();
+            violations = stats.readInt32();
+            return records == kCalls;
+        }));
+        CHILD_CHECK(violations == 0);
+        return 0;
+    }));
+}
+
+TEST_F(HostBinderIpc, NestedCallBackReachesTheWaitingThreadWithoutAPool) {
+    startService();
+    ASSERT_EQ(events.next(), "ready");
+    expectChildPasses(session.spawn([] {
+        sp<IBinder> service = lookUp();
+        sp<TestListener> callback = new TestListener();
+        Parcel reply;
+        // No thread pool here: only the calling thread can serve the call back.
+        CHILD_CHECK(call(service, TestService::kCallBack, [&](Parcel* p) { p->writeStrongBinder(callback); }, &reply) == OK);
+        CHILD_CHECK(reply.readInt32() == 42);
+        CHILD_CHECK(callback->events() == 1 && callback->lastThread() == std::this_thread::get_id());
+        return 0;
+    }));
+}
+
+TEST_F(HostBinderIpc, CallbacksRunOnTheClientsThreadPool) {
+    startService();
+    ASSERT_EQ(events.next(), "ready");
+    expectChildPasses(session.spawn([] {
+        ProcessState::self()->startThreadPool();
+        sp<IBinder> service = lookUp();
+        sp<TestListener> listener = new TestListener();
+        Parcel added;
+        CHILD_CHECK(call(service, TestService::kAddListener, [&](Parcel* p) { p->writeStrongBinder(listener); }, &added) == OK);
+        CHILD_CHECK(added.readInt32() == 1);
+        Parcel notified;
+        CHILD_CHECK(call(service, TestService::kNotify, [](Parcel* p) { p->writeInt32(99); }, &notified) == OK);
+        CHILD_CHECK(notified.readInt32() == 1);
+        CHILD_CHECK(waitUntil([&] { return listener->events() == 1; }));
+        CHILD_CHECK(listener->lastValue() == 99 && listener->lastThread() != std::this_thread::get_id());
+        // The service recognises the same listener: one proxy per node.
+        Parcel removed;
+        CHILD_CHECK(call(service, TestService::kRemoveListener, [&](Parcel* p) { p->writeStrongBinder(listener); }, &removed) == OK);
+        CHILD_CHECK(removed.readBool());
+        return 0;
+    }));
+}
+
+TEST_F(HostBinderIpc, BindersTravelBetweenThreeProcessesAndReturnToTheirOwner) {
+    startService();
+    ASSERT_EQ(events.next(), "ready");
+    Channel ownerSays;
+    const pid_t owner = session.spawn([&ownerSays] {
+        ProcessState::self()->startThreadPool();
+        sp<IBinder> service = lookUp();
+        CHILD_CHECK(service == lookUp());
+        sp<TestListener> object = new TestListener();
+        Parcel ignored;
+        CHILD_CHECK(call(service, TestService::kHold, [&](Parcel* p) { p->writeStrongBinder(object); }, &ignored) == OK);
+        Parcel back;
+        CHILD_CHECK(call(service, TestService::kGiveHeld, nullptr, &back) == OK);
+        sp<IBinder> returned = back.readStrongBinder();
+        CHILD_CHECK(returned.get() == object.get());
+        ownerSays.post("holding");
+        // Stay alive, serving, until the third process has called the object.
+        CHILD_CHECK(waitUntil([&] { return object->events() == 1; }));
+        return 0;
+    });
+    ASSERT_EQ(ownerSays.next(), "holding");
+    expectChildPasses(session.spawn([] {
+        sp<IBinder> service = lookUp();
+        Parcel held;
+        CHILD_CHECK(call(service, TestService::kGiveHeld, nullptr, &held) == OK);
+        sp<IBinder> object = held.readStrongBinder();
+        CHILD_CHECK(object != nullptr && object->remoteBinder() != nullptr);
+        Parcel answer;
+        CHILD_CHECK(call(object, TestListener::kListenerEvent, [](Parcel* p) { p->writeInt32(5); }, &answer) == OK);
+        CHILD_CHECK(answer.readInt32() == 6);
+        Parcel same;
+        CHILD_CHECK(call(service, TestService::kIsHeld, [&](Parcel* p) { p->writeStrongBinder(object); }, &same) == OK);
+        CHILD_CHECK(same.readBool());
+        return 0;
+    }));
+    expectChildPasses(owner);
+}
+
+TEST_F(HostBinderIpc, RemoteReferencesKeepANodeAliveUntilDroppedOrTheHolderDies) {
+    const pid_t service = startService();
+    ASSERT_EQ(events.next(), "ready");
+    Channel control;
+    const pid_t owner = session.spawn([&control] {
+        ProcessState::self()->startThreadPool();
+        std::atomic<int> live{0};
+        sp<IBinder> service = lookUp();
+        {
+            sp<TestListener> object = new TestListener(&live);
+            Parcel ignored;
+            CHILD_CHECK(call(service, TestService::kHold, [&](Parcel* p) { p->writeStrongBinder(object); }, &ignored) == OK);
+        }
+        CHILD_CHECK(live == 1);
+        Parcel ignored;
+        CHILD_CHECK(call(service, TestService::kDrop, nullptr, &ignored) == OK);
+        CHILD_CHECK(waitUntil([&] { return live == 0; }));
+        {
+            sp<TestListener> object = new TestListener(&live);
+            Parcel held;
+            CHILD_CHECK(call(service, TestService::kHold, [&](Parcel* p) { p->writeStrongBinder(object); }, &held) == OK);
+        }
+        control.post("held");
+        CHILD_CHECK(live == 1);
+        // The holder is killed now; its reference goes with it.
+        CHILD_CHECK(waitUntil([&] { return live == 0; }));
+        return 0;
+    });
+    ASSERT_EQ(control.next(), "held");
+    session.kill(service, SIGKILL);
+    expectChildPasses(owner);
+}
+
+class CountingRecipient : public IBinder::DeathRecipient {
+public:
+    void binderDied(const wp<IBinder>& /*who*/) override {
+        thread = std::this_thread::get_id();
+        ++deaths;
+    }
+    std::atomic<int> deaths{0};
+    std::atomic<std::thread::id> thread;
+};
+
+TEST_F(HostBinderIpc, KilledServiceIsReportedOnceAndItsCallsFailWithDeadObject) {
+    const pid_t service = startService();
+    ASSERT_EQ(events.next(), "ready");
+    Channel control;
+    const pid_t client = session.spawn([&control] {
+        sp<IBinder> target = lookUp();
+        sp<CountingRecipient> first = new CountingRecipient();
+        sp<CountingRecipient> second = new CountingRecipient();
+        CHILD_CHECK(target->linkToDeath(first) == OK);
+        CHILD_CHECK(target->linkToDeath(second) == OK);
+        CHILD_CHECK(target->isBinderAlive());
+        control.post("linked");
+        CHILD_CHECK(waitUntil([&] { return first->deaths == 1 && second->deaths == 1; }));
+        CHILD_CHECK(first->thread.load() != std::this_thread::get_id());
+        Parcel reply;
+        CHILD_CHECK(call(target, TestService::kEcho, nullptr, &reply) == DEAD_OBJECT);
+        CHILD_CHECK(!target->isBinderAlive());
+        CHILD_CHECK(target->linkToDeath(new CountingRecipient()) == DEAD_OBJECT);
+        CHILD_CHECK(first->deaths == 1 && second->deaths == 1);
+        return 0;
+    });
+    ASSERT_EQ(control.next(), "linked");
+    session.kill(service, SIGKILL);
+    expectChildPasses(client);
+}
+
+TEST_F(HostBinderIpc, OversizedTransactionsAndOneWayFloodsFailWithFailedTransaction) {
+    Channel release;
+    startService(kServiceName, &release);
+    ASSERT_EQ(events.next(), "ready");
+    expectChildPasses(session.spawn([&release] {
+        sp<IBinder> service = lookUp();
+        std::vector<uint8_t> big(100 * 1024, 0x5a);
+        Parcel reply;
+        CHILD_CHECK(call(service, TestService::kEcho, [&](Parcel* p) { p->write(big.data(), big.size()); }, &reply) == OK);
+        CHILD_CHECK(reply.dataSize() == big.size() && std::memcmp(reply.data(), big.data(), big.size()) == 0);
+        std::vector<uint8_t> tooBig(1024 * 1024 - 8 * 1024 + 4, 1);
+        Parcel none;
+        CHILD_CHECK(call(service, TestService::kEcho, [&](Parcel* p) { p->write(tooBig.data(), tooBig.size()); }, &none) == FAILED_TRANSACTION);
+        // The node is stuck in its first one-way call, so later ones queue up
+        // in binderd until the per-process half-buffer limit refuses them.
+        Parcel block;
+        CHILD_CHECK(service->transact(TestService::kBlockOneway, block, nullptr, IBinder::FLAG_ONEWAY) == OK);
+        int accepted = 0;
+        status_t status = OK;
+        while (status == OK && accepted < 100) {
+            Parcel chunk;
+            chunk.write(big.data(), big.size());
+            status = service->transact(TestService::kRecord, chunk, nullptr, IBinder::FLAG_ONEWAY);
+            accepted += status == OK;
+        }
+        CHILD_CHECK(status == FAILED_TRANSACTION);
+        CHILD_CHECK(accepted == 5);
+        release.post("go");
+        CHILD_CHECK(call(service, TestService::kEcho, nullptr, &reply) == OK);
+        return 0;
+    }));
+}
+
+TEST_F(HostBinderIpc, WithoutBinderdLookupsAreNullAndCallsDeadThenTheNextUseReconnects) {
+    startService();
+    ASSERT_EQ(events.next(), "ready");
+    Channel control;
+    Channel restarted;
+    const pid_t client = session.spawn([&control, &restarted] {
+        sp<IBinder> target = lookUp();
+        sp<CountingRecipient> recipient = new CountingRecipient();
+        CHILD_CHECK(target->linkToDeath(recipient) == OK);
+        control.post("linked");
+        CHILD_CHECK(waitUntil([&] { return recipient->deaths == 1; }));
+        CHILD_CHECK(lookUp() == nullptr);
+        Parcel reply;
+        CHILD_CHECK(call(target, TestService::kEcho, nullptr, &reply) == DEAD_OBJECT);
+        control.post("checked");
+        CHILD_CHECK(restarted.next(20s) == "up");
+        // A new binderd on the same socket: the session starts over.
+        sp<BBinder> local = new BBinder();
+        CHILD_CHECK(defaultServiceManager()->addService(String16("tivra.test.again"), local) == OK);
+        CHILD_CHECK(lookUp(String16("tivra.test.again")) == local);
+        CHILD_CHECK(recipient->deaths == 1);
+        return 0;
+    });
+    ASSERT_EQ(control.next(), "linked");
+    ASSERT_TRUE(session.stopBinderd());
+    ASSERT_EQ(control.next(), "checked");
+    ASSERT_TRUE(session.startBinderd()) << session.error();
+    restarted.post("up");
+    expectChildPasses(client);
+}
+
+}  // namespace

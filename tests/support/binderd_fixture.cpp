@@ -1,0 +1,188 @@
+#include "binderd_fixture.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+namespace tivra_test {
+
+namespace {
+
+bool socketAnswers(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool answered = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    close(fd);
+    return answered;
+}
+
+// The exit status once the child is gone; -1 for a signal; -2 while it runs.
+int reap(pid_t child, bool block) {
+    int status = 0;
+    pid_t done;
+    do {
+        done = waitpid(child, &status, block ? 0 : WNOHANG);
+    } while (done < 0 && errno == EINTR);
+    if (done == 0) {
+        return -2;
+    }
+    if (done < 0) {
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(2ms);
+    }
+    return true;
+}
+
+Channel::Channel() {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) == 0) {
+        mRead = fds[0];
+        mWrite = fds[1];
+    }
+}
+
+Channel::~Channel() {
+    close(mRead);
+    close(mWrite);
+}
+
+void Channel::post(const std::string& line) const {
+    const std::string message = line + "\n";
+    // Short lines are written atomically on a pipe, even by several children.
+    (void)!write(mWrite, message.data(), message.size());
+}
+
+std::string Channel::next(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        const auto newline = mPending.find('\n');
+        if (newline != std::string::npos) {
+            std::string line = mPending.substr(0, newline);
+            mPending.erase(0, newline + 1);
+            return line;
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            return "";
+        }
+        pollfd readable{mRead, POLLIN, 0};
+        if (poll(&readable, 1, static_cast<int>(left.count())) > 0) {
+            char buffer[256];
+            const ssize_t n = read(mRead, buffer, sizeof(buffer));
+            if (n > 0) {
+                mPending.append(buffer, static_cast<size_t>(n));
+            }
+        }
+    }
+}
+
+BinderdSession::BinderdSession() {
+    char pattern[] = "/tmp/hostbinder-test-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) {
+        mError = "mkdtemp failed";
+        return;
+    }
+    mDirectory = pattern;
+    mSocketPath = mDirectory + "/binder";
+    setenv("HOSTBINDER_SOCKET", mSocketPath.c_str(), 1);
+    startBinderd();
+}
+
+bool BinderdSession::startBinderd() {
+    const pid_t child = fork();
+    if (child == 0) {
+        execl(TIVRA_BINDERD_PATH, "binderd", "--socket", mSocketPath.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    mBinderd = child;
+    if (!waitUntil([&] { return socketAnswers(mSocketPath) || reap(mBinderd, false) != -2; }, 5s) ||
+        !socketAnswers(mSocketPath)) {
+        mError = "binderd did not start on " + mSocketPath;
+        ::kill(mBinderd, SIGKILL);
+        reap(mBinderd, true);
+        mBinderd = -1;
+        return false;
+    }
+    return true;
+}
+
+BinderdSession::~BinderdSession() {
+    for (pid_t child : mChildren) {
+        ::kill(child, SIGKILL);
+        reap(child, true);
+    }
+    if (mBinderd > 0) {
+        ::kill(mBinderd, SIGKILL);
+        reap(mBinderd, true);
+    }
+    if (!mDirectory.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove_all(mDirectory, ignored);
+    }
+}
+
+pid_t BinderdSession::spawn(const std::function<int()>& body) {
+    std::fflush(stdout);
+    std::fflush(stderr);
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(body());
+    }
+    mChildren.push_back(child);
+    return child;
+}
+
+int BinderdSession::waitExit(pid_t child, std::chrono::milliseconds timeout) {
+    int status = -2;
+    waitUntil([&] { return (status = reap(child, false)) != -2; }, timeout);
+    if (status == -2) {
+        ::kill(child, SIGKILL);
+        reap(child, true);
+        status = -1;
+    }
+    mChildren.erase(std::remove(mChildren.begin(), mChildren.end(), child), mChildren.end());
+    return status;
+}
+
+void BinderdSession::kill(pid_t child, int signal) { ::kill(child, signal); }
+
+bool BinderdSession::stopBinderd(std::chrono::milliseconds timeout) {
+    if (mBinderd <= 0) {
+        return false;
+    }
+    ::kill(mBinderd, SIGTERM);
+    int status = -2;
+    waitUntil([&] { return (status = reap(mBinderd, false)) != -2; }, timeout);
+    if (status == -2) {
+        return false;
+    }
+    mBinderd = -1;
+    return status == 0;
+}
+
+}  // namespace tivra_test

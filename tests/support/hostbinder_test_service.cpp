@@ -1,0 +1,149 @@
+#include "hostbinder_test_service.h"
+
+#include <algorithm>
+
+#include <binder/IPCThreadState.h>
+
+namespace tivra_test {
+
+using android::IBinder;
+using android::OK;
+using android::Parcel;
+using android::sp;
+using android::status_t;
+
+const android::String16& TestService::getInterfaceDescriptor() const {
+    static const android::String16 descriptor("tivra.test.IService");
+    return descriptor;
+}
+
+status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
+    switch (code) {
+        case kEcho:
+            return reply->write(data.data(), data.dataSize());
+        case kWhoCalls:
+            reply->writeInt32(android::IPCThreadState::self()->getCallingPid());
+            return reply->writeInt32(static_cast<int32_t>(android::IPCThreadState::self()->getCallingUid()));
+        case kRecord: {
+            const int32_t stream = data.readInt32();
+            const int32_t sequence = data.readInt32();
+            std::lock_guard<std::mutex> lock(mLock);
+            auto last = mLastSequence.find(stream);
+            const int32_t expected = last == mLastSequence.end() ? 0 : last->second + 1;
+            mViolations += sequence != expected ? 1 : 0;
+            mLastSequence[stream] = sequence;
+            ++mRecords;
+            return OK;
+        }
+        case kStats: {
+            std::lock_guard<std::mutex> lock(mLock);
+            reply->writeInt32(mRecords);
+            return reply->writeInt32(mViolations);
+        }
+        case kAddListener: {
+            sp<IBinder> listener;
+            if (status_t status = data.readStrongBinder(&listener); status != OK) {
+                return status;
+            }
+            std::lock_guard<std::mutex> lock(mLock);
+            mListeners.push_back(listener);
+            return reply->writeInt32(static_cast<int32_t>(mListeners.size()));
+        }
+        case kRemoveListener: {
+            sp<IBinder> listener = data.readStrongBinder();
+            std::lock_guard<std::mutex> lock(mLock);
+            auto found = std::find(mListeners.begin(), mListeners.end(), listener);
+            const bool registered = found != mListeners.end();
+            if (registered) {
+                mListeners.erase(found);
+            }
+            return reply->writeBool(registered);
+        }
+        case kNotify: {
+            const int32_t value = data.readInt32();
+            std::vector<sp<IBinder>> listeners;
+            {
+                std::lock_guard<std::mutex> lock(mLock);
+                listeners = mListeners;
+            }
+            int32_t notified = 0;
+            for (const sp<IBinder>& listener : listeners) {
+                Parcel event;
+                event.writeInt32(value);
+                notified += listener->transact(TestListener::kListenerEvent, event, nullptr, FLAG_ONEWAY) == OK;
+            }
+            return reply->writeInt32(notified);
+        }
+        case kCallBack: {
+            sp<IBinder> callback = data.readStrongBinder();
+            if (callback == nullptr) {
+                return android::BAD_VALUE;
+            }
+            Parcel question;
+            Parcel answer;
+            question.writeInt32(41);
+            if (status_t status = callback->transact(TestListener::kListenerEvent, question, &answer); status != OK) {
+                return status;
+            }
+            return reply->writeInt32(answer.readInt32());
+        }
+        case kHold: {
+            std::lock_guard<std::mutex> lock(mLock);
+            return data.readStrongBinder(&mHeld);
+        }
+        case kDrop: {
+            std::lock_guard<std::mutex> lock(mLock);
+            mHeld.clear();
+            return OK;
+        }
+        case kGiveHeld: {
+            std::lock_guard<std::mutex> lock(mLock);
+            return reply->writeStrongBinder(mHeld);
+        }
+        case kIsHeld: {
+            sp<IBinder> candidate = data.readStrongBinder();
+            std::lock_guard<std::mutex> lock(mLock);
+            return reply->writeBool(candidate != nullptr && candidate == mHeld);
+        }
+        case kBlockOneway:
+            if (mWaitForRelease) {
+                mWaitForRelease();
+            }
+            return OK;
+        default:
+            return BBinder::onTransact(code, data, reply, flags);
+    }
+}
+
+TestListener::TestListener(std::atomic<int>* liveCount) : mLiveCount(liveCount) {
+    if (mLiveCount != nullptr) {
+        ++*mLiveCount;
+    }
+}
+
+TestListener::~TestListener() {
+    if (mLiveCount != nullptr) {
+        --*mLiveCount;
+    }
+}
+
+std::thread::id TestListener::lastThread() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mLastThread;
+}
+
+status_t TestListener::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
+    if (code != kListenerEvent) {
+        return BBinder::onTransact(code, data, reply, flags);
+    }
+    const int32_t value = data.readInt32();
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mLastThread = std::this_thread::get_id();
+    }
+    mLastValue = value;
+    ++mEvents;
+    return reply == nullptr ? OK : reply->writeInt32(value + 1);
+}
+
+}  // namespace tivra_test
