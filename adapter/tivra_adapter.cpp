@@ -1,0 +1,33 @@
+#include <atomic>
+
+#include "tivra_adapter_inner.h"
+
+namespace Communication {
+
+// Defined together so that they are destroyed in the reverse order: the
+// registry mutexes first, the instance last. The adapter's destructor uses
+// none of the mutexes, so it may run after they are gone.
+std::shared_ptr<TivraAdapter> TivraAdapter::instance_;
+std::mutex TivraAdapter::instanceMutex_;
+std::mutex TivraAdapterInner::listenerMapMutex_;
+std::mutex TivraAdapterInner::deathNotifierMapMutex_;
+std::mutex TivraAdapterInner::serviceInitMutex_;
+std::mutex TivraAdapterInner::deviceListenerMapMutex_;
+
+std::shared_ptr<TivraAdapter> TivraAdapter::GetInstance() {
+    // The unlocked first test reads the pointer atomically, and the store
+    // below publishes it only after construction has finished.
+    std::shared_ptr<TivraAdapter> adapter = std::atomic_load(&instance_);
+    if (adapter != nullptr) {
+        return adapter;
+    }
+    std::lock_guard<std::mutex> lock(instanceMutex_);
+    adapter = std::atomic_load(&instance_);
+    if (adapter == nullptr) {
+        adapter = std::make_shared<TivraAdapterInner>();
+        std::atomic_store(&instance_, adapter);
+    }
+    return adapter;
+}
+
+}  // namespace Communication

@@ -1,0 +1,187 @@
+#include "query_commands.h"
+
+#include <cstdio>
+#include <functional>
+#include <map>
+
+#include <nlohmann/json.hpp>
+
+#include "exit_codes.h"
+#include "record_output.h"
+#include "service_diagnosis.h"
+#include "tivra_adapter.h"
+
+namespace tivra_cli {
+namespace {
+
+using Communication::TivraAdapter;
+using nlohmann::json;
+
+const std::string* const kPublishedKeys[] = {
+    &Communication::DEVICE_NAME,    &Communication::DEVICE_TYPE,    &Communication::VERSION_TYPE,
+    &Communication::NETWORK_TYPE,   &Communication::CONN_CAP,       &Communication::BR_MAC,
+    &Communication::IS_SUPPORT_P2P, &Communication::IS_P2P_ENABLED, &Communication::IS_SUPPORT_BLE,
+    &Communication::IS_BLE_ENABLED, &Communication::IS_ACCOUNT_TRUST, &Communication::GROUP_INFO,
+};
+
+int Unavailable() {
+    std::fprintf(stderr, "tivra: %s\n", ExplainUnavailableService().c_str());
+    return kExitServiceUnavailable;
+}
+
+// Node queries answer failures with empty results only; the device query's
+// error code tells a missing service from a call the service refused.
+int EmptyAnswer(const char* what) {
+    int errCode = 0;
+    TivraAdapter::GetInstance()->GetLocalDevice(errCode);
+    if (errCode == 1) {
+        return Unavailable();
+    }
+    std::fprintf(stderr, "tivra: the service gave no %s (run with --verbose to see the library's log)\n", what);
+    return kExitCallFailed;
+}
+
+int FromErrCode(int errCode, const char* what) {
+    if (errCode == 1) {
+        return Unavailable();
+    }
+    std::fprintf(stderr, "tivra: the service failed to answer %s (run with --verbose to see the library's log)\n",
+                 what);
+    return kExitCallFailed;
+}
+
+void Print(const Options& options, const json& document, const std::string& text) {
+    std::fputs(options.json ? (document.dump(2) + "\n").c_str() : text.c_str(), stdout);
+}
+
+int LocalDevice(const std::vector<std::string>&, const Options& options) {
+    int errCode = 0;
+    const auto device = TivraAdapter::GetInstance()->GetLocalDevice(errCode);
+    if (errCode != 0) {
+        return FromErrCode(errCode, "the local device");
+    }
+    Print(options, ToJson(*device), DeviceTable({device}).Render());
+    return kExitOk;
+}
+
+int Devices(const std::vector<std::string>&, const Options& options) {
+    int errCode = 0;
+    const auto devices = TivraAdapter::GetInstance()->GetAllDevices(errCode);
+    if (errCode != 0) {
+        return FromErrCode(errCode, "the device list");
+    }
+    json list = json::array();
+    for (const auto& device : devices) list.push_back(ToJson(*device));
+    Print(options, list, DeviceTable(devices).Render());
+    return kExitOk;
+}
+
+int PrintNode(const std::shared_ptr<Communication::NodeBasicInfo>& node, const Options& options) {
+    if (node == nullptr) {
+        return EmptyAnswer("node");
+    }
+    Print(options, ToJson(*node), NodeTable({node}).Render());
+    return kExitOk;
+}
+
+int LocalNode(const std::vector<std::string>&, const Options& options) {
+    return PrintNode(TivraAdapter::GetInstance()->GetLocalBasicInfo(), options);
+}
+
+int Node(const std::vector<std::string>& args, const Options& options) {
+    return PrintNode(TivraAdapter::GetInstance()->GetRemoteNodeBasicInfo(args[0]), options);
+}
+
+int Nodes(const std::vector<std::string>&, const Options& options) {
+    const auto nodes = TivraAdapter::GetInstance()->GetRemoteNodesBasicInfo();
+    if (nodes.empty()) {
+        // Empty is also what a failure looks like: ask whether the service is there.
+        int errCode = 0;
+        TivraAdapter::GetInstance()->GetLocalDevice(errCode);
+        if (errCode == 1) {
+            return Unavailable();
+        }
+    }
+    json list = json::array();
+    for (const auto& node : nodes) list.push_back(ToJson(*node));
+    Print(options, list, NodeTable(nodes).Render());
+    return kExitOk;
+}
+
+int ExtInfo(const std::vector<std::string>& args, const Options& options) {
+    const std::shared_ptr<TivraAdapter> adapter = TivraAdapter::GetInstance();
+    std::vector<std::string> keys;
+    if (args.size() > 1) {
+        keys.push_back(args[1]);
+    } else {
+        for (const std::string* key : kPublishedKeys) keys.push_back(*key);
+    }
+    json values = json::object();
+    Table table({"KEY", "VALUE"});
+    for (const std::string& key : keys) {
+        const std::string value = adapter->GetNodeExtInfo(args[0], key);
+        values[key] = value;
+        table.AddRow({key, value});
+    }
+    if (args.size() > 1 && values[args[1]].get<std::string>().empty()) {
+        return EmptyAnswer(("value for key " + args[1]).c_str());
+    }
+    Print(options, values, table.Render());
+    return kExitOk;
+}
+
+int PrintText(const std::string& value, const char* what, const Options& options) {
+    if (value.empty()) {
+        return EmptyAnswer(what);
+    }
+    Print(options, json{{what, value}}, value + "\n");
+    return kExitOk;
+}
+
+int Udid(const std::vector<std::string>& args, const Options& options) {
+    return PrintText(TivraAdapter::GetInstance()->GetUdidByNodeId(args[0]), "udid", options);
+}
+
+int Uuid(const std::vector<std::string>& args, const Options& options) {
+    return PrintText(TivraAdapter::GetInstance()->GetUuidByNodeId(args[0]), "uuid", options);
+}
+
+struct Query {
+    size_t minArgs;
+    size_t maxArgs;
+    const char* usage;
+    std::function<int(const std::vector<std::string>&, const Options&)> run;
+};
+
+const std::map<std::string, Query>& Queries() {
+    static const std::map<std::string, Query> queries = {
+        {"local-device", {0, 0, "tivra local-device", LocalDevice}},
+        {"devices", {0, 0, "tivra devices", Devices}},
+        {"local-node", {0, 0, "tivra local-node", LocalNode}},
+        {"node", {1, 1, "tivra node NODE_ID", Node}},
+        {"nodes", {0, 0, "tivra nodes", Nodes}},
+        {"ext", {1, 2, "tivra ext NODE_ID [KEY]   (no KEY: all twelve published keys)", ExtInfo}},
+        {"udid", {1, 1, "tivra udid NODE_ID", Udid}},
+        {"uuid", {1, 1, "tivra uuid NODE_ID", Uuid}},
+    };
+    return queries;
+}
+
+}  // namespace
+
+bool IsQuery(const std::string& command) { return Queries().count(command) != 0; }
+
+int RunQuery(const std::string& command, const std::vector<std::string>& args, const Options& options) {
+    const Query& query = Queries().at(command);
+    if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
+        std::printf("Usage: %s [--json]\n", query.usage);
+        return kExitOk;
+    }
+    if (args.size() < query.minArgs || args.size() > query.maxArgs) {
+        std::fprintf(stderr, "tivra: usage: %s\n", query.usage);
+        return kExitUsage;
+    }
+    return query.run(args, options);
+}
+
+}  // namespace tivra_cli

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+
+namespace tivra_cli {
+
+// What to tell a user whose request found no device monitor service: whether
+// binderd itself is missing or only the service, and what to start.
+std::string ExplainUnavailableService();
+
+}  // namespace tivra_cli
