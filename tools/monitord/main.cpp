@@ -3,10 +3,10 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <sys/stat.h>
 
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
@@ -48,11 +48,17 @@ void PrintUsage(FILE* out) {
                  kServiceName, tivra_control::kControlServiceName);
 }
 
-// The sample shipped with the project: installed, or in the source tree.
+// The sample shipped with the project: installed beside this program (in
+// ../share/tivra/scenarios), else in the source tree it was built from.
 std::string DefaultScenario() {
-    struct stat info {};
-    if (stat(TIVRA_INSTALLED_SAMPLE_SCENARIO, &info) == 0) {
-        return TIVRA_INSTALLED_SAMPLE_SCENARIO;
+    char self[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (length > 0) {
+        std::string installed(self, static_cast<size_t>(length));
+        installed = installed.substr(0, installed.rfind('/')) + "/../" TIVRA_INSTALLED_SAMPLE_SCENARIO;
+        if (access(installed.c_str(), R_OK) == 0) {
+            return installed;
+        }
     }
     return TIVRA_SOURCE_SAMPLE_SCENARIO;
 }
