@@ -8,6 +8,8 @@
 #include <binder/ProcessState.h>
 #include <binder/Status.h>
 
+#include "protocol/Protocol.h"
+
 namespace android {
 
 const String16 IServiceManager::descriptor("android.os.IServiceManager");
@@ -19,12 +21,7 @@ IServiceManager::~IServiceManager() = default;
 
 namespace {
 
-enum ServiceManagerCode : uint32_t {
-    kGetService = 1,
-    kCheckService = 2,
-    kAddService = 3,
-    kListServices = 4,
-};
+using namespace hostbinder;
 
 class BpServiceManager : public BpInterface<IServiceManager> {
 public:

@@ -16,14 +16,6 @@ using namespace hostbinder;
 
 namespace {
 
-enum ServiceManagerCode : uint32_t {
-    kGetService = 1,
-    kCheckService = 2,
-    kAddService = 3,
-    kListServices = 4,
-    kIsDeclared = 7,
-};
-
 constexpr auto kLookupWait = std::chrono::seconds(5);
 constexpr size_t kMaxNameLength = 127;
 constexpr uint32_t kObjectFlags = 0x13 | FLAT_BINDER_FLAG_ACCEPTS_FDS;

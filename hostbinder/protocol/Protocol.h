@@ -52,6 +52,16 @@ enum Command : uint32_t {
     kSpawnLooper,           // empty
 };
 
+// Transaction codes of the service manager at handle 0 (the platform's
+// IServiceManager protocol), spoken by the client and answered by binderd.
+enum ServiceManagerCode : uint32_t {
+    kGetService = 1,
+    kCheckService = 2,
+    kAddService = 3,
+    kListServices = 4,
+    kIsDeclared = 7,
+};
+
 // Internal to the client: waitForResponse's way of saying "refused, see the
 // status", distinct from every status_t a service can return.
 constexpr int32_t kRefusedMarker = INT32_MIN + 100;
