@@ -29,6 +29,8 @@ bool Accepts(const std::string& path) {
 
 }  // namespace
 
+bool BinderdIsRunning() { return Accepts(android::hostbinder::defaultSocketPath()); }
+
 std::string ExplainUnavailableService() {
     const std::string path = android::hostbinder::defaultSocketPath();
     if (!Accepts(path)) {

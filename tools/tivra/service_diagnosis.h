@@ -8,4 +8,7 @@ namespace tivra_cli {
 // binderd itself is missing or only the service, and what to start.
 std::string ExplainUnavailableService();
 
+// Whether binderd accepts connections on the socket this process would use.
+bool BinderdIsRunning();
+
 }  // namespace tivra_cli

@@ -132,7 +132,10 @@ int RunSim(const Args& args, const Options& options) {
         std::fprintf(stderr, "tivra: %s\n", result.error.c_str());
         return kExitCallFailed;
     }
-    std::printf("%s\n", result.value.dump(options.json ? -1 : 2).c_str());
+    // Commands that only act answer an empty object: nothing to show a person.
+    if (options.json || !result.value.empty()) {
+        std::printf("%s\n", result.value.dump(options.json ? -1 : 2).c_str());
+    }
     return kExitOk;
 }
 
@@ -149,7 +152,8 @@ int RunServices(const Args& args, const Options& options) {
     for (size_t i = 0; i < names.size(); ++i) {
         list.push_back(android::String8(names[i]).c_str());
     }
-    if (list.empty()) {
+    // An empty list is an answer only when binderd gave it.
+    if (list.empty() && !BinderdIsRunning()) {
         std::fprintf(stderr, "tivra: %s\n", ExplainUnavailableService().c_str());
         return kExitServiceUnavailable;
     }
