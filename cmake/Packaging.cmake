@@ -30,3 +30,9 @@ install(FILES ${PROJECT_BINARY_DIR}/tivraConfig.cmake ${PROJECT_BINARY_DIR}/tivr
 file(RELATIVE_PATH TIVRA_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/tivra.pc.in ${PROJECT_BINARY_DIR}/tivra.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tivra.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(FILES
+  ${PROJECT_SOURCE_DIR}/docs/man/binderd.1
+  ${PROJECT_SOURCE_DIR}/docs/man/tivra-monitord.1
+  ${PROJECT_SOURCE_DIR}/docs/man/tivra.1
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
