@@ -128,7 +128,7 @@ TYPED_TEST(Frame, CodesOutsideTheTableGoToTheBaseClass) {
     ASSERT_EQ(this->stub_->transact(IBinder::INTERFACE_TRANSACTION, data, &reply, 0), android::OK);
     reply.setDataPosition(0);
     EXPECT_EQ(reply.readString16(), TypeParam::I::descriptor);
-    EXPECT_TRUE(this->stub_->received.empty());
+    EXPECT_TRUE(this->stub_->Take().received.empty());
 }
 
 TYPED_TEST(Frame, WrongOrMissingTokenIsRefusedWithAnEmptyReply) {
@@ -142,7 +142,7 @@ TYPED_TEST(Frame, WrongOrMissingTokenIsRefusedWithAnEmptyReply) {
         EXPECT_EQ(this->stub_->transact(code, missing, &reply, 0), android::BAD_TYPE);
         EXPECT_EQ(reply.dataSize(), 0u);
     }
-    EXPECT_TRUE(this->stub_->received.empty());
+    EXPECT_TRUE(this->stub_->Take().received.empty());
 }
 
 // A stub reached with hand-made data: what it returns, replies and calls.
@@ -167,7 +167,7 @@ TEST(StubNullRule, NullListenerIsAnsweredWithNullPointerAndNoCall) {
     EXPECT_EQ(listenerStatus.exceptionCode(), Status::EX_NULL_POINTER);
     EXPECT_TRUE(added);
     EXPECT_EQ(proxy->addOnDeviceChangeListener(nullptr).exceptionCode(), Status::EX_NULL_POINTER);
-    EXPECT_TRUE(stub->received.empty());
+    EXPECT_TRUE(stub->Take().received.empty());
 }
 
 TEST(StubNullRule, MissingRecordOrStringIsAnsweredWithNullPointerAndNoCall) {
@@ -190,8 +190,8 @@ TEST(StubNullRule, MissingRecordOrStringIsAnsweredWithNullPointerAndNoCall) {
         EXPECT_EQ(run.result, android::OK);
         EXPECT_EQ(ReadStatus(run.reply).exceptionCode(), Status::EX_NULL_POINTER);
     }
-    EXPECT_TRUE(devices->received.empty());
-    EXPECT_TRUE(nodes->received.empty());
+    EXPECT_TRUE(devices->Take().received.empty());
+    EXPECT_TRUE(nodes->Take().received.empty());
 }
 
 TEST(StubRecords, AnyNonZeroMarkerIsAcceptedAndAFailedRecordStopsTheCall) {
@@ -208,8 +208,9 @@ TEST(StubRecords, AnyNonZeroMarkerIsAcceptedAndAFailedRecordStopsTheCall) {
         },
         markerTwo);
     EXPECT_EQ(markerTwo.result, android::OK);
-    ASSERT_EQ(devices->received.size(), 1u);
-    EXPECT_EQ(devices->received[0].inputs,
+    const CallRecord devicesCalled = devices->Take();
+    ASSERT_EQ(devicesCalled.received.size(), 1u);
+    EXPECT_EQ(devicesCalled.received[0].inputs,
               std::vector<std::string>{Describe(DeviceInfoExternal("name", "id", "type", "ip"))});
 
     // A node type code of -1 fails the record's own read with -1.
@@ -225,13 +226,13 @@ TEST(StubRecords, AnyNonZeroMarkerIsAcceptedAndAFailedRecordStopsTheCall) {
         badType);
     EXPECT_EQ(badType.result, -1);
     EXPECT_EQ(badType.reply.dataSize(), 0u);
-    EXPECT_TRUE(nodes->received.empty());
+    EXPECT_TRUE(nodes->Take().received.empty());
 }
 
 TEST(StubReplies, OneWayStatusIsDroppedAndTwoWayFailureTravelsAlone) {
     const Status refusal = Status::fromExceptionCode(Status::EX_ILLEGAL_STATE, "busy");
     const sp<RecordingDeviceListener> nodes = new RecordingDeviceListener();
-    nodes->answer = refusal;
+    nodes->Answer(refusal);
     StubRun oneWay;
     Deliver(
         *nodes, 3,
@@ -242,10 +243,10 @@ TEST(StubReplies, OneWayStatusIsDroppedAndTwoWayFailureTravelsAlone) {
         oneWay);
     EXPECT_EQ(oneWay.result, android::OK);
     EXPECT_EQ(oneWay.reply.dataSize(), 0u);
-    EXPECT_EQ(nodes->received.size(), 1u);
+    EXPECT_EQ(nodes->Take().received.size(), 1u);
 
     const sp<RecordingDeviceMonitorService> service = new RecordingDeviceMonitorService();
-    service->answer = refusal;
+    service->Answer(refusal);
     StubRun twoWay;
     Deliver(
         *service, 13, [](Parcel& data) { data.writeString16(String16("device")); }, twoWay);
@@ -253,7 +254,7 @@ TEST(StubReplies, OneWayStatusIsDroppedAndTwoWayFailureTravelsAlone) {
     Parcel statusAlone;
     refusal.writeToParcel(&statusAlone);
     EXPECT_EQ(Bytes(twoWay.reply), Bytes(statusAlone));
-    EXPECT_EQ(service->received.size(), 1u);
+    EXPECT_EQ(service->Take().received.size(), 1u);
 }
 
 // Default implementations are process-wide and installed once, so each

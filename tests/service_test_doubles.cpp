@@ -2,19 +2,13 @@
 
 #include <utils/String8.h>
 
-#include <cstdio>
 #include <initializer_list>
 #include <string>
+#include <utility>
 
 namespace tivra_service_test {
 
 std::string Utf8(const android::String16& text) { return android::String8(text).c_str(); }
-
-std::string DescribeBinder(const android::sp<android::IBinder>& binder) {
-    char text[32];
-    std::snprintf(text, sizeof text, "binder %p", static_cast<const void*>(binder.get()));
-    return text;
-}
 
 std::string Numbered(const char* prefix, uint32_t code, size_t position) {
     return prefix + std::to_string(code) + "." + std::to_string(position);
@@ -32,6 +26,23 @@ NodeBasicInfoList NodeListOf(std::initializer_list<NodeBasicInfoInner> nodes) {
         list.AddNodeBasicInfoToList(node);
     }
     return list;
+}
+
+CallRecord CallLog::Take(size_t calls, std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    methodReached_.wait_for(lock, timeout, [&] { return record_.received.size() >= calls; });
+    return std::exchange(record_, CallRecord{});
+}
+
+void CallLog::Answer(const Status& answer) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    answer_ = answer;
+}
+
+void CallLog::RecordWire(uint32_t code, uint32_t flags, const android::Parcel& data) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    record_.transactions.push_back({code, flags, Bytes(data)});
+    lastCode_ = code;
 }
 
 android::status_t RecordingBinder::onTransact(uint32_t transactionCode, const android::Parcel& parcel,

@@ -16,10 +16,13 @@
 #endif
 #endif
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <initializer_list>
 #include <iterator>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -48,11 +51,36 @@ template <typename I>
 struct RecordingOf;
 
 std::string Utf8(const android::String16& text);
-std::string DescribeBinder(const android::sp<android::IBinder>& binder);
 // "<prefix><code>.<position>"
 std::string Numbered(const char* prefix, uint32_t code, size_t position);
 DeviceInfoExternalList DeviceListOf(std::initializer_list<DeviceInfoExternal> devices);
 NodeBasicInfoList NodeListOf(std::initializer_list<NodeBasicInfoInner> nodes);
+
+// Wire types with their names as the transaction tables write them.
+using WireTypes = std::tuple<android::String16, int32_t, int64_t, bool, DeviceInfoExternal, DeviceInfoExternalList,
+                             NodeBasicInfoInner, NodeBasicInfoList, DeviceInfoTypeInner,
+                             android::sp<IDeviceChangeListener>, android::sp<IDeviceListener>>;
+constexpr const char* kWireNames[] = {"String16",
+                                      "int32",
+                                      "int64",
+                                      "bool",
+                                      "DeviceInfoExternal",
+                                      "DeviceInfoExternalList",
+                                      "NodeBasicInfoInner",
+                                      "NodeBasicInfoList",
+                                      "DeviceInfoTypeInner",
+                                      "IDeviceChangeListener",
+                                      "IDeviceListener"};
+static_assert(std::size(kWireNames) == std::tuple_size_v<WireTypes>);
+
+template <typename T, size_t Index = 0>
+constexpr const char* WireName() {
+    if constexpr (std::is_same_v<T, std::tuple_element_t<Index, WireTypes>>) {
+        return kWireNames[Index];
+    } else {
+        return WireName<T, Index + 1>();
+    }
+}
 
 // Readable text of a value, so that what was sent and what arrived compare.
 template <typename T>
@@ -83,33 +111,9 @@ std::string Describe(const T& value) {
         }
         return text + "]";
     } else {
-        return DescribeBinder(android::IInterface::asBinder(value));
-    }
-}
-
-// Wire types with their names as the transaction tables write them.
-using WireTypes = std::tuple<android::String16, int32_t, int64_t, bool, DeviceInfoExternal, DeviceInfoExternalList,
-                             NodeBasicInfoInner, NodeBasicInfoList, DeviceInfoTypeInner,
-                             android::sp<IDeviceChangeListener>, android::sp<IDeviceListener>>;
-constexpr const char* kWireNames[] = {"String16",
-                                      "int32",
-                                      "int64",
-                                      "bool",
-                                      "DeviceInfoExternal",
-                                      "DeviceInfoExternalList",
-                                      "NodeBasicInfoInner",
-                                      "NodeBasicInfoList",
-                                      "DeviceInfoTypeInner",
-                                      "IDeviceChangeListener",
-                                      "IDeviceListener"};
-static_assert(std::size(kWireNames) == std::tuple_size_v<WireTypes>);
-
-template <typename T, size_t Index = 0>
-constexpr const char* WireName() {
-    if constexpr (std::is_same_v<T, std::tuple_element_t<Index, WireTypes>>) {
-        return kWireNames[Index];
-    } else {
-        return WireName<T, Index + 1>();
+        // A listener shows only its interface: its binder differs between processes. That it leads back to the
+        // caller's object shows in the call back that a recording stub makes (CallBack below).
+        return std::string(WireName<T>()) + (value == nullptr ? " null" : "");
     }
 }
 
@@ -189,33 +193,82 @@ struct Received {
     std::vector<std::string> inputs;
 };
 
-// The part of a recording stub that does not depend on its interface.
+// One transaction as it reached a stub, before the stub read it.
+struct WireTransaction {
+    uint32_t code;
+    uint32_t flags;
+    std::vector<uint8_t> data;
+};
+
+// Everything a recording stub saw since it was last asked.
+struct CallRecord {
+    std::vector<WireTransaction> transactions;
+    std::vector<Received> received;
+};
+
+template <typename T>
+struct IsListener : std::false_type {};
+template <typename Listener>
+struct IsListener<android::sp<Listener>> : std::true_type {
+    using Interface = Listener;
+};
+
+// A recording stub that answers OK calls every listener it received back
+// once, with a record made for the call's code, so that a test sees the
+// binder lead back to the caller's object.
+constexpr size_t kCallBackPosition = 80;
+
+template <typename Listener>
+struct CallBackOf;
+template <>
+struct CallBackOf<IDeviceChangeListener> {
+    using Record = DeviceInfoExternal;
+};
+template <>
+struct CallBackOf<IDeviceListener> {
+    using Record = NodeBasicInfoInner;
+};
+
+template <typename Listener>
+Status CallBack(const android::sp<Listener>& listener, uint32_t code) {
+    return listener->onDeviceOnline(SampleInput<typename CallBackOf<Listener>::Record>(code, kCallBackPosition));
+}
+
+template <typename Listener>
+Received ExpectedCallBack(uint32_t code) {
+    return {"onDeviceOnline", {Describe(SampleInput<typename CallBackOf<Listener>::Record>(code, kCallBackPosition))}};
+}
+
+// The part of a recording stub that does not depend on its interface. Binder
+// threads record while a test reads, so every access holds the lock.
 class CallLog {
 public:
-    std::vector<Received> received;
-    std::vector<uint32_t> wireCodes;
-    std::vector<uint32_t> wireFlags;
-    // What every method answers; outputs are filled only when it is OK.
-    Status answer = Status::ok();
+    // Waits until `calls` methods have been reached or the timeout has passed,
+    // then hands over all that was recorded and starts afresh.
+    CallRecord Take(size_t calls = 0, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    // What every method answers from now on; outputs are filled only when it is OK.
+    void Answer(const Status& answer);
 
 protected:
     template <typename... Args>
     Status Record(const char* method, std::tuple<Args&...> args) {
+        std::unique_lock<std::mutex> lock(mutex_);
         Received call{method, {}};
         std::apply([&](Args&... values) { (AppendInput(call.inputs, values), ...); }, args);
-        received.push_back(call);
-        if (!answer.isOk()) {
-            return answer;
+        record_.received.push_back(call);
+        methodReached_.notify_all();
+        if (!answer_.isOk()) {
+            return answer_;
         }
         std::apply([&](Args&... values) { (FillOutput(values), ...); }, args);
+        const uint32_t code = lastCode_;
+        // A listener across processes answers on its own thread: never call out holding the lock.
+        lock.unlock();
+        std::apply([&](Args&... values) { (CallBackIfListener(values, code), ...); }, args);
         return Status::ok();
     }
 
-    void RecordWire(uint32_t code, uint32_t flags) {
-        wireCodes.push_back(code);
-        wireFlags.push_back(flags);
-        lastCode_ = code;
-    }
+    void RecordWire(uint32_t code, uint32_t flags, const android::Parcel& data);
 
 private:
     template <typename T>
@@ -232,6 +285,18 @@ private:
         *output = ProducedOutput<T>(lastCode_);
     }
 
+    template <typename T>
+    static void CallBackIfListener(const T& value, uint32_t code) {
+        if constexpr (IsListener<T>::value) {
+            // One-way: nothing comes back to check.
+            CallBack(value, code);
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable methodReached_;
+    CallRecord record_;
+    Status answer_ = Status::ok();
     uint32_t lastCode_ = 0;
 };
 
@@ -244,7 +309,7 @@ private:
     public:                                                                                              \
         android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply, \
                                      uint32_t flags) override {                                          \
-            RecordWire(code, flags);                                                                     \
+            RecordWire(code, flags, data);                                                               \
             return Bn##C::onTransact(code, data, reply, flags);                                          \
         }                                                                                                \
         TABLE(TIVRA_TEST_RECORD_METHOD, C)                                                               \
@@ -297,6 +362,18 @@ android::sp<Bp> ProxyOn(const android::sp<android::IBinder>& remote) {
 // The bytes of a parcel.
 std::vector<uint8_t> Bytes(const android::Parcel& parcel);
 
+// A listener passed in a call: its log and the call back it should see.
+struct ListenerSent {
+    CallLog* log;
+    Received callBack;
+};
+
+// The log of a sample listener, which is always a recording stub.
+template <typename Listener>
+CallLog& LogOf(const android::sp<Listener>& listener) {
+    return static_cast<typename RecordingOf<android::sp<Listener>>::type&>(*listener);
+}
+
 // One call made with sample inputs and an untouched output object.
 struct Outcome {
     Status status;
@@ -305,6 +382,7 @@ struct Outcome {
     std::string output;          // the caller's output object after the call
     std::string producedOutput;  // what the recording stub fills in on success
     std::string untouchedOutput;
+    std::vector<ListenerSent> listeners;
 };
 
 template <typename I>
@@ -347,6 +425,10 @@ Outcome CallWithSamples(I& target, Status (I::*method)(Params...), uint32_t code
         } else {
             inputs += (inputs.empty() ? "" : ",") + std::string(WireName<Value<Param>>());
             outcome.sent.push_back(Describe(value));
+            if constexpr (IsListener<Value<Param>>::value) {
+                using Listener = typename IsListener<Value<Param>>::Interface;
+                outcome.listeners.push_back({&LogOf(value), ExpectedCallBack<Listener>(code)});
+            }
         }
     };
     (note(Tag<Params>{}, std::get<Position>(values)), ...);
@@ -405,5 +487,10 @@ using DeviceListenerProtocol = Protocol<IDeviceListener, IDeviceListenerDefault,
                                         RecordingDeviceListener, android::IBinder::FLAG_ONEWAY, 3>;
 
 using Protocols = ::testing::Types<DeviceMonitorServiceProtocol, DeviceChangeListenerProtocol, DeviceListenerProtocol>;
+
+// A test type made for each interface, e.g. a transport to it.
+template <template <typename> class PerProtocol>
+using ForEachProtocol = ::testing::Types<PerProtocol<DeviceMonitorServiceProtocol>,
+                                         PerProtocol<DeviceChangeListenerProtocol>, PerProtocol<DeviceListenerProtocol>>;
 
 }  // namespace tivra_service_test

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,9 @@ const KindCase kKinds[] = {
      {0xFB, 0xFF, 0xFF, 0xFF, 3, 0, 0, 0, 0xE9, 0, 0x3D, 0xD8, 0x00, 0xDE, 0, 0, 0, 0, 0, 0},
      {Status::EX_ILLEGAL_STATE, 0, android::OK, "\xC3\xA9\xF0\x9F\x98\x80"}},
 };
+
+// The listing names a case, not its bytes.
+void PrintTo(const KindCase& testCase, std::ostream* out) { *out << testCase.name; }
 
 class StatusKind : public ::testing::TestWithParam<KindCase> {};
 
@@ -126,6 +130,9 @@ const TruncatedCase kTruncated[] = {
     {"ReplyHeaderSizeMissing", {0x80, 0xFF, 0xFF, 0xFF}, android::NOT_ENOUGH_DATA},
 };
 
+// The listing names a case, not its bytes.
+void PrintTo(const TruncatedCase& testCase, std::ostream* out) { *out << testCase.name; }
+
 class StatusTruncated : public ::testing::TestWithParam<TruncatedCase> {};
 
 TEST_P(StatusTruncated, BecomesTransportFailureCarryingTheReadsCode) {
@@ -173,6 +180,9 @@ const BuildCase kBuilds[] = {
     {"FromServiceSpecificErrorWithMessage", Status::fromServiceSpecificError(-9, String8("why")),
      {Status::EX_SERVICE_SPECIFIC, -9, android::OK, "why"}},
 };
+
+// The listing names a case, not its bytes.
+void PrintTo(const BuildCase& testCase, std::ostream* out) { *out << testCase.name; }
 
 class StatusBuild : public ::testing::TestWithParam<BuildCase> {};
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -89,6 +90,9 @@ const SweepCase kCases[] = {
     {"StatusParcelable", WriteValue(Status::fromExceptionCode(Status::EX_PARCELABLE, "p")), ReadStatus},
     {"StatusReplyHeader", WriteReplyHeader, ReadStatus},
 };
+
+// The listing names a case, not its bytes.
+void PrintTo(const SweepCase& testCase, std::ostream* out) { *out << testCase.name; }
 
 class TruncationSweep : public ::testing::TestWithParam<SweepCase> {};
 

@@ -78,9 +78,12 @@ bool Connection::receive(uint32_t* command, std::vector<uint8_t>* payload) {
             mInStart += consumed;
             return true;
         }
-        std::memmove(mIn.data(), mIn.data() + mInStart, mInUsed - mInStart);
-        mInUsed -= mInStart;
-        mInStart = 0;
+        // Keep the partial frame at the front (the buffer is empty at first).
+        if (mInStart > 0) {
+            std::memmove(mIn.data(), mIn.data() + mInStart, mInUsed - mInStart);
+            mInUsed -= mInStart;
+            mInStart = 0;
+        }
         // The buffer only grows, so reads never pay for zero-filling.
         if (mIn.size() < mInUsed + kReadChunk) {
             mIn.resize(mInUsed + kReadChunk);

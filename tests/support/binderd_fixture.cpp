@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -43,6 +44,15 @@ int reap(pid_t child, bool block) {
         return -1;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// In a fresh child: go when the forking process goes, even if it crashed and
+// never ran its cleanup, so that no helper outlives its test or benchmark.
+void dieWithParent(pid_t parent) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {
+        _exit(1);
+    }
 }
 
 }  // namespace
@@ -114,8 +124,10 @@ BinderdSession::BinderdSession() {
 }
 
 bool BinderdSession::startBinderd() {
+    const pid_t parent = getpid();
     const pid_t child = fork();
     if (child == 0) {
+        dieWithParent(parent);
         execl(TIVRA_BINDERD_PATH, "binderd", "--socket", mSocketPath.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
@@ -149,8 +161,10 @@ BinderdSession::~BinderdSession() {
 pid_t BinderdSession::spawn(const std::function<int()>& body) {
     std::fflush(stdout);
     std::fflush(stderr);
+    const pid_t parent = getpid();
     const pid_t child = fork();
     if (child == 0) {
+        dieWithParent(parent);
         _exit(body());
     }
     mChildren.push_back(child);

@@ -1,0 +1,278 @@
+// Round trips between separate processes, all measured in one run:
+//   a) a raw Unix stream socket ping-pong of 64-byte messages;
+//   b) the same bytes through a minimal single-threaded epoll relay process;
+//   c) a two-way Binder transaction through binderd, 64 bytes each way;
+//   d) one-way Binder transactions to one node, counted by the receiver;
+//   e) a two-way Binder transaction of 100 KiB each way;
+//   and binderd's resident memory before and after 1,000,000 transactions.
+// The bench starts its own binderd on a private socket and every helper
+// process itself. Pinned figures: `taskset -c 0 ipc_bench`; every helper
+// inherits the affinity, the context line "allowed_cpus" shows it.
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+#include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+
+#include "bench_service.h"
+#include "binderd_fixture.h"
+#include "epoll_relay.h"
+#include "resident_memory.h"
+#include "stream_echo.h"
+
+namespace {
+
+using namespace android;
+using tivra_bench::BenchService;
+using tivra_test::BinderdSession;
+
+constexpr size_t kMessageBytes = 64;
+constexpr size_t kLargeBytes = 100 * 1024;
+// 4,000 calls of 64 bytes stay well inside binderd's one-way queue limit.
+constexpr int kOnewayBatch = 4000;
+constexpr int64_t kMemoryTransactions = 1000000;
+const String16 kServiceName("tivra.bench.service");
+
+struct SocketPair {
+    int parentEnd = -1;
+    int childEnd = -1;
+};
+
+SocketPair socketPair() {
+    int fds[2] = {-1, -1};
+    socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds);
+    return {fds[0], fds[1]};
+}
+
+// Returns the client end of a socket whose other end an echo process serves.
+int startEcho(BinderdSession& session) {
+    const SocketPair pair = socketPair();
+    session.spawn([pair] {
+        close(pair.parentEnd);
+        tivra_bench::echoUntilClosed(pair.childEnd, kMessageBytes);
+        return 0;
+    });
+    close(pair.childEnd);
+    return pair.parentEnd;
+}
+
+// Returns the client end of client -> relay -> echo server -> relay -> client.
+int startRelayedEcho(BinderdSession& session) {
+    const SocketPair client = socketPair();
+    const SocketPair server = socketPair();
+    session.spawn([client, server] {
+        close(client.parentEnd);
+        close(client.childEnd);
+        close(server.parentEnd);
+        tivra_bench::echoUntilClosed(server.childEnd, kMessageBytes);
+        return 0;
+    });
+    session.spawn([client, server] {
+        close(client.parentEnd);
+        close(server.childEnd);
+        tivra_bench::relayUntilClosed(client.childEnd, server.parentEnd);
+        return 0;
+    });
+    close(client.childEnd);
+    close(server.parentEnd);
+    close(server.childEnd);
+    return client.parentEnd;
+}
+
+// Starts the service process and looks it up. This is this process's first
+// use of Binder, so it must come after every fork.
+sp<IBinder> startBinderService(BinderdSession& session) {
+    tivra_test::Channel ready;
+    session.spawn([&ready] {
+        sp<BenchService> service = new BenchService();
+        ProcessState::self()->startThreadPool();
+        if (defaultServiceManager()->addService(kServiceName, service) != OK) {
+            return 1;
+        }
+        ready.post("ready");
+        IPCThreadState::self()->joinThreadPool();
+        return 0;
+    });
+    return ready.next() == "ready" ? defaultServiceManager()->checkService(kServiceName) : nullptr;
+}
+
+void writePayload(Parcel* parcel, size_t bytes) {
+    const std::vector<uint8_t> payload(bytes, 0x5a);
+    parcel->write(payload.data(), payload.size());
+}
+
+bool echoed(const sp<IBinder>& service, const Parcel& request) {
+    Parcel reply;
+    return service->transact(BenchService::kEcho, request, &reply) == OK && reply.dataSize() == request.dataSize();
+}
+
+bool sentOneway(const sp<IBinder>& service, const Parcel& request) {
+    return service->transact(BenchService::kCount, request, nullptr, IBinder::FLAG_ONEWAY) == OK;
+}
+
+// The receiver's count of one-way calls once it reached `target` (or, after
+// its bounded wait, whatever it is).
+int64_t awaitCount(const sp<IBinder>& service, int64_t target) {
+    Parcel data;
+    data.writeInt64(target);
+    Parcel reply;
+    return service->transact(BenchService::kAwaitCount, data, &reply) == OK ? reply.readInt64() : -1;
+}
+
+void socketRoundTrips(benchmark::State& state, int fd) {
+    std::array<char, kMessageBytes> message{};
+    for (auto _ : state) {
+        if (!tivra_bench::exchange(fd, message.data(), message.size())) {
+            state.SkipWithError("the echo process is gone");
+            break;
+        }
+    }
+}
+
+void binderRoundTrips(benchmark::State& state, const sp<IBinder>& service, size_t bytes) {
+    Parcel request;
+    writePayload(&request, bytes);
+    for (auto _ : state) {
+        if (!echoed(service, request)) {
+            state.SkipWithError("echo failed");
+            break;
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(2 * bytes));
+}
+
+// Each iteration is a batch, timed from its first send until the receiver
+// has counted its last call.
+void onewayThroughput(benchmark::State& state, const sp<IBinder>& service) {
+    Parcel request;
+    writePayload(&request, kMessageBytes);
+    int64_t sent = awaitCount(service, 0);
+    for (auto _ : state) {
+        const auto start = std::chrono::steady_clock::now();
+        bool accepted = true;
+        for (int i = 0; i < kOnewayBatch && accepted; ++i) {
+            accepted = sentOneway(service, request);
+        }
+        sent += kOnewayBatch;
+        if (!accepted || awaitCount(service, sent) != sent) {
+            state.SkipWithError("one-way calls refused or lost");
+            break;
+        }
+        state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    }
+    state.counters["oneway_per_second"] =
+        benchmark::Counter(static_cast<double>(state.iterations() * kOnewayBatch), benchmark::Counter::kIsRate);
+}
+
+// Alternates two-way and one-way calls; every thousand calls it lets the
+// receiver catch up so that the one-way queue stays short.
+class MixedTraffic {
+public:
+    explicit MixedTraffic(sp<IBinder> service)
+        : mService(std::move(service)), mOneways(awaitCount(mService, 0)) {
+        writePayload(&mRequest, kMessageBytes);
+    }
+
+    bool step() {
+        ++mSteps;
+        if (mSteps % 2 == 0) {
+            return echoed(mService, mRequest);
+        }
+        if (!sentOneway(mService, mRequest)) {
+            return false;
+        }
+        ++mOneways;
+        return mSteps % 1000 != 999 || awaitCount(mService, mOneways) == mOneways;
+    }
+
+private:
+    sp<IBinder> mService;
+    Parcel mRequest;
+    int64_t mOneways;
+    int64_t mSteps = 0;
+};
+
+void binderdMemory(benchmark::State& state, const sp<IBinder>& service, pid_t binderd) {
+    MixedTraffic traffic(service);
+    // Warm up first: binderd's buffers reach their working size.
+    for (int i = 0; i < 20000; ++i) {
+        if (!traffic.step()) {
+            state.SkipWithError("warm-up failed");
+            return;
+        }
+    }
+    const long before = tivra_bench::residentKibibytes(binderd);
+    for (auto _ : state) {
+        if (!traffic.step()) {
+            state.SkipWithError("transaction failed");
+            break;
+        }
+    }
+    const long after = tivra_bench::residentKibibytes(binderd);
+    state.counters["binderd_rss_before_KiB"] = static_cast<double>(before);
+    state.counters["binderd_rss_after_KiB"] = static_cast<double>(after);
+    state.counters["binderd_rss_growth_KiB"] = static_cast<double>(after - before);
+}
+
+// Warm-up, then five repetitions reported as mean, median and spread. Wall
+// time, not this process's CPU time: the work happens in other processes.
+benchmark::internal::Benchmark* repeated(benchmark::internal::Benchmark* benchmark) {
+    return benchmark->MinWarmUpTime(0.2)
+        ->Repetitions(5)
+        ->ReportAggregatesOnly(true)
+        ->Unit(benchmark::kMicrosecond);
+}
+
+int allowedCpus() {
+    cpu_set_t cpus;
+    CPU_ZERO(&cpus);
+    return sched_getaffinity(0, sizeof(cpus), &cpus) == 0 ? CPU_COUNT(&cpus) : -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    BinderdSession session;
+    if (!session.started()) {
+        std::fprintf(stderr, "ipc_bench: %s\n", session.error().c_str());
+        return 1;
+    }
+    const int echoFd = startEcho(session);
+    const int relayFd = startRelayedEcho(session);
+    const sp<IBinder> service = startBinderService(session);
+    if (service == nullptr) {
+        std::fprintf(stderr, "ipc_bench: the Binder service did not come up\n");
+        return 1;
+    }
+    benchmark::AddCustomContext("allowed_cpus", std::to_string(allowedCpus()));
+
+    repeated(benchmark::RegisterBenchmark("a_socket_pingpong_64B", socketRoundTrips, echoFd))->UseRealTime();
+    repeated(benchmark::RegisterBenchmark("b_epoll_relay_64B", socketRoundTrips, relayFd))->UseRealTime();
+    repeated(benchmark::RegisterBenchmark("c_binder_two_way_64B", binderRoundTrips, service, kMessageBytes))->UseRealTime();
+    repeated(benchmark::RegisterBenchmark("d_binder_one_way_64B", onewayThroughput, service))->UseManualTime();
+    repeated(benchmark::RegisterBenchmark("e_binder_two_way_100KiB", binderRoundTrips, service, kLargeBytes))->UseRealTime();
+    benchmark::RegisterBenchmark("binderd_memory_1M_transactions", binderdMemory, service, session.binderdPid())
+        ->Iterations(kMemoryTransactions)
+        ->UseRealTime()
+        ->Unit(benchmark::kMicrosecond);
+
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    close(echoFd);
+    close(relayFd);
+    return 0;
+}
