@@ -36,11 +36,12 @@ wait_for() {
   for _ in $(seq 100); do "$@" && return 0; sleep 0.05; done
   return 1
 }
+# start_monitord [SCENARIO]: the sample unless told otherwise.
 start_monitord() {
-  "$monitord" --scenario "$source_dir/tools/scenarios/sample.json" >"$work/monitord.out" 2>&1 &
+  "$monitord" --scenario "${1:-$source_dir/tools/scenarios/sample.json}" >"$work/monitord.out" 2>&1 &
   monitord_pid=$!
   pids+=("$monitord_pid")
-  wait_for sh -c "'$tivra' services 2>/dev/null | grep -qx PravikDeviceMonitorService" || fail "tivra-monitord did not come up"
+  wait_for sh -c "'$tivra' services 2>/dev/null | grep -qx PravikDeviceMonitorService" || fail "tivra-monitord did not come up: $(cat "$work/monitord.out")"
 }
 
 # Nothing running: the advice names what to start.
@@ -104,6 +105,22 @@ status=$?
 [ "$status" -eq 0 ] || fail "watch ended with $status on Ctrl-C"
 tail -1 "$work/watch.out" | grep -q '"event":"stopped"' || fail "watch did not say it stopped"
 grep -v '^{.*}$' "$work/watch.out" && fail "watch --json printed a line that is not one JSON object"
+
+# A network of 10,000 devices crosses in one answer.
+{ kill -KILL "$monitord_pid"; wait "$monitord_pid"; } 2>/dev/null
+{
+  printf '{"localDevice": {"name": "Hub", "id": "dev-hub", "type": "HUB", "ip": "10.9.0.1"},'
+  printf ' "localNode": {"name": "Hub", "deviceType": 14, "nodeId": "node-hub"}, "devices": ['
+  for i in $(seq 10000); do
+    [ "$i" -gt 1 ] && printf ','
+    printf '{"name": "Sensor %d", "id": "dev-%05d", "type": "SENSOR", "ip": "10.1.%d.%d"}' "$i" "$i" $((i / 250)) $((i % 250))
+  done
+  printf '], "nodes": [], "timeline": []}'
+} >"$work/large.json"
+start_monitord "$work/large.json"
+"$tivra" --json devices >"$work/large.out" 2>&1 || fail "10,000 devices: $(head -3 "$work/large.out")"
+[ "$(grep -c '"id": "dev-' "$work/large.out")" -eq 10000 ] || fail "10,000 devices did not all arrive"
+grep -q '"id": "dev-10000"' "$work/large.out" || fail "the last of 10,000 devices is missing"
 
 if [ "$failures" -ne 0 ]; then
   echo "--- watch output:" >&2; cat "$work/watch.out" >&2
