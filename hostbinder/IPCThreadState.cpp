@@ -45,7 +45,9 @@ bool fitsLimit(const Parcel& parcel) {
 void fillParcel(const hostbinder::TransactionView& view, Parcel* parcel) {
     parcel->setData(view.data, view.header.dataSize);
     std::vector<uint64_t> offsets(view.header.offsetsCount);
-    std::memcpy(offsets.data(), view.offsets, offsets.size() * sizeof(uint64_t));
+    if (!offsets.empty()) {  // the table arrives unaligned, so it is copied out
+        std::memcpy(offsets.data(), view.offsets, offsets.size() * sizeof(uint64_t));
+    }
     parcel->setObjects(offsets.data(), offsets.size());
     parcel->takeDeliveredBinders();
 }
