@@ -27,7 +27,6 @@ bool WaitForDeathNotices(const LogCapture& log, size_t count) {
 TEST(ServiceDeath, EachNotifierIsToldOnceAndRegistrationsAreForgotten) {
     RunInOwnProcess([] {
         MonitordSession session;
-        ASSERT_TRUE(session.ready()) << session.error();
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         const auto listener = std::make_shared<RecordingListener>();
         const auto nodeListener = std::make_shared<RecordingNodeListener>();
@@ -94,7 +93,6 @@ TEST(ServiceDeath, EachNotifierIsToldOnceAndRegistrationsAreForgotten) {
 TEST(ServiceDeath, WithoutNotifiersTheAdapterStillForgetsTheService) {
     RunInOwnProcess([] {
         MonitordSession session;
-        ASSERT_TRUE(session.ready()) << session.error();
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         const auto listener = std::make_shared<RecordingListener>();
         ASSERT_TRUE(Adapter()->RegisterCallback(listener));
@@ -116,7 +114,6 @@ TEST(ServiceDeath, WithoutNotifiersTheAdapterStillForgetsTheService) {
 TEST(ServiceDeath, NotifierMayCallTheAdapterWhenTold) {
     RunInOwnProcess([] {
         MonitordSession session;
-        ASSERT_TRUE(session.ready()) << session.error();
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         EventLog<int> errCodes;
         auto self = std::make_shared<std::weak_ptr<RecordingNotifier>>();

@@ -82,7 +82,6 @@ const std::vector<Query> kQueries = {
 TEST(QueryFailures, EveryFailureKindGivesTheEmptyResultErrCodeTwoAndTheCallMessage) {
     RunInOwnProcess([] {
         MonitordSession session;
-        ASSERT_TRUE(session.ready()) << session.error();
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         LogCapture log;
         std::vector<FaultKind> faults = kCallFaults;
@@ -141,7 +140,6 @@ std::vector<ListenerRegistry> Registries() {
 TEST(RegistrationFailures, FailedAddStoresNothingAndTheNextAddAsksTheServiceAgain) {
     RunInOwnProcess([] {
         MonitordSession session;
-        ASSERT_TRUE(session.ready()) << session.error();
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         LogCapture log;
         for (const ListenerRegistry& registry : Registries()) {
@@ -173,7 +171,6 @@ TEST(RegistrationFailures, FailedAddStoresNothingAndTheNextAddAsksTheServiceAgai
 TEST(RegistrationFailures, FailedRemovalKeepsTheRegistrationAndRetriesWithTheSameWrapper) {
     RunInOwnProcess([] {
         MonitordSession session;
-        ASSERT_TRUE(session.ready()) << session.error();
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         LogCapture log;
         for (const ListenerRegistry& registry : Registries()) {
@@ -200,7 +197,6 @@ TEST(RegistrationFailures, FailedRemovalKeepsTheRegistrationAndRetriesWithTheSam
 TEST(RegistrationFailures, UnregisterCallbackReportsTheFailedRemoval) {
     RunInOwnProcess([] {
         MonitordSession session;
-        ASSERT_TRUE(session.ready()) << session.error();
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         const auto listener = std::make_shared<RecordingListener>();
         ASSERT_TRUE(Adapter()->RegisterCallback(listener));

@@ -102,7 +102,6 @@ private:
 TEST(Registries, IdentifyClientsByObjectAndAcceptThemAgainAfterRemoval) {
     RunInOwnProcess([] {
         MonitordSession session;
-        ASSERT_TRUE(session.ready()) << session.error();
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         LogCapture log;
         RegistryChecker checker(session, log);
@@ -144,7 +143,6 @@ TEST(Registries, IdentifyClientsByObjectAndAcceptThemAgainAfterRemoval) {
 TEST(Registries, UnlinkedNotifierHearsNothingOfTheDeath) {
     RunInOwnProcess([] {
         MonitordSession session;
-        ASSERT_TRUE(session.ready()) << session.error();
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         const auto unlinked = std::make_shared<RecordingNotifier>();
         const auto linked = std::make_shared<RecordingNotifier>();

@@ -64,7 +64,6 @@ std::vector<std::string> LinesOf(const std::vector<std::string>& lines, const st
 TEST(MonitordEndToEnd, ClientProcessSeesEmittedEventsInOrder) {
     RunInOwnProcess([] {
         MonitordSession session;
-        ASSERT_TRUE(session.ready()) << session.error();
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         Channel channel;
         SpawnReportingClient(session, channel);
@@ -104,7 +103,6 @@ TEST(MonitordEndToEnd, ClientProcessSeesEmittedEventsInOrder) {
 TEST(MonitordEndToEnd, KilledClientIsDroppedFromTheListeners) {
     RunInOwnProcess([] {
         MonitordSession session;
-        ASSERT_TRUE(session.ready()) << session.error();
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         Channel channel;
         const pid_t client = SpawnReportingClient(session, channel);

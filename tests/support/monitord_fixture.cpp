@@ -127,6 +127,9 @@ std::string MonitordSession::WriteScenario(const std::string& fileName, const nl
 }
 
 bool MonitordSession::StartService(const std::string& scenarioPath) {
+    if (!ready()) {
+        return false;  // error() says why binderd did not come up
+    }
     scenarioPath_ = scenarioPath;
     const std::string outputPath = folder() + "/monitord-" + std::to_string(++started_) + ".log";
     const int output = open(outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);

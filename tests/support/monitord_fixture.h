@@ -49,7 +49,8 @@ public:
 
     // Starts a service with the scenario and waits until it has registered.
     // A service started before keeps running; the new one takes over the
-    // registration names. False (with error()) when it did not come up.
+    // registration names. False (with error()) when it, or binderd, did not
+    // come up.
     bool StartService(const std::string& scenarioPath = SampleScenario());
     bool StartService(const nlohmann::json& scenario);
     // SIGKILLs a service (by default the latest) and reaps it.
