@@ -133,7 +133,7 @@ int main(int argc, char** argv) {
     // The session points this process at its private binderd before the
     // adapter first uses Binder, and ends its processes when main returns.
     tivra_test::MonitordSession session;
-    if (!session.ready() || !session.StartService(ScenarioWithManyDevices())) {
+    if (!session.StartService(ScenarioWithManyDevices())) {
         std::fprintf(stderr, "adapter_bench: %s\n", session.error().c_str());
         return 1;
     }

@@ -186,7 +186,8 @@ TEST_F(HostBinderIpc, BindersTravelBetweenThreeProcessesAndReturnToTheirOwner) {
     startService();
     ASSERT_EQ(events.next(), "ready");
     Channel ownerSays;
-    const pid_t owner = session.spawn([&ownerSays] {
+    Channel thirdIsDone;
+    const pid_t owner = session.spawn([&ownerSays, &thirdIsDone] {
         ProcessState::self()->startThreadPool();
         sp<IBinder> service = lookUp();
         CHILD_CHECK(service == lookUp());
@@ -198,8 +199,10 @@ TEST_F(HostBinderIpc, BindersTravelBetweenThreeProcessesAndReturnToTheirOwner) {
         sp<IBinder> returned = back.readStrongBinder();
         CHILD_CHECK(returned.get() == object.get());
         ownerSays.post("holding");
-        // Stay alive, serving, until the third process has called the object.
-        CHILD_CHECK(waitUntil([&] { return object->events() == 1; }));
+        // Stay alive, serving, until the third process has its answer: the
+        // event is counted before the reply leaves this process.
+        CHILD_CHECK(thirdIsDone.next() == "done");
+        CHILD_CHECK(object->events() == 1);
         return 0;
     });
     ASSERT_EQ(ownerSays.next(), "holding");
@@ -217,6 +220,7 @@ TEST_F(HostBinderIpc, BindersTravelBetweenThreeProcessesAndReturnToTheirOwner) {
         CHILD_CHECK(same.readBool());
         return 0;
     }));
+    thirdIsDone.post("done");
     expectChildPasses(owner);
 }
 
