@@ -82,7 +82,9 @@ expect 0 "^$" -- sim fault getAllDevices exception -3 1
 expect 1 "failed to answer the device list" -- devices
 expect 0 "Hall Lamp" -- devices
 expect 0 '"getAllDevices": 4' -- sim counts
-expect 1 "unknown fault kind 'sometimes'" -- sim fault getAllDevices sometimes
+expect 2 "malformed argument for 'sim fault'" -- sim fault getAllDevices sometimes
+expect 1 "unknown fault kind 'sometimes'" -- sim raw '{"op":"fault","method":"getAllDevices","kind":"sometimes"}'
+expect 1 "unknown method 'getEverything'" -- sim fault getEverything refuse
 
 # watch: JSON lines, the service's death, its return, and events after it.
 "$tivra" --json watch --for 20s >"$work/watch.out" 2>&1 &

@@ -17,4 +17,7 @@ constexpr uint32_t kCommandTransaction = 1;
 constexpr int32_t kCommandOk = 0;
 constexpr int32_t kCommandFailed = -1;
 
+// The kinds a "fault" command accepts, in the order its help lists them.
+constexpr const char* kFaultKindNames[] = {"exception", "transport", "refuse", "corruptReply"};
+
 }  // namespace tivra_control

@@ -4,7 +4,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
+#include "monitor_control_protocol.h"
 #include "scenario_json.h"
 
 namespace tivra_monitord {
@@ -14,15 +16,10 @@ using nlohmann::json;
 
 constexpr const char* kSource = "control command";
 
-constexpr struct {
-    Fault::Kind kind;
-    const char* name;
-} kFaultKinds[] = {
-    {Fault::Kind::Exception, "exception"},
-    {Fault::Kind::Transport, "transport"},
-    {Fault::Kind::Refuse, "refuse"},
-    {Fault::Kind::CorruptReply, "corruptReply"},
-};
+// Indexed like kFaultKindNames.
+constexpr Fault::Kind kFaultKinds[] = {Fault::Kind::Exception, Fault::Kind::Transport, Fault::Kind::Refuse,
+                                       Fault::Kind::CorruptReply};
+static_assert(std::size(kFaultKinds) == std::size(tivra_control::kFaultKindNames));
 
 }  // namespace
 
@@ -39,9 +36,9 @@ json ControlCommands::SetFault(const JsonFields& fields) {
     const std::string kindName = fields.String("kind");
     Fault fault;
     bool known = false;
-    for (const auto& entry : kFaultKinds) {
-        if (kindName == entry.name) {
-            fault.kind = entry.kind;
+    for (size_t i = 0; i < std::size(kFaultKinds); ++i) {
+        if (kindName == tivra_control::kFaultKindNames[i]) {
+            fault.kind = kFaultKinds[i];
             known = true;
         }
     }

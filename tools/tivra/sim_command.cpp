@@ -1,8 +1,10 @@
 #include "sim_command.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <string>
@@ -14,6 +16,7 @@
 
 #include "exit_codes.h"
 #include "monitor_control_client.h"
+#include "monitor_control_protocol.h"
 #include "service_diagnosis.h"
 
 namespace tivra_cli {
@@ -47,6 +50,11 @@ std::optional<int32_t> ToInt(const std::string& text) {
     return static_cast<int32_t>(value);
 }
 
+bool IsFaultKind(const std::string& kind) {
+    return std::any_of(std::begin(tivra_control::kFaultKindNames), std::end(tivra_control::kFaultKindNames),
+                       [&kind](const char* name) { return kind == name; });
+}
+
 struct SimCommand {
     size_t minArgs;
     size_t maxArgs;
@@ -75,6 +83,7 @@ const std::map<std::string, SimCommand>& SimCommands() {
              return Emit({{"event", "nodeInfoChanged"}, {"nodeId", a[0]}, {"kind", *kind}});
          }}},
         {"fault", {2, 4, [](const Args& a) -> std::optional<json> {
+             if (!IsFaultKind(a[1])) return std::nullopt;
              json command{{"op", "fault"}, {"method", a[0]}, {"kind", a[1]}};
              for (size_t i = 2; i < a.size(); ++i) {
                  const auto number = ToInt(a[i]);
