@@ -135,6 +135,19 @@ class Binderd : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(session.started()) << session.error(); }
 
+    // A child that registers "tivra.test.service" and serves it.
+    void startService() {
+        Channel events;
+        session.spawn([&events] {
+            ProcessState::self()->startThreadPool();
+            CHILD_CHECK(defaultServiceManager()->addService(String16("tivra.test.service"), new TestService()) == OK);
+            events.post("ready");
+            IPCThreadState::self()->joinThreadPool();
+            return 0;
+        });
+        ASSERT_EQ(events.next(), "ready");
+    }
+
     // A child that finds the service and gets an echo through it.
     void expectHealthyClient() {
         const pid_t client = session.spawn([] {
@@ -154,15 +167,7 @@ protected:
 };
 
 TEST_F(Binderd, MalformedFramesCutOnlyTheConnectionThatSentThem) {
-    Channel events;
-    session.spawn([&events] {
-        ProcessState::self()->startThreadPool();
-        CHILD_CHECK(defaultServiceManager()->addService(String16("tivra.test.service"), new TestService()) == OK);
-        events.post("ready");
-        IPCThreadState::self()->joinThreadPool();
-        return 0;
-    });
-    ASSERT_EQ(events.next(), "ready");
+    ASSERT_NO_FATAL_FAILURE(startService());
     std::vector<uint8_t> payload;
 
     RawPeer garbage(session.socketPath());
@@ -216,15 +221,7 @@ TEST_F(Binderd, MalformedFramesCutOnlyTheConnectionThatSentThem) {
 }
 
 TEST_F(Binderd, APeerThatNeverReadsIsCutWithoutStallingOthers) {
-    Channel events;
-    session.spawn([&events] {
-        ProcessState::self()->startThreadPool();
-        CHILD_CHECK(defaultServiceManager()->addService(String16("tivra.test.service"), new TestService()) == OK);
-        events.post("ready");
-        IPCThreadState::self()->joinThreadPool();
-        return 0;
-    });
-    ASSERT_EQ(events.next(), "ready");
+    ASSERT_NO_FATAL_FAILURE(startService());
     RawSession lazy(session.socketPath());
     ASSERT_TRUE(lazy.ready);
     // Death requests on the context manager answer nothing; list requests do:
