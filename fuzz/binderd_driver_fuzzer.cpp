@@ -41,6 +41,8 @@ public:
         for (uint32_t i = 0; i < header.offsetsCount; ++i) sink = sink ^ static_cast<uint8_t>(offsets[i]);
     }
     void cut(ConnectionId id) override { mCut.insert(id); }
+    // The input's order is the arrival order: nothing is waiting elsewhere.
+    void drain(ConnectionId) override {}
 
     std::map<ConnectionId, uint64_t> mTokens;
     std::set<ConnectionId> mCut;

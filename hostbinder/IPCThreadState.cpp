@@ -70,13 +70,19 @@ pid_t IPCThreadState::getCallingPid() const { return mCallingPid; }
 
 uid_t IPCThreadState::getCallingUid() const { return mCallingUid; }
 
-void IPCThreadState::flushCommands() {}
+void IPCThreadState::flushCommands() {
+    if (mConnection != nullptr) {
+        mConnection->flush();
+    }
+}
 
 bool IPCThreadState::connect() {
     if (mConnection != nullptr && mGeneration == mProcess->generation()) {
         return true;
     }
     mConnection.reset();
+    mCredit = OnewayCredit{};
+    mOnewayAhead.clear();
     hostbinder::HelloThread hello{};
     uint64_t generation = 0;
     if (!mProcess->ensureSession(&hello.token, &generation)) {
@@ -98,12 +104,22 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
     if (!connect()) {
         return DEAD_OBJECT;
     }
-    const std::vector<BBinder*> sentNodes = localBindersIn(data);
-    mProcess->noteSendRefs(sentNodes);
     TransactionHeader header = headerFor(data);
     header.target = static_cast<uint32_t>(handle);
     header.code = code;
     header.flags = flags & IBinder::FLAG_ONEWAY;
+    const bool oneway = header.flags != 0;
+    if (oneway && paidFromCredit(handle, data)) {
+        if (!mConnection->sendTransaction(hostbinder::kOnewayCredited, header, data.data(), nullptr)) {
+            connectionLost();
+            return DEAD_OBJECT;
+        }
+        return OK;
+    }
+    // binderd ends the credit when it reads this transaction.
+    mCredit = OnewayCredit{};
+    const std::vector<BBinder*> sentNodes = localBindersIn(data);
+    mProcess->noteSendRefs(sentNodes);
     if (!mConnection->sendTransaction(hostbinder::kTransaction, header, data.data(), data.objects())) {
         connectionLost();
         return DEAD_OBJECT;
@@ -116,7 +132,19 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
         }
         return mRefusedStatus;
     }
+    if (oneway && mCredit.bytes > 0) {
+        mCredit.handle = handle;
+    }
     return status;
+}
+
+bool IPCThreadState::paidFromCredit(int32_t handle, const Parcel& data) {
+    if (handle != mCredit.handle || data.objectsCount() != 0 || data.dataSize() > mCredit.bytes ||
+        mProcess->creditRevocations() > mCredit.revocations) {
+        return false;
+    }
+    mCredit.bytes -= data.dataSize();
+    return true;
 }
 
 status_t IPCThreadState::waitForResponse(Parcel* reply) {
@@ -125,8 +153,14 @@ status_t IPCThreadState::waitForResponse(Parcel* reply) {
     while (mConnection->receive(&command, &payload)) {
         const hostbinder::Frame frame{command, payload.data(), static_cast<uint32_t>(payload.size())};
         switch (command) {
-            case hostbinder::kTransactionComplete:
+            case hostbinder::kTransactionComplete: {
+                hostbinder::OnewayAccepted accepted{};
+                if (hostbinder::parseFixed(frame, &accepted)) {
+                    mCredit.bytes = accepted.creditBytes;
+                    mCredit.revocations = accepted.revocations;
+                }
                 return OK;
+            }
             case hostbinder::kRefused:
                 if (!hostbinder::parseFixed(frame, &mRefusedStatus)) {
                     mRefusedStatus = FAILED_TRANSACTION;
@@ -143,9 +177,15 @@ status_t IPCThreadState::waitForResponse(Parcel* reply) {
                 fillParcel(view, reply);
                 return OK;
             }
-            case hostbinder::kIncomingTransaction:
-                executeTransaction(frame);
+            case hostbinder::kIncomingTransaction: {
+                hostbinder::TransactionView view;
+                if (hostbinder::parseTransaction(frame, &view) && (view.header.flags & IBinder::FLAG_ONEWAY) != 0) {
+                    mOnewayAhead.push_back(payload);
+                } else {
+                    executeTransaction(frame);
+                }
                 break;
+            }
             default:
                 break;
         }
@@ -180,7 +220,8 @@ void IPCThreadState::executeTransaction(const hostbinder::Frame& frame) {
         return;
     }
     if (oneway) {
-        mConnection->send(hostbinder::kOnewayDone, nullptr, 0);
+        // Told with this thread's next frame: a burst of calls costs no write each.
+        mConnection->post(hostbinder::kOnewayDone);
         return;
     }
     if (status == OK && !fitsLimit(reply)) {
@@ -204,7 +245,14 @@ void IPCThreadState::joinThreadPool(bool /*isMain*/) {
     }
     uint32_t command = 0;
     std::vector<uint8_t> payload;
-    while (mConnection != nullptr && mConnection->receive(&command, &payload)) {
+    while (mConnection != nullptr) {
+        if (!mOnewayAhead.empty()) {
+            payload = std::move(mOnewayAhead.front());
+            mOnewayAhead.pop_front();
+            command = hostbinder::kIncomingTransaction;
+        } else if (!mConnection->receive(&command, &payload)) {
+            break;
+        }
         if (command == hostbinder::kIncomingTransaction) {
             executeTransaction({command, payload.data(), static_cast<uint32_t>(payload.size())});
         }

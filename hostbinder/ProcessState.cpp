@@ -50,6 +50,7 @@ bool ProcessState::connectLocked() {
     mToken = welcome.token;
     const uint64_t generation = ++mGeneration;
     mSpawnedThreads = 0;
+    mCreditRevocations = 0;
     std::thread(&ProcessState::controlLoop, this, control, generation).detach();
     return true;
 }
@@ -193,6 +194,8 @@ status_t ProcessState::clearDeathNotification(int32_t handle) {
     return sendControl(hostbinder::kClearDeath, &request, sizeof(request));
 }
 
+uint64_t ProcessState::creditRevocations() const { return mCreditRevocations; }
+
 status_t ProcessState::sendControl(uint32_t command, const void* payload, size_t size) {
     std::shared_ptr<Connection> control;
     {
@@ -215,6 +218,12 @@ void ProcessState::controlLoop(std::shared_ptr<Connection> control, uint64_t gen
             uint64_t cookie = 0;
             std::memcpy(&cookie, payload.data(), sizeof(cookie));
             dropNodeRef(reinterpret_cast<BBinder*>(cookie));
+        } else if (command == hostbinder::kCreditRevoked && payload.size() == sizeof(uint64_t)) {
+            uint64_t revocations = 0;
+            std::memcpy(&revocations, payload.data(), sizeof(revocations));
+            if (generation == mGeneration) {
+                mCreditRevocations = revocations;
+            }
         } else if (command == hostbinder::kDeadBinder && payload.size() == sizeof(uint32_t)) {
             int32_t handle = 0;
             std::memcpy(&handle, payload.data(), sizeof(handle));

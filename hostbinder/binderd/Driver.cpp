@@ -94,7 +94,11 @@ bool Driver::onControlFrame(Process& process, const Frame& frame) {
     HandleCount request;
     switch (frame.command) {
         case kReleaseHandle:
-            return parseFixed(frame, &request) && releaseHandle(process, request.handle, request.count);
+            if (!parseFixed(frame, &request)) {
+                return false;
+            }
+            settleCredits(process, request.handle);
+            return releaseHandle(process, request.handle, request.count);
         case kRequestDeath:
             return parseFixed(frame, &request) && requestDeath(process, request.handle);
         case kClearDeath:
@@ -120,6 +124,8 @@ bool Driver::onThreadFrame(Thread& thread, const Frame& frame) {
             return parseTransaction(frame, &view) && startTransaction(thread, view);
         case kReply:
             return parseTransaction(frame, &view) && finishReply(thread, view);
+        case kOnewayCredited:
+            return parseTransaction(frame, &view) && startCreditedOneway(thread, view);
         case kOnewayDone:
             return frame.payloadSize == 0 && finishOneway(thread);
         case kEnterLooper:
@@ -155,6 +161,8 @@ void Driver::onDisconnect(ConnectionId id) {
 void Driver::threadGone(Thread& thread) {
     Process& process = *thread.process;
     releaseTransit(thread);
+    endCredit(thread);
+    requeuePipeline(thread);
     if (thread.awaiting != nullptr) {
         thread.awaiting->from = nullptr;
     }
@@ -177,6 +185,15 @@ void Driver::processDied(Process& process) {
     if (mVerbose) {
         __android_log_print(ANDROID_LOG_INFO, kTag, "process %d left", process.pid);
     }
+    // What its threads sent before the end still counts, one-way calls above all.
+    std::vector<ConnectionId> connections;
+    for (const Thread* thread : process.threads) {
+        connections.push_back(thread->connection);
+    }
+    for (ConnectionId id : connections) {
+        mOutbox.drain(id);
+    }
+    revokeCreditsOn(process);
     const std::vector<Thread*> threads = process.threads;
     for (Thread* thread : threads) {
         mPeers.erase(thread->connection);

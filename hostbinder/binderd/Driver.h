@@ -59,17 +59,42 @@ private:
 
     // --- routing (Routing.cpp) ---
     bool startTransaction(Thread& thread, const hostbinder::TransactionView& view);
+    // A copy of the sender's parcel for the target's owner, holding the node.
+    std::shared_ptr<Transaction> makeTransaction(Process& sender, const std::shared_ptr<Node>& target,
+                                                 const hostbinder::TransactionView& view,
+                                                 std::vector<std::shared_ptr<Node>>* transit);
     bool finishReply(Thread& thread, const hostbinder::TransactionView& view);
-    bool finishOneway(Thread& thread);
-    // The node's previous one-way call is over: start the next one.
-    void advanceOneway(Node& node);
     void deliverReply(Transaction& call, status_t status, Process* from, const hostbinder::TransactionView* view);
     void enqueueWork(Process& process, const std::shared_ptr<Transaction>& transaction);
     void deliver(Thread& thread, const std::shared_ptr<Transaction>& transaction);
+    // Owner-bound binders of a transaction the thread is about to run stay
+    // alive until the thread speaks again.
+    void keepTransit(Thread& thread, Transaction& transaction);
+    void sendIncoming(Thread& thread, const Transaction& transaction);
     void becomeIdle(Thread& thread);
     void refuse(Thread& thread, status_t status);
     void abandon(const std::shared_ptr<Transaction>& transaction);
     void releaseTransit(Thread& thread);
+
+    // --- one-way calls (Oneway.cpp) ---
+    bool onewayFits(const Process& receiver, size_t size) const;
+    // Queues an accepted one-way call and tells the sender, granting credit
+    // while the receiver's buffer has room to spare.
+    void acceptOneway(Thread& sender, uint32_t handle, const std::shared_ptr<Transaction>& transaction);
+    bool startCreditedOneway(Thread& thread, const hostbinder::TransactionView& view);
+    void endCredit(Thread& thread);
+    // Before a handle goes, takes in the calls its credit paid for.
+    void settleCredits(Process& process, uint32_t handle);
+    // Voids every credit for the dying process's nodes, telling the holders.
+    void revokeCreditsOn(const Process& dying);
+    void queueOneway(Process& receiver, const std::shared_ptr<Transaction>& transaction);
+    // Sends the node's waiting calls ahead to the thread serving it.
+    void fillPipeline(Node& node);
+    bool finishOneway(Thread& thread);
+    // The node's previous one-way call is over: start the next one.
+    void advanceOneway(Node& node);
+    void retireOneway(const Transaction& transaction);
+    void requeuePipeline(Thread& thread);
 
     // --- objects and references (References.cpp) ---
     bool objectsValid(const Process& from, const hostbinder::TransactionView& view) const;

@@ -113,7 +113,7 @@ void EventLoop::accept() {
     }
 }
 
-void EventLoop::readFrom(ConnectionId id) {
+bool EventLoop::readFrom(ConnectionId id) {
     // At most one chunk per wake-up, so one busy peer cannot starve the rest.
     Peer& peer = mPeers.at(id);
     // The buffer only grows, so reads never pay for zero-filling.
@@ -125,11 +125,11 @@ void EventLoop::readFrom(ConnectionId id) {
         n = recv(peer.fd, peer.in.data() + peer.inUsed, kReadChunk, 0);
     } while (n < 0 && errno == EINTR);
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-        return;
+        return false;
     }
     if (n <= 0) {
         drop(id);
-        return;
+        return false;
     }
     peer.inUsed += static_cast<size_t>(n);
     size_t start = 0;
@@ -142,16 +142,22 @@ void EventLoop::readFrom(ConnectionId id) {
         }
         if (status == DecodeStatus::kMalformed || !mDriver.onFrame(id, frame)) {
             drop(id);
-            return;
+            return false;
         }
         start += consumed;
         // The driver may have cut this very connection.
         if (mPeers.find(id) == mPeers.end()) {
-            return;
+            return false;
         }
     }
     std::memmove(peer.in.data(), peer.in.data() + start, peer.inUsed - start);
     peer.inUsed -= start;
+    return true;
+}
+
+void EventLoop::drain(ConnectionId id) {
+    while (mPeers.count(id) != 0 && readFrom(id)) {
+    }
 }
 
 EventLoop::Peer* EventLoop::outputPeer(ConnectionId id) {

@@ -25,6 +25,7 @@ public:
     void sendTransaction(ConnectionId to, uint32_t command, const hostbinder::TransactionHeader& header,
                          const uint8_t* data, const uint64_t* offsets) override;
     void cut(ConnectionId id) override;
+    void drain(ConnectionId id) override;
 
 private:
     struct Peer {
@@ -37,8 +38,9 @@ private:
     };
 
     void accept();
-    // Reads what the peer sent and feeds whole frames to the driver.
-    void readFrom(ConnectionId id);
+    // Reads what the peer sent and feeds whole frames to the driver; false
+    // when nothing was there or the connection ended.
+    bool readFrom(ConnectionId id);
     void flushDirty();
     void flush(ConnectionId id, Peer& peer);
     Peer* outputPeer(ConnectionId id);

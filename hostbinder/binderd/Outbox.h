@@ -19,6 +19,10 @@ public:
                                  const uint8_t* data, const uint64_t* offsets) = 0;
     // Closes the connection without telling the driver back.
     virtual void cut(ConnectionId id) = 0;
+    // Feeds the driver, before it goes on, every whole frame the connection
+    // has already sent: frames a peer wrote earlier on another connection must
+    // not be overtaken by what the driver is about to do.
+    virtual void drain(ConnectionId id) = 0;
 };
 
 }  // namespace android::binderd

@@ -1,4 +1,4 @@
-// Where each transaction and reply goes, and the one-way order per node.
+// Where each transaction and reply goes.
 #include "Driver.h"
 
 namespace android::binderd {
@@ -9,6 +9,8 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
     if (thread.awaiting != nullptr) {
         return false;
     }
+    // The thread's client dropped its one-way credit when it sent this.
+    endCredit(thread);
     Process& sender = *thread.process;
     std::shared_ptr<Node> target;
     if (view.header.target == 0) {
@@ -27,26 +29,18 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
         return true;
     }
     Process& receiver = *target->owner;
-    auto transaction = std::make_shared<Transaction>();
     const bool oneway = (view.header.flags & kFlagOneway) != 0;
     const size_t size = size_t{view.header.dataSize} + size_t{view.header.offsetsCount} * sizeof(uint64_t);
-    if (!objectsValid(sender, view) ||
-        (oneway && receiver.queuedOnewayBytes + size > kMaxQueuedOnewayBytes)) {
+    if (!objectsValid(sender, view) || (oneway && !onewayFits(receiver, size))) {
         refuse(thread, FAILED_TRANSACTION);
         return true;
     }
     std::vector<std::shared_ptr<Node>> transit;
-    translate(sender, receiver, view, transaction.get(), &transit);
-    transaction->target = target;
-    transaction->header.target = target->cookie;
-    transaction->header.code = view.header.code;
-    transaction->header.flags = view.header.flags & kFlagOneway;
-    transaction->header.senderPid = sender.pid;
-    transaction->header.senderUid = sender.uid;
-    takeNodeRef(*target);
+    std::shared_ptr<Transaction> transaction = makeTransaction(sender, target, view, &transit);
     if (&receiver == &mServiceManager) {
         if (oneway) {
-            mOutbox.send(thread.connection, kTransactionComplete, nullptr, 0);
+            const OnewayAccepted accepted{0, 0, sender.revocations};
+            mOutbox.send(thread.connection, kTransactionComplete, &accepted, sizeof(accepted));
             releaseRequestHandles(*transaction, 0);
             dropNodeRef(target);
             return true;
@@ -59,14 +53,7 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
     // Until delivery the transaction keeps its owner-bound binders alive.
     transaction->transit = std::move(transit);
     if (oneway) {
-        mOutbox.send(thread.connection, kTransactionComplete, nullptr, 0);
-        receiver.queuedOnewayBytes += transaction->size();
-        if (target->onewayBusy) {
-            target->onewayQueue.push_back(transaction);
-        } else {
-            target->onewayBusy = true;
-            enqueueWork(receiver, transaction);
-        }
+        acceptOneway(thread, static_cast<uint32_t>(view.header.target), transaction);
         return true;
     }
     transaction->from = &thread;
@@ -82,6 +69,21 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
     }
     enqueueWork(receiver, transaction);
     return true;
+}
+
+std::shared_ptr<Transaction> Driver::makeTransaction(Process& sender, const std::shared_ptr<Node>& target,
+                                                     const TransactionView& view,
+                                                     std::vector<std::shared_ptr<Node>>* transit) {
+    auto transaction = std::make_shared<Transaction>();
+    translate(sender, *target->owner, view, transaction.get(), transit);
+    transaction->target = target;
+    transaction->header.target = target->cookie;
+    transaction->header.code = view.header.code;
+    transaction->header.flags = view.header.flags & kFlagOneway;
+    transaction->header.senderPid = sender.pid;
+    transaction->header.senderUid = sender.uid;
+    takeNodeRef(*target);
+    return transaction;
 }
 
 bool Driver::finishReply(Thread& thread, const TransactionView& view) {
@@ -118,28 +120,6 @@ void Driver::deliverReply(Transaction& call, status_t status, Process* from, con
                             reply.offsets.data());
 }
 
-bool Driver::finishOneway(Thread& thread) {
-    if (thread.serving.empty() || !thread.serving.back()->oneway()) {
-        return false;
-    }
-    std::shared_ptr<Transaction> done = thread.serving.back();
-    thread.serving.pop_back();
-    advanceOneway(*done->target);
-    dropNodeRef(done->target);
-    becomeIdle(thread);
-    return true;
-}
-
-void Driver::advanceOneway(Node& node) {
-    node.onewayBusy = false;
-    if (!node.onewayQueue.empty() && node.owner != nullptr) {
-        std::shared_ptr<Transaction> next = node.onewayQueue.front();
-        node.onewayQueue.pop_front();
-        node.onewayBusy = true;
-        enqueueWork(*node.owner, next);
-    }
-}
-
 void Driver::enqueueWork(Process& process, const std::shared_ptr<Transaction>& transaction) {
     if (!process.idleLoopers.empty()) {
         Thread* looper = process.idleLoopers.front();
@@ -157,18 +137,27 @@ void Driver::enqueueWork(Process& process, const std::shared_ptr<Transaction>& t
 void Driver::deliver(Thread& thread, const std::shared_ptr<Transaction>& transaction) {
     thread.idle = false;
     thread.serving.push_back(transaction);
+    keepTransit(thread, *transaction);
+    sendIncoming(thread, *transaction);
     if (transaction->oneway()) {
-        thread.process->queuedOnewayBytes -= transaction->size();
+        transaction->target->onewayThread = &thread;
+        fillPipeline(*transaction->target);
     }
-    for (auto& node : transaction->transit) {
+}
+
+void Driver::keepTransit(Thread& thread, Transaction& transaction) {
+    for (auto& node : transaction.transit) {
         thread.transit.push_back(node);
     }
-    transaction->transit.clear();
-    TransactionHeader header = transaction->header;
-    header.dataSize = static_cast<uint32_t>(transaction->data.size());
-    header.offsetsCount = static_cast<uint32_t>(transaction->offsets.size());
-    mOutbox.sendTransaction(thread.connection, kIncomingTransaction, header, transaction->data.data(),
-                            transaction->offsets.data());
+    transaction.transit.clear();
+}
+
+void Driver::sendIncoming(Thread& thread, const Transaction& transaction) {
+    TransactionHeader header = transaction.header;
+    header.dataSize = static_cast<uint32_t>(transaction.data.size());
+    header.offsetsCount = static_cast<uint32_t>(transaction.offsets.size());
+    mOutbox.sendTransaction(thread.connection, kIncomingTransaction, header, transaction.data.data(),
+                            transaction.offsets.data());
 }
 
 void Driver::becomeIdle(Thread& thread) {
@@ -195,6 +184,7 @@ void Driver::abandon(const std::shared_ptr<Transaction>& transaction) {
         deliverReply(*transaction, DEAD_OBJECT, nullptr, nullptr);
     }
     if (transaction->oneway()) {
+        retireOneway(*transaction);
         advanceOneway(*transaction->target);
     }
     for (auto& node : transaction->transit) {

@@ -27,6 +27,8 @@ struct Node {
     // flight; while non-zero the owner holds one strong reference for them.
     uint32_t refs = 0;
     bool onewayBusy = false;
+    // The thread running the node's current one-way call, once delivered.
+    Thread* onewayThread = nullptr;
     std::deque<std::shared_ptr<struct Transaction>> onewayQueue;
     // (process token, handle) of every death request, one entry per request.
     std::vector<std::pair<uint64_t, uint32_t>> deathWatchers;
@@ -49,12 +51,23 @@ struct HandleRef {
     uint32_t count = 0;
 };
 
+// Room reserved for a thread's one-way calls in the receiver's buffer.
+struct OnewayCredit {
+    std::shared_ptr<Node> node;  // null: no credit
+    uint32_t handle = 0;
+    size_t bytes = 0;
+};
+
 struct Thread {
     ConnectionId connection = 0;
     Process* process = nullptr;
     bool looper = false;
     bool idle = false;
     std::vector<std::shared_ptr<Transaction>> serving;
+    // One-way calls of the node being served, sent ahead to run next in order.
+    std::deque<std::shared_ptr<Transaction>> pipeline;
+    size_t pipelinedBytes = 0;
+    OnewayCredit credit;
     std::shared_ptr<Transaction> awaiting;
     // Owner-bound binders just delivered to this thread, kept alive until it
     // speaks again (by then it holds its own references).
@@ -76,7 +89,12 @@ struct Process {
     std::deque<std::shared_ptr<Transaction>> todo;
     std::deque<Thread*> idleLoopers;
     std::vector<Thread*> threads;
+    // One-way calls accepted for this process and not yet finished, and the
+    // credit other threads hold for more.
     size_t queuedOnewayBytes = 0;
+    size_t reservedOnewayBytes = 0;
+    // Credit revocations sent to this process so far.
+    uint64_t revocations = 0;
 };
 
 }  // namespace android::binderd

@@ -33,34 +33,44 @@ Connection::~Connection() { close(mFd); }
 
 void Connection::shutdown() { ::shutdown(mFd, SHUT_RDWR); }
 
-bool Connection::sendBytes(const std::vector<uint8_t>& bytes) {
+bool Connection::flushLocked() {
     size_t sent = 0;
-    while (sent < bytes.size()) {
-        const ssize_t n = ::send(mFd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    while (sent < mOut.size()) {
+        const ssize_t n = ::send(mFd, mOut.data() + sent, mOut.size() - sent, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
+            mOut.clear();
             return false;
         }
         sent += static_cast<size_t>(n);
     }
+    mOut.clear();
     return true;
+}
+
+void Connection::post(uint32_t command) {
+    std::lock_guard<std::mutex> lock(mSendLock);
+    appendFrame(&mOut, command, nullptr, 0);
+}
+
+bool Connection::flush() {
+    std::lock_guard<std::mutex> lock(mSendLock);
+    return flushLocked();
 }
 
 bool Connection::send(uint32_t command, const void* payload, size_t size) {
     std::lock_guard<std::mutex> lock(mSendLock);
-    mOut.clear();
     appendFrame(&mOut, command, payload, size);
-    return sendBytes(mOut);
+    return flushLocked();
 }
 
 bool Connection::sendTransaction(uint32_t command, const TransactionHeader& header, const uint8_t* data,
                                  const uint64_t* offsets) {
     std::lock_guard<std::mutex> lock(mSendLock);
-    mOut.clear();
     appendTransaction(&mOut, command, header, data, offsets);
-    return sendBytes(mOut);
+    return flushLocked();
 }
 
 bool Connection::receive(uint32_t* command, std::vector<uint8_t>* payload) {
@@ -77,6 +87,9 @@ bool Connection::receive(uint32_t* command, std::vector<uint8_t>* payload) {
             payload->assign(frame.payload, frame.payload + frame.payloadSize);
             mInStart += consumed;
             return true;
+        }
+        if (!flush()) {
+            return false;
         }
         // Keep the partial frame at the front (the buffer is empty at first).
         if (mInStart > 0) {

@@ -21,6 +21,11 @@ public:
     Connection& operator=(const Connection&) = delete;
 
     bool send(uint32_t command, const void* payload, size_t size);
+    // Queues a payload-free frame that goes out with the next send, or before
+    // the next receive blocks.
+    void post(uint32_t command);
+    // Writes the posted frames now.
+    bool flush();
     bool sendTransaction(uint32_t command, const TransactionHeader& header, const uint8_t* data,
                          const uint64_t* offsets);
     // Blocks for the next frame; false once the connection is closed or broken.
@@ -30,11 +35,12 @@ public:
 
 private:
     explicit Connection(int fd);
-    bool sendBytes(const std::vector<uint8_t>& bytes);
+    // Writes the queued frames plus whatever was appended; under mSendLock.
+    bool flushLocked();
 
     const int mFd;
     std::mutex mSendLock;
-    std::vector<uint8_t> mOut;
+    std::vector<uint8_t> mOut;  // posted frames, then the one being sent
     std::vector<uint8_t> mIn;
     size_t mInStart = 0;
     size_t mInUsed = 0;

@@ -13,6 +13,16 @@
 // unless it becomes the node's remote reference; every reference change for a
 // process then flows through its one control connection in order, which keeps
 // counting free of races between threads.
+//
+// One-way calls would cost a round trip each if every one waited for binderd
+// to accept it. Instead binderd reserves room in the receiver's one-way buffer
+// for the sending thread ("credit", granted with kTransactionComplete); while
+// the credit lasts the thread sends kOnewayCredited and returns at once, since
+// the call can no longer be refused for lack of room. Credit ends with the
+// thread's next kTransaction, and binderd voids it when the node's owner dies
+// (kCreditRevoked, ahead of any death notice on the same control connection).
+// On the receiving side, one-way calls of a node that a thread is already
+// serving are sent to that thread ahead of time; it runs them in order.
 
 #include <cstddef>
 #include <cstdint>
@@ -26,6 +36,13 @@ namespace android::hostbinder {
 constexpr size_t kMaxTransactionBytes = 1024 * 1024 - 8 * 1024;
 constexpr size_t kMaxQueuedOnewayBytes = kMaxTransactionBytes / 2;
 constexpr size_t kMaxObjects = kMaxTransactionBytes / 24;
+// Room a sending thread may hold in one receiver's one-way buffer; granted
+// only while the buffer is at most half full, so that reservations never make
+// a sender fail before the buffer is really short.
+constexpr size_t kOnewayCreditBytes = 16 * 1024;
+constexpr size_t kCreditGrantCeiling = kMaxQueuedOnewayBytes / 2;
+// One-way calls sent to a thread ahead of time, at most.
+constexpr size_t kMaxPipelinedBytes = 64 * 1024;
 // IBinder::FLAG_ONEWAY, for binderd which does not use the client headers.
 constexpr uint32_t kFlagOneway = 1;
 
@@ -41,15 +58,17 @@ enum Command : uint32_t {
     kRequestDeath,       // HandleCount (count ignored)
     kClearDeath,         // HandleCount (count ignored)
     kSetMaxThreads,      // u32
+    kOnewayCredited,     // TransactionHeader (one-way, no objects) + data, paid from credit
     // binderd -> process
     kWelcome = 100,         // HelloThread (the session token)
     kIncomingTransaction,   // TransactionHeader (target = cookie) + data + offsets
     kIncomingReply,         // TransactionHeader (status) + data + offsets
-    kTransactionComplete,   // empty: a one-way call was accepted
+    kTransactionComplete,   // OnewayAccepted: a one-way call was accepted
     kRefused,               // i32 status: nothing was delivered or translated
     kDecNode,               // u64 cookie: drop one strong reference
     kDeadBinder,            // u32 handle
     kSpawnLooper,           // empty
+    kCreditRevoked,         // u64: revocations so far; older grants are void
 };
 
 // Transaction codes of the service manager at handle 0 (the platform's
@@ -83,6 +102,14 @@ struct HelloThread {
 struct HandleCount {
     uint32_t handle;
     uint32_t count;
+};
+
+struct OnewayAccepted {
+    // Credit for further one-way calls to the same handle, in bytes (0: none)...
+    uint32_t creditBytes;
+    uint32_t reserved;
+    // ...valid while the process has seen no more revocations than this.
+    uint64_t revocations;
 };
 
 struct TransactionHeader {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
 
 namespace tivra_test {
 
@@ -24,6 +25,10 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
         case kWhoCalls:
             reply->writeInt32(android::IPCThreadState::self()->getCallingPid());
             return reply->writeInt32(static_cast<int32_t>(android::IPCThreadState::self()->getCallingUid()));
+        case kLookUpAndRecord:
+            // The thread waits for binderd here while later calls arrive.
+            android::defaultServiceManager()->checkService(android::String16("tivra.test.absent"));
+            [[fallthrough]];
         case kRecord: {
             const int32_t stream = data.readInt32();
             const int32_t sequence = data.readInt32();

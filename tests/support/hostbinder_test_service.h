@@ -30,6 +30,7 @@ public:
         kGiveHeld,       // -> the kept binder
         kIsHeld,         // binder -> bool whether it is the kept one (same proxy)
         kBlockOneway,    // one-way: blocks this node until release() is called
+        kLookUpAndRecord, // one-way: a two-way service lookup first, then as kRecord
     };
 
     explicit TestService(std::function<void()> waitForRelease = {}) : mWaitForRelease(std::move(waitForRelease)) {}

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <vector>
 
@@ -29,7 +30,7 @@ public:
     pid_t getCallingPid() const;
     uid_t getCallingUid() const;
 
-    // Every command is written at once here, so there is nothing to flush.
+    // Writes what this thread queued for binderd (finished one-way calls).
     void flushCommands();
     void joinThreadPool(bool isMain = true);
 
@@ -43,15 +44,28 @@ private:
     // Opens (or reopens after binderd went away) this thread's connection.
     bool connect();
     void connectionLost();
+    // Takes the call's bytes from this thread's one-way credit when it covers
+    // them (and binderd has not voided it since).
+    bool paidFromCredit(int32_t handle, const Parcel& data);
     // Reads frames until the reply of the pending call arrives, serving any
-    // transaction delivered meanwhile.
+    // two-way transaction delivered meanwhile; one-way calls sent ahead wait
+    // their turn.
     status_t waitForResponse(Parcel* reply);
     void executeTransaction(const hostbinder::Frame& frame);
     void sendReply(const Parcel& reply, status_t status);
 
+    struct OnewayCredit {
+        int32_t handle = -1;
+        size_t bytes = 0;
+        uint64_t revocations = 0;
+    };
+
     sp<ProcessState> mProcess;
     std::unique_ptr<hostbinder::Connection> mConnection;
     uint64_t mGeneration = 0;
+    OnewayCredit mCredit;
+    // Payloads of one-way calls that arrived while this thread waited.
+    std::deque<std::vector<uint8_t>> mOnewayAhead;
     status_t mRefusedStatus = OK;
     pid_t mCallingPid;
     uid_t mCallingUid;

@@ -52,6 +52,8 @@ public:
     void dropNodeRef(BBinder* node);
     status_t requestDeathNotification(int32_t handle);
     status_t clearDeathNotification(int32_t handle);
+    // How many one-way credit revocations binderd sent in this session.
+    uint64_t creditRevocations() const;
 
 private:
     ProcessState();
@@ -73,6 +75,7 @@ private:
     std::condition_variable mSessionEnded;
     uint64_t mToken = 0;
     std::atomic<uint64_t> mGeneration{0};
+    std::atomic<uint64_t> mCreditRevocations{0};
     std::map<int32_t, HandleEntry> mHandles;
     std::map<BBinder*, uint32_t> mNodeRefs;
     size_t mMaxThreads = 15;

@@ -1,0 +1,158 @@
+// One-way calls: the receiver's buffer limit, the senders' credit, the order
+// per node, and calls sent ahead to the thread that serves the node.
+#include "Driver.h"
+
+namespace android::binderd {
+
+using namespace hostbinder;
+
+bool Driver::onewayFits(const Process& receiver, size_t size) const {
+    return receiver.queuedOnewayBytes + receiver.reservedOnewayBytes + size <= kMaxQueuedOnewayBytes;
+}
+
+void Driver::acceptOneway(Thread& sender, uint32_t handle, const std::shared_ptr<Transaction>& transaction) {
+    Process& receiver = *transaction->target->owner;
+    queueOneway(receiver, transaction);
+    OnewayAccepted accepted{0, 0, sender.process->revocations};
+    if (receiver.queuedOnewayBytes + receiver.reservedOnewayBytes + kOnewayCreditBytes <= kCreditGrantCeiling) {
+        sender.credit = OnewayCredit{transaction->target, handle, kOnewayCreditBytes};
+        receiver.reservedOnewayBytes += kOnewayCreditBytes;
+        accepted.creditBytes = static_cast<uint32_t>(kOnewayCreditBytes);
+    }
+    mOutbox.send(sender.connection, kTransactionComplete, &accepted, sizeof(accepted));
+}
+
+bool Driver::startCreditedOneway(Thread& thread, const TransactionView& view) {
+    if (view.header.offsetsCount != 0 || (view.header.flags & kFlagOneway) == 0) {
+        return false;
+    }
+    OnewayCredit& credit = thread.credit;
+    if (credit.node == nullptr) {
+        // Voided when the node's owner died, after the thread sent this call:
+        // it goes down with the owner, as if it had been queued.
+        return true;
+    }
+    const size_t size = view.header.dataSize;
+    if (view.header.target != credit.handle || size > credit.bytes) {
+        return false;
+    }
+    Process& receiver = *credit.node->owner;
+    credit.bytes -= size;
+    receiver.reservedOnewayBytes -= size;
+    std::vector<std::shared_ptr<Node>> noTransit;
+    queueOneway(receiver, makeTransaction(*thread.process, credit.node, view, &noTransit));
+    return true;
+}
+
+void Driver::endCredit(Thread& thread) {
+    OnewayCredit& credit = thread.credit;
+    if (credit.node != nullptr && credit.node->owner != nullptr) {
+        credit.node->owner->reservedOnewayBytes -= credit.bytes;
+    }
+    credit = OnewayCredit{};
+}
+
+void Driver::settleCredits(Process& process, uint32_t handle) {
+    std::vector<ConnectionId> holders;
+    for (const Thread* thread : process.threads) {
+        if (thread->credit.node != nullptr && thread->credit.handle == handle) {
+            holders.push_back(thread->connection);
+        }
+    }
+    for (ConnectionId id : holders) {
+        // Calls paid from this credit were written before the release.
+        mOutbox.drain(id);
+        auto thread = mThreads.find(id);
+        if (thread != mThreads.end() && thread->second->credit.handle == handle) {
+            endCredit(*thread->second);
+        }
+    }
+}
+
+void Driver::revokeCreditsOn(const Process& dying) {
+    for (auto& entry : mThreads) {
+        Thread& thread = *entry.second;
+        if (thread.credit.node == nullptr || thread.credit.node->owner != &dying) {
+            continue;
+        }
+        thread.credit = OnewayCredit{};
+        Process& holder = *thread.process;
+        if (&holder != &dying) {
+            ++holder.revocations;
+            mOutbox.send(holder.control, kCreditRevoked, &holder.revocations, sizeof(holder.revocations));
+        }
+    }
+}
+
+void Driver::queueOneway(Process& receiver, const std::shared_ptr<Transaction>& transaction) {
+    receiver.queuedOnewayBytes += transaction->size();
+    Node& node = *transaction->target;
+    if (!node.onewayBusy) {
+        node.onewayBusy = true;
+        enqueueWork(receiver, transaction);
+        return;
+    }
+    node.onewayQueue.push_back(transaction);
+    fillPipeline(node);
+}
+
+void Driver::fillPipeline(Node& node) {
+    Thread* thread = node.onewayThread;
+    while (thread != nullptr && !node.onewayQueue.empty() && thread->pipelinedBytes < kMaxPipelinedBytes) {
+        std::shared_ptr<Transaction> next = node.onewayQueue.front();
+        node.onewayQueue.pop_front();
+        thread->pipelinedBytes += next->size();
+        thread->pipeline.push_back(next);
+        sendIncoming(*thread, *next);
+    }
+}
+
+bool Driver::finishOneway(Thread& thread) {
+    if (thread.serving.empty() || !thread.serving.back()->oneway()) {
+        return false;
+    }
+    std::shared_ptr<Transaction> done = thread.serving.back();
+    thread.serving.pop_back();
+    retireOneway(*done);
+    if (thread.pipeline.empty()) {
+        advanceOneway(*done->target);
+    } else {
+        std::shared_ptr<Transaction> next = thread.pipeline.front();
+        thread.pipeline.pop_front();
+        thread.pipelinedBytes -= next->size();
+        thread.serving.push_back(next);
+        keepTransit(thread, *next);
+        fillPipeline(*done->target);
+    }
+    dropNodeRef(done->target);
+    becomeIdle(thread);
+    return true;
+}
+
+void Driver::advanceOneway(Node& node) {
+    node.onewayBusy = false;
+    node.onewayThread = nullptr;
+    if (!node.onewayQueue.empty() && node.owner != nullptr) {
+        std::shared_ptr<Transaction> next = node.onewayQueue.front();
+        node.onewayQueue.pop_front();
+        node.onewayBusy = true;
+        enqueueWork(*node.owner, next);
+    }
+}
+
+void Driver::retireOneway(const Transaction& transaction) {
+    if (Process* owner = transaction.target->owner) {
+        owner->queuedOnewayBytes -= transaction.size();
+    }
+}
+
+void Driver::requeuePipeline(Thread& thread) {
+    // Sent ahead but not started: back to the front of their node's line.
+    for (auto it = thread.pipeline.rbegin(); it != thread.pipeline.rend(); ++it) {
+        (*it)->target->onewayQueue.push_front(*it);
+    }
+    thread.pipeline.clear();
+    thread.pipelinedBytes = 0;
+}
+
+}  // namespace android::binderd

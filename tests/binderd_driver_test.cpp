@@ -1,0 +1,225 @@
+// binderd's driver fed frame by frame, so that the order in which frames of
+// different connections arrive is the test's to choose: one-way calls paid
+// from credit that a thread wrote before its process released the handle, or
+// before the process ended, must be taken in first.
+#include <gtest/gtest.h>
+#include <linux/android/binder.h>
+
+#include <cstring>
+#include <deque>
+#include <map>
+
+#include <binder/Binder.h>
+#include <binder/Parcel.h>
+
+#include "Driver.h"
+
+namespace {
+
+using namespace android;
+using namespace android::hostbinder;
+using android::binderd::ConnectionId;
+
+struct Sent {
+    ConnectionId to;
+    uint32_t command;
+    std::vector<uint8_t> payload;
+};
+
+std::vector<uint8_t> transactionPayload(uint64_t target, uint32_t code, uint32_t flags, const Parcel& data) {
+    TransactionHeader header{};
+    header.target = target;
+    header.code = code;
+    header.flags = flags;
+    header.dataSize = static_cast<uint32_t>(data.dataSize());
+    header.offsetsCount = static_cast<uint32_t>(data.objectsCount());
+    std::vector<uint8_t> frame;
+    appendTransaction(&frame, 0, header, data.data(), data.objects());
+    return std::vector<uint8_t>(frame.begin() + sizeof(FrameHeader), frame.end());
+}
+
+// Records what the driver sends; frames a connection has "written" but the
+// driver has not read yet wait in `unread` until the driver drains them.
+class ScriptedOutbox : public android::binderd::Outbox {
+public:
+    void send(ConnectionId to, uint32_t command, const void* payload, size_t size) override {
+        const auto* bytes = static_cast<const uint8_t*>(payload);
+        sent.push_back({to, command, std::vector<uint8_t>(bytes, bytes + size)});
+    }
+    void sendTransaction(ConnectionId to, uint32_t command, const TransactionHeader& header, const uint8_t* data,
+                         const uint64_t* offsets) override {
+        std::vector<uint8_t> frame;
+        appendTransaction(&frame, command, header, data, offsets);
+        sent.push_back({to, command, std::vector<uint8_t>(frame.begin() + sizeof(FrameHeader), frame.end())});
+    }
+    void cut(ConnectionId) override {}
+    void drain(ConnectionId id) override {
+        auto& frames = unread[id];
+        while (!frames.empty()) {
+            const auto [command, payload] = frames.front();
+            frames.pop_front();
+            driver->onFrame(id, Frame{command, payload.data(), static_cast<uint32_t>(payload.size())});
+        }
+    }
+
+    android::binderd::Driver* driver = nullptr;
+    std::vector<Sent> sent;
+    std::map<ConnectionId, std::deque<std::pair<uint32_t, std::vector<uint8_t>>>> unread;
+};
+
+// Two processes: a client (control 1, thread 2) and a service (control 3,
+// looper thread 4) that registered one object as "svc".
+class DriverFrames : public ::testing::Test {
+protected:
+    static constexpr ConnectionId kClientControl = 1, kClientThread = 2, kServiceControl = 3, kServiceLooper = 4;
+
+    void SetUp() override {
+        outbox.driver = &driver;
+        startProcess(kClientControl, kClientThread, 100);
+        startProcess(kServiceControl, kServiceLooper, 200);
+        ASSERT_TRUE(feed(kServiceLooper, kEnterLooper, {}));
+
+        Parcel add;
+        add.writeInterfaceToken(String16("android.os.IServiceManager"));
+        add.writeString16(String16("svc"));
+        add.writeStrongBinder(object);
+        ASSERT_TRUE(feed(kServiceLooper, kTransaction, transactionPayload(0, kAddService, 0, add)));
+
+        Parcel check;
+        check.writeInterfaceToken(String16("android.os.IServiceManager"));
+        check.writeString16(String16("svc"));
+        ASSERT_TRUE(feed(kClientThread, kTransaction, transactionPayload(0, kCheckService, 0, check)));
+        const Sent& reply = sent(kClientThread, kIncomingReply);
+        TransactionView view;
+        ASSERT_TRUE(parseTransaction(Frame{kIncomingReply, reply.payload.data(),
+                                           static_cast<uint32_t>(reply.payload.size())}, &view));
+        ASSERT_EQ(view.header.offsetsCount, 1u);
+        uint64_t offset = 0;
+        std::memcpy(&offset, view.offsets, sizeof(offset));
+        flat_binder_object found;
+        std::memcpy(&found, view.data + offset, sizeof(found));
+        handle = found.handle;
+        ASSERT_NE(handle, 0u);
+    }
+
+    void startProcess(ConnectionId control, ConnectionId thread, pid_t pid) {
+        driver.onConnect(control, pid, 1000);
+        driver.onConnect(thread, pid, 1000);
+        const HelloProcess hello{15, 0};
+        ASSERT_TRUE(feed(control, kHelloProcess, bytesOf(hello)));
+        ASSERT_TRUE(feed(thread, kHelloThread, sent(control, kWelcome).payload));
+    }
+
+    template <typename T>
+    static std::vector<uint8_t> bytesOf(const T& value) {
+        const auto* bytes = reinterpret_cast<const uint8_t*>(&value);
+        return std::vector<uint8_t>(bytes, bytes + sizeof(T));
+    }
+
+    bool feed(ConnectionId id, uint32_t command, const std::vector<uint8_t>& payload) {
+        return driver.onFrame(id, Frame{command, payload.data(), static_cast<uint32_t>(payload.size())});
+    }
+
+    // The last frame of `command` sent to `to`.
+    const Sent& sent(ConnectionId to, uint32_t command) {
+        for (auto it = outbox.sent.rbegin(); it != outbox.sent.rend(); ++it) {
+            if (it->to == to && it->command == command) {
+                return *it;
+            }
+        }
+        static const Sent kNone{0, 0, {}};
+        ADD_FAILURE() << "nothing of command " << command << " went to " << to;
+        return kNone;
+    }
+
+    std::vector<uint8_t> oneway(uint32_t code) {
+        Parcel data;
+        data.writeInt32(static_cast<int32_t>(code));
+        return transactionPayload(handle, code, kFlagOneway, data);
+    }
+
+    // The codes of the one-way calls delivered to the service, in order.
+    std::vector<uint32_t> deliveredCodes() const {
+        std::vector<uint32_t> codes;
+        for (const Sent& frame : outbox.sent) {
+            TransactionHeader header;
+            if (frame.to == kServiceLooper && frame.command == kIncomingTransaction) {
+                std::memcpy(&header, frame.payload.data(), sizeof(header));
+                codes.push_back(header.code);
+            }
+        }
+        return codes;
+    }
+
+    // A sync one-way call that earns credit for the next ones.
+    void earnCredit() {
+        ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(1)));
+        OnewayAccepted accepted{};
+        const Sent& complete = sent(kClientThread, kTransactionComplete);
+        ASSERT_EQ(complete.payload.size(), sizeof(accepted));
+        std::memcpy(&accepted, complete.payload.data(), sizeof(accepted));
+        ASSERT_EQ(accepted.creditBytes, kOnewayCreditBytes);
+    }
+
+    ScriptedOutbox outbox;
+    android::binderd::Driver driver{outbox, false};
+    sp<BBinder> object = new BBinder();
+    uint32_t handle = 0;
+};
+
+TEST_F(DriverFrames, CallsPaidFromCreditGoAheadOfTheReleaseOfTheirHandle) {
+    earnCredit();
+    // Written by the thread before another thread released the last proxy,
+    // but the release is read first.
+    outbox.unread[kClientThread].push_back({kOnewayCredited, oneway(2)});
+    outbox.unread[kClientThread].push_back({kOnewayCredited, oneway(3)});
+    ASSERT_TRUE(feed(kClientControl, kReleaseHandle, bytesOf(HandleCount{handle, 1})));
+    EXPECT_TRUE(outbox.unread[kClientThread].empty());
+    // The first call is running; the next two were sent ahead, in order.
+    EXPECT_EQ(deliveredCodes(), (std::vector<uint32_t>{1, 2, 3}));
+    // The credit ended with the handle: a further credited call is dropped.
+    EXPECT_TRUE(feed(kClientThread, kOnewayCredited, oneway(4)));
+    EXPECT_EQ(deliveredCodes().size(), 3u);
+}
+
+TEST_F(DriverFrames, CallsPaidFromCreditOfAProcessThatEndedAreStillDelivered) {
+    earnCredit();
+    outbox.unread[kClientThread].push_back({kOnewayCredited, oneway(2)});
+    driver.onDisconnect(kClientControl);
+    EXPECT_EQ(deliveredCodes(), (std::vector<uint32_t>{1, 2}));
+}
+
+TEST_F(DriverFrames, CreditIsVoidedAndRevokedWhenTheReceiverDies) {
+    earnCredit();
+    driver.onDisconnect(kServiceControl);
+    const Sent& revoked = sent(kClientControl, kCreditRevoked);
+    uint64_t revocations = 0;
+    ASSERT_EQ(revoked.payload.size(), sizeof(revocations));
+    std::memcpy(&revocations, revoked.payload.data(), sizeof(revocations));
+    EXPECT_EQ(revocations, 1u);
+    // A call the thread sent before it heard is lost with the receiver.
+    EXPECT_TRUE(feed(kClientThread, kOnewayCredited, oneway(2)));
+    ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(3)));
+    int32_t status = 0;
+    const Sent& refused = sent(kClientThread, kRefused);
+    ASSERT_EQ(refused.payload.size(), sizeof(status));
+    std::memcpy(&status, refused.payload.data(), sizeof(status));
+    EXPECT_EQ(status, DEAD_OBJECT);
+}
+
+TEST_F(DriverFrames, CreditedCallsBeyondTheCreditOrCarryingObjectsBreakTheProtocol) {
+    earnCredit();
+    Parcel tooLarge;
+    const std::vector<uint8_t> bytes(kOnewayCreditBytes + 4, 1);
+    tooLarge.write(bytes.data(), bytes.size());
+    EXPECT_FALSE(feed(kClientThread, kOnewayCredited, transactionPayload(handle, 5, kFlagOneway, tooLarge)));
+
+    Parcel withObject;
+    withObject.writeStrongBinder(object);
+    EXPECT_FALSE(feed(kClientThread, kOnewayCredited, transactionPayload(handle, 5, kFlagOneway, withObject)));
+
+    EXPECT_FALSE(feed(kClientThread, kOnewayCredited, transactionPayload(handle + 1, 5, kFlagOneway, Parcel())));
+    EXPECT_EQ(deliveredCodes(), (std::vector<uint32_t>{1}));
+}
+
+}  // namespace
