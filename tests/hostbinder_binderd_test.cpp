@@ -135,23 +135,16 @@ class Binderd : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(session.started()) << session.error(); }
 
-    // A child that registers "tivra.test.service" and serves it.
     void startService() {
-        Channel events;
-        session.spawn([&events] {
-            ProcessState::self()->startThreadPool();
-            CHILD_CHECK(defaultServiceManager()->addService(String16("tivra.test.service"), new TestService()) == OK);
-            events.post("ready");
-            IPCThreadState::self()->joinThreadPool();
-            return 0;
-        });
-        ASSERT_EQ(events.next(), "ready");
+        Channel ready;
+        spawnTestService(session, ready);
+        ASSERT_EQ(ready.next(), "ready");
     }
 
     // A child that finds the service and gets an echo through it.
     void expectHealthyClient() {
         const pid_t client = session.spawn([] {
-            sp<IBinder> service = defaultServiceManager()->checkService(String16("tivra.test.service"));
+            sp<IBinder> service = lookUpTestService();
             CHILD_CHECK(service != nullptr);
             Parcel data;
             Parcel reply;

@@ -17,26 +17,13 @@ namespace {
 using namespace android;
 using namespace tivra_test;
 
-const String16 kServiceName("tivra.test.service");
-
 class HostBinderIpc : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(session.started()) << session.error(); }
 
     // A child serving TestService under `name`; it posts "ready" once registered.
-    pid_t startService(const String16& name = kServiceName, Channel* release = nullptr) {
-        return session.spawn([this, name, release] {
-            sp<TestService> service = new TestService([release] {
-                if (release != nullptr) {
-                    release->next(20s);
-                }
-            });
-            ProcessState::self()->startThreadPool();
-            CHILD_CHECK(defaultServiceManager()->addService(name, service) == OK);
-            events.post("ready");
-            IPCThreadState::self()->joinThreadPool();
-            return 0;
-        });
+    pid_t startService(const String16& name = kTestServiceName, Channel* release = nullptr) {
+        return spawnTestService(session, events, name, release);
     }
 
     void expectChildPasses(pid_t child) { EXPECT_EQ(session.waitExit(child), 0); }
@@ -44,8 +31,6 @@ protected:
     BinderdSession session;
     Channel events;
 };
-
-sp<IBinder> lookUp(const String16& name = kServiceName) { return defaultServiceManager()->checkService(name); }
 
 status_t call(const sp<IBinder>& target, uint32_t code, const std::function<void(Parcel*)>& fill, Parcel* reply) {
     Parcel data;
@@ -60,11 +45,11 @@ TEST_F(HostBinderIpc, ServiceManagerRegistersListsAndForgetsServicesOfDeadProces
     ASSERT_EQ(events.next(), "ready");
     expectChildPasses(session.spawn([] {
         sp<IServiceManager> manager = defaultServiceManager();
-        CHILD_CHECK(manager->checkService(kServiceName) != nullptr);
-        CHILD_CHECK(manager->getService(kServiceName) != nullptr);
+        CHILD_CHECK(manager->checkService(kTestServiceName) != nullptr);
+        CHILD_CHECK(manager->getService(kTestServiceName) != nullptr);
         CHILD_CHECK(manager->checkService(String16("tivra.test.absent")) == nullptr);
         const Vector<String16> names = manager->listServices();
-        CHILD_CHECK(names.size() == 1 && names[0] == kServiceName);
+        CHILD_CHECK(names.size() == 1 && names[0] == kTestServiceName);
         sp<IBinder> local = new BBinder();
         CHILD_CHECK(manager->addService(String16("bad name!"), local) != OK);
         CHILD_CHECK(manager->addService(String16(""), local) != OK);
@@ -74,7 +59,7 @@ TEST_F(HostBinderIpc, ServiceManagerRegistersListsAndForgetsServicesOfDeadProces
     session.kill(service, SIGKILL);
     EXPECT_EQ(session.waitExit(service), -1);
     expectChildPasses(session.spawn([] {
-        CHILD_CHECK(waitUntil([] { return lookUp() == nullptr; }));
+        CHILD_CHECK(waitUntil([] { return lookUpTestService() == nullptr; }));
         CHILD_CHECK(defaultServiceManager()->listServices().size() == 0);
         return 0;
     }));
@@ -83,9 +68,9 @@ TEST_F(HostBinderIpc, ServiceManagerRegistersListsAndForgetsServicesOfDeadProces
 TEST_F(HostBinderIpc, GetServiceWaitsForALaterRegistrationButCheckServiceDoesNot) {
     Channel waiting;
     const pid_t client = session.spawn([&waiting] {
-        CHILD_CHECK(lookUp() == nullptr);
+        CHILD_CHECK(lookUpTestService() == nullptr);
         waiting.post("looking");
-        CHILD_CHECK(defaultServiceManager()->getService(kServiceName) != nullptr);
+        CHILD_CHECK(defaultServiceManager()->getService(kTestServiceName) != nullptr);
         return 0;
     });
     ASSERT_EQ(waiting.next(), "looking");
@@ -98,7 +83,7 @@ TEST_F(HostBinderIpc, TwoWayCallsCarryDataAndTheCallersIdentity) {
     startService();
     ASSERT_EQ(events.next(), "ready");
     expectChildPasses(session.spawn([] {
-        sp<IBinder> service = lookUp();
+        sp<IBinder> service = lookUpTestService();
         CHILD_CHECK(service != nullptr);
         CHILD_CHECK(service->pingBinder() == OK);
         CHILD_CHECK(service->getInterfaceDescriptor() == String16("tivra.test.IService"));
@@ -122,7 +107,7 @@ TEST_F(HostBinderIpc, OneWayCallsToANodeRunInSendOrder) {
     ASSERT_EQ(events.next(), "ready");
     constexpr int kCalls = 3000;
     expectChildPasses(session.spawn([] {
-        sp<IBinder> service = lookUp();
+        sp<IBinder> service = lookUpTestService();
         CHILD_CHECK(service != nullptr);
         for (int i = 0; i < kCalls; ++i) {
             Parcel data;
@@ -148,7 +133,7 @@ TEST_F(HostBinderIpc, NestedCallBackReachesTheWaitingThreadWithoutAPool) {
     startService();
     ASSERT_EQ(events.next(), "ready");
     expectChildPasses(session.spawn([] {
-        sp<IBinder> service = lookUp();
+        sp<IBinder> service = lookUpTestService();
         sp<TestListener> callback = new TestListener();
         Parcel reply;
         // No thread pool here: only the calling thread can serve the call back.
@@ -164,7 +149,7 @@ TEST_F(HostBinderIpc, CallbacksRunOnTheClientsThreadPool) {
     ASSERT_EQ(events.next(), "ready");
     expectChildPasses(session.spawn([] {
         ProcessState::self()->startThreadPool();
-        sp<IBinder> service = lookUp();
+        sp<IBinder> service = lookUpTestService();
         sp<TestListener> listener = new TestListener();
         Parcel added;
         CHILD_CHECK(call(service, TestService::kAddListener, [&](Parcel* p) { p->writeStrongBinder(listener); }, &added) == OK);
@@ -189,8 +174,8 @@ TEST_F(HostBinderIpc, BindersTravelBetweenThreeProcessesAndReturnToTheirOwner) {
     Channel thirdIsDone;
     const pid_t owner = session.spawn([&ownerSays, &thirdIsDone] {
         ProcessState::self()->startThreadPool();
-        sp<IBinder> service = lookUp();
-        CHILD_CHECK(service == lookUp());
+        sp<IBinder> service = lookUpTestService();
+        CHILD_CHECK(service == lookUpTestService());
         sp<TestListener> object = new TestListener();
         Parcel ignored;
         CHILD_CHECK(call(service, TestService::kHold, [&](Parcel* p) { p->writeStrongBinder(object); }, &ignored) == OK);
@@ -207,7 +192,7 @@ TEST_F(HostBinderIpc, BindersTravelBetweenThreeProcessesAndReturnToTheirOwner) {
     });
     ASSERT_EQ(ownerSays.next(), "holding");
     expectChildPasses(session.spawn([] {
-        sp<IBinder> service = lookUp();
+        sp<IBinder> service = lookUpTestService();
         Parcel held;
         CHILD_CHECK(call(service, TestService::kGiveHeld, nullptr, &held) == OK);
         sp<IBinder> object = held.readStrongBinder();
@@ -231,7 +216,7 @@ TEST_F(HostBinderIpc, RemoteReferencesKeepANodeAliveUntilDroppedOrTheHolderDies)
     const pid_t owner = session.spawn([&control] {
         ProcessState::self()->startThreadPool();
         std::atomic<int> live{0};
-        sp<IBinder> service = lookUp();
+        sp<IBinder> service = lookUpTestService();
         {
             sp<TestListener> object = new TestListener(&live);
             Parcel ignored;
@@ -272,7 +257,7 @@ TEST_F(HostBinderIpc, KilledServiceIsReportedOnceAndItsCallsFailWithDeadObject) 
     ASSERT_EQ(events.next(), "ready");
     Channel control;
     const pid_t client = session.spawn([&control] {
-        sp<IBinder> target = lookUp();
+        sp<IBinder> target = lookUpTestService();
         sp<CountingRecipient> first = new CountingRecipient();
         sp<CountingRecipient> second = new CountingRecipient();
         CHILD_CHECK(target->linkToDeath(first) == OK);
@@ -295,10 +280,10 @@ TEST_F(HostBinderIpc, KilledServiceIsReportedOnceAndItsCallsFailWithDeadObject) 
 
 TEST_F(HostBinderIpc, OversizedTransactionsAndOneWayFloodsFailWithFailedTransaction) {
     Channel release;
-    startService(kServiceName, &release);
+    startService(kTestServiceName, &release);
     ASSERT_EQ(events.next(), "ready");
     expectChildPasses(session.spawn([&release] {
-        sp<IBinder> service = lookUp();
+        sp<IBinder> service = lookUpTestService();
         std::vector<uint8_t> big(100 * 1024, 0x5a);
         Parcel reply;
         CHILD_CHECK(call(service, TestService::kEcho, [&](Parcel* p) { p->write(big.data(), big.size()); }, &reply) == OK);
@@ -332,12 +317,12 @@ TEST_F(HostBinderIpc, WithoutBinderdLookupsAreNullAndCallsDeadThenTheNextUseReco
     Channel control;
     Channel restarted;
     const pid_t client = session.spawn([&control, &restarted] {
-        sp<IBinder> target = lookUp();
+        sp<IBinder> target = lookUpTestService();
         sp<CountingRecipient> recipient = new CountingRecipient();
         CHILD_CHECK(target->linkToDeath(recipient) == OK);
         control.post("linked");
         CHILD_CHECK(waitUntil([&] { return recipient->deaths == 1; }));
-        CHILD_CHECK(lookUp() == nullptr);
+        CHILD_CHECK(lookUpTestService() == nullptr);
         Parcel reply;
         CHILD_CHECK(call(target, TestService::kEcho, nullptr, &reply) == DEAD_OBJECT);
         control.post("checked");
@@ -345,7 +330,7 @@ TEST_F(HostBinderIpc, WithoutBinderdLookupsAreNullAndCallsDeadThenTheNextUseReco
         // A new binderd on the same socket: the session starts over.
         sp<BBinder> local = new BBinder();
         CHILD_CHECK(defaultServiceManager()->addService(String16("tivra.test.again"), local) == OK);
-        CHILD_CHECK(lookUp(String16("tivra.test.again")) == local);
+        CHILD_CHECK(lookUpTestService(String16("tivra.test.again")) == local);
         CHILD_CHECK(recipient->deaths == 1);
         return 0;
     });

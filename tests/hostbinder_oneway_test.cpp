@@ -17,10 +17,6 @@ namespace {
 using namespace android;
 using namespace tivra_test;
 
-const String16 kServiceName("tivra.test.service");
-
-sp<IBinder> lookUp() { return defaultServiceManager()->checkService(kServiceName); }
-
 status_t sendRecord(const sp<IBinder>& service, uint32_t code, int32_t stream, int32_t sequence) {
     Parcel data;
     data.writeInt32(stream);
@@ -49,18 +45,7 @@ protected:
     void SetUp() override { ASSERT_TRUE(session.started()) << session.error(); }
 
     pid_t startService(Channel* release = nullptr) {
-        const pid_t pid = session.spawn([this, release] {
-            sp<TestService> service = new TestService([release] {
-                if (release != nullptr) {
-                    release->next(20s);
-                }
-            });
-            ProcessState::self()->startThreadPool();
-            CHILD_CHECK(defaultServiceManager()->addService(kServiceName, service) == OK);
-            events.post("ready");
-            IPCThreadState::self()->joinThreadPool();
-            return 0;
-        });
+        const pid_t pid = spawnTestService(session, events, kTestServiceName, release);
         EXPECT_EQ(events.next(), "ready");
         return pid;
     }
@@ -73,7 +58,7 @@ TEST_F(HostBinderOneway, SmallCallsFillTheReceiversBufferToTheByte) {
     Channel release;
     startService(&release);
     EXPECT_EQ(session.waitExit(session.spawn([&release] {
-        sp<IBinder> service = lookUp();
+        sp<IBinder> service = lookUpTestService();
         // The node is stuck in its first (empty) call, so every later one stays queued.
         CHILD_CHECK(service->transact(TestService::kBlockOneway, Parcel(), nullptr, IBinder::FLAG_ONEWAY) == OK);
         const std::vector<uint8_t> bytes(1000, 0x33);
@@ -101,7 +86,7 @@ TEST_F(HostBinderOneway, CallsFailWithDeadObjectAsSoonAsTheOwnersDeathIsKnown) {
     // first's proxy cannot know of the death by itself.
     const pid_t service = session.spawn([this] {
         ProcessState::self()->startThreadPool();
-        CHILD_CHECK(defaultServiceManager()->addService(kServiceName, new TestService()) == OK);
+        CHILD_CHECK(defaultServiceManager()->addService(kTestServiceName, new TestService()) == OK);
         CHILD_CHECK(defaultServiceManager()->addService(String16("tivra.test.sentinel"), new BBinder()) == OK);
         events.post("ready");
         IPCThreadState::self()->joinThreadPool();
@@ -110,7 +95,7 @@ TEST_F(HostBinderOneway, CallsFailWithDeadObjectAsSoonAsTheOwnersDeathIsKnown) {
     ASSERT_EQ(events.next(), "ready");
     Channel control;
     const pid_t client = session.spawn([&control] {
-        sp<IBinder> target = lookUp();
+        sp<IBinder> target = lookUpTestService();
         sp<IBinder> sentinel = defaultServiceManager()->checkService(String16("tivra.test.sentinel"));
         sp<DeathCounter> recipient = new DeathCounter();
         CHILD_CHECK(sentinel->linkToDeath(recipient) == OK);
@@ -133,7 +118,7 @@ TEST_F(HostBinderOneway, CallsOfASenderThatExitsAtOnceAreStillDelivered) {
     startService();
     constexpr int kCalls = 200;
     EXPECT_EQ(session.waitExit(session.spawn([] {
-        sp<IBinder> service = lookUp();
+        sp<IBinder> service = lookUpTestService();
         for (int i = 0; i < kCalls; ++i) {
             CHILD_CHECK(sendRecord(service, TestService::kRecord, 1, i) == OK);
         }
@@ -141,7 +126,7 @@ TEST_F(HostBinderOneway, CallsOfASenderThatExitsAtOnceAreStillDelivered) {
         return 0;
     })), 0);
     EXPECT_EQ(session.waitExit(session.spawn([] {
-        sp<IBinder> service = lookUp();
+        sp<IBinder> service = lookUpTestService();
         CHILD_CHECK(waitUntil([&] { return stats(service).first == kCalls; }));
         CHILD_CHECK(stats(service).second == 0);
         return 0;
@@ -152,7 +137,7 @@ TEST_F(HostBinderOneway, CallsSentAheadWaitWhileTheirThreadMakesACallOfItsOwn) {
     startService();
     constexpr int kCalls = 400;
     EXPECT_EQ(session.waitExit(session.spawn([] {
-        sp<IBinder> service = lookUp();
+        sp<IBinder> service = lookUpTestService();
         for (int i = 0; i < kCalls; ++i) {
             CHILD_CHECK(sendRecord(service, TestService::kLookUpAndRecord, 1, i) == OK);
         }
@@ -194,7 +179,7 @@ TEST_F(HostBinderOneway, CallsSentJustBeforeTheLastReferenceGoesReachTheObject) 
             Parcel data;
             data.writeStrongBinder(sp<IBinder>(new EventCounter(&events, &destroyed)));
             Parcel ignored;
-            CHILD_CHECK(lookUp()->transact(TestService::kHold, data, &ignored) == OK);
+            CHILD_CHECK(lookUpTestService()->transact(TestService::kHold, data, &ignored) == OK);
         }
         handed.post("held");
         // The sender takes the object, has the service drop it, calls it and
@@ -205,7 +190,7 @@ TEST_F(HostBinderOneway, CallsSentJustBeforeTheLastReferenceGoesReachTheObject) 
     });
     ASSERT_EQ(handed.next(), "held");
     EXPECT_EQ(session.waitExit(session.spawn([] {
-        sp<IBinder> service = lookUp();
+        sp<IBinder> service = lookUpTestService();
         Parcel held;
         CHILD_CHECK(service->transact(TestService::kGiveHeld, Parcel(), &held) == OK);
         sp<IBinder> object = held.readStrongBinder();

@@ -4,6 +4,7 @@
 
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
+#include <binder/ProcessState.h>
 
 namespace tivra_test {
 
@@ -149,6 +150,27 @@ status_t TestListener::onTransact(uint32_t code, const Parcel& data, Parcel* rep
     mLastValue = value;
     ++mEvents;
     return reply == nullptr ? OK : reply->writeInt32(value + 1);
+}
+
+const android::String16 kTestServiceName("tivra.test.service");
+
+pid_t spawnTestService(BinderdSession& session, Channel& ready, const android::String16& name, Channel* release) {
+    return session.spawn([&ready, name, release] {
+        sp<TestService> service = new TestService([release] {
+            if (release != nullptr) {
+                release->next(20s);
+            }
+        });
+        android::ProcessState::self()->startThreadPool();
+        CHILD_CHECK(android::defaultServiceManager()->addService(name, service) == OK);
+        ready.post("ready");
+        android::IPCThreadState::self()->joinThreadPool();
+        return 0;
+    });
+}
+
+android::sp<android::IBinder> lookUpTestService(const android::String16& name) {
+    return android::defaultServiceManager()->checkService(name);
 }
 
 }  // namespace tivra_test

@@ -10,6 +10,8 @@
 #include <binder/Binder.h>
 #include <binder/Parcel.h>
 
+#include "binderd_fixture.h"
+
 namespace tivra_test {
 
 // The service that hostbinder's tests run in a child process. Each code
@@ -75,5 +77,16 @@ private:
     mutable std::mutex mLock;
     std::thread::id mLastThread;
 };
+
+// The name the tests register TestService under.
+extern const android::String16 kTestServiceName;
+
+// Forks a child of `session` that serves a TestService under `name` and posts
+// "ready" on `ready` once registered. Its kBlockOneway calls wait for a line
+// on `release` when one is given.
+pid_t spawnTestService(BinderdSession& session, Channel& ready, const android::String16& name = kTestServiceName,
+                       Channel* release = nullptr);
+
+android::sp<android::IBinder> lookUpTestService(const android::String16& name = kTestServiceName);
 
 }  // namespace tivra_test
