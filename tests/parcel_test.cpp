@@ -1,7 +1,11 @@
+#include <binder/Binder.h>
+#include <binder/BpBinder.h>
 #include <binder/IBinder.h>
 #include <binder/Parcel.h>
 #include <binder/Parcelable.h>
+#include <binder/ProcessState.h>
 #include <gtest/gtest.h>
+#include <linux/android/binder.h>
 
 #include <cstdint>
 #include <cstring>
@@ -525,6 +529,146 @@ TEST(ParcelObjectTable, PlainReadsMustNotOverlapAnObject) {
     parcel.setDataPosition(8);
     String16 text(u"x");
     EXPECT_EQ(parcel.readString16(&text), android::UNEXPECTED_NULL);
+}
+
+// ---- Binder objects ----------------------------------------------------------
+
+constexpr int32_t kNoHandle = -1;  // a read that gives no proxy
+
+// A flat binder object followed by its stability level, as a writer frames it.
+Bytes BinderObject(uint32_t type, uint64_t binderOrHandle, uint64_t cookie, int32_t level) {
+    flat_binder_object object{};
+    object.hdr.type = type;
+    object.binder = binderOrHandle;
+    object.cookie = cookie;
+    Bytes bytes(sizeof(object) + sizeof(level));
+    std::memcpy(bytes.data(), &object, sizeof(object));
+    std::memcpy(bytes.data() + sizeof(object), &level, sizeof(level));
+    return bytes;
+}
+
+Bytes Prefix(Bytes bytes, size_t size) {
+    bytes.resize(size);
+    return bytes;
+}
+
+// The handle of a proxy, or kNoHandle for null or a local object.
+int32_t HandleOf(const android::sp<android::IBinder>& binder) {
+    return binder != nullptr && binder->remoteBinder() != nullptr ? binder->remoteBinder()->handle() : kNoHandle;
+}
+
+struct BinderReadCase {
+    const char* name;
+    Bytes bytes;
+    bool listed;         // offset 0 is in the object table
+    status_t nullable;   // readNullableStrongBinder's result
+    status_t strong;     // readStrongBinder's
+    int32_t handle;      // of the proxy read, when one is
+};
+
+const BinderReadCase kBinderReads[] = {
+    {"NullObject", BinderObject(BINDER_TYPE_BINDER, 0, 0, 0), false, android::OK, android::UNEXPECTED_NULL, kNoHandle},
+    {"NullWithALevel", BinderObject(BINDER_TYPE_BINDER, 0, 0, 12), false, android::BAD_TYPE, android::BAD_TYPE,
+     kNoHandle},
+    {"FewerThanAnObjectLeft", Prefix(BinderObject(BINDER_TYPE_BINDER, 0, 0, 0), 20), false, android::BAD_TYPE,
+     android::BAD_TYPE, kNoHandle},
+    {"LevelMissing", Prefix(BinderObject(BINDER_TYPE_HANDLE, 0, 0, 12), 24), false, android::NOT_ENOUGH_DATA,
+     android::NOT_ENOUGH_DATA, kNoHandle},
+    // Handle 0 names something although its binder field is zero.
+    {"ContextManagerWithoutTableEntry", BinderObject(BINDER_TYPE_HANDLE, 0, 0, 12), false, android::OK, android::OK,
+     0},
+    {"ListedHandle", BinderObject(BINDER_TYPE_HANDLE, 7, 0, 3), true, android::OK, android::OK, 7},
+    {"UnlistedHandle", BinderObject(BINDER_TYPE_HANDLE, 7, 0, 12), false, android::BAD_TYPE, android::BAD_TYPE,
+     kNoHandle},
+    {"UnlistedCookie", BinderObject(BINDER_TYPE_BINDER, 0, 0x1000, 12), false, android::BAD_TYPE, android::BAD_TYPE,
+     kNoHandle},
+    {"UnknownLevel", BinderObject(BINDER_TYPE_HANDLE, 8, 0, 5), true, android::BAD_TYPE, android::BAD_TYPE,
+     kNoHandle},
+    {"UnknownType", BinderObject(BINDER_TYPE_FD, 0, 0, 0), false, android::BAD_TYPE, android::BAD_TYPE, kNoHandle},
+};
+
+class ParcelBinderRead : public ::testing::TestWithParam<BinderReadCase> {};
+
+TEST_P(ParcelBinderRead, ReadsTheObjectByItsType) {
+    const BinderReadCase& c = GetParam();
+    for (const bool nullable : {true, false}) {
+        Parcel parcel;
+        Load(&parcel, c.bytes);
+        const uint64_t offset = 0;
+        ASSERT_EQ(parcel.setObjects(&offset, c.listed ? 1 : 0), android::OK);
+        android::sp<android::IBinder> binder;
+        const status_t result = nullable ? parcel.readNullableStrongBinder(&binder) : parcel.readStrongBinder(&binder);
+        EXPECT_EQ(result, nullable ? c.nullable : c.strong) << nullable;
+        EXPECT_EQ(HandleOf(binder), c.handle) << nullable;
+        const bool consumed = result == android::OK || result == android::UNEXPECTED_NULL;
+        EXPECT_EQ(parcel.dataPosition(), consumed ? c.bytes.size() : 0u) << nullable;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Objects, ParcelBinderRead, ::testing::ValuesIn(kBinderReads),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// A proxy that arrived in a parcel with `level`.
+android::sp<android::IBinder> ArrivedProxy(int32_t handle, int32_t level) {
+    Parcel parcel;
+    const Bytes bytes = BinderObject(BINDER_TYPE_HANDLE, static_cast<uint64_t>(handle), 0, level);
+    parcel.setData(bytes.data(), bytes.size());
+    const uint64_t offset = 0;
+    parcel.setObjects(&offset, 1);
+    android::sp<android::IBinder> proxy;
+    EXPECT_EQ(parcel.readStrongBinder(&proxy), android::OK);
+    return proxy;
+}
+
+struct BinderWriteCase {
+    const char* name;
+    std::function<android::sp<android::IBinder>()> binder;
+    uint32_t type;
+    bool listed;
+    int32_t level;
+};
+
+const BinderWriteCase kBinderWrites[] = {
+    {"Null", [] { return nullptr; }, BINDER_TYPE_BINDER, false, 0},
+    {"LocalObject", [] { return android::sp<android::IBinder>(new android::BBinder()); }, BINDER_TYPE_BINDER, true,
+     12},
+    // The platform lists only objects whose binder field is not zero.
+    {"ContextManager", [] { return android::ProcessState::self()->getContextObject(nullptr); }, BINDER_TYPE_HANDLE,
+     false, 12},
+    {"VendorProxyKeepsItsLevel", [] { return ArrivedProxy(11, 3); }, BINDER_TYPE_HANDLE, true, 3},
+    {"VintfProxyKeepsItsLevel", [] { return ArrivedProxy(12, 63); }, BINDER_TYPE_HANDLE, true, 63},
+};
+
+class ParcelBinderWrite : public ::testing::TestWithParam<BinderWriteCase> {};
+
+TEST_P(ParcelBinderWrite, FramesTheObjectWithItsLevel) {
+    const BinderWriteCase& c = GetParam();
+    const android::sp<android::IBinder> binder = c.binder();
+    Parcel parcel;
+    ASSERT_EQ(parcel.writeStrongBinder(binder), android::OK);
+    ASSERT_EQ(parcel.dataSize(), sizeof(flat_binder_object) + sizeof(int32_t));
+    flat_binder_object object;
+    std::memcpy(&object, parcel.data(), sizeof(object));
+    EXPECT_EQ(object.hdr.type, c.type);
+    EXPECT_EQ(parcel.objectsCount(), c.listed ? 1u : 0u);
+    parcel.setDataPosition(sizeof(object));
+    EXPECT_EQ(parcel.readInt32(), c.level);
+}
+
+INSTANTIATE_TEST_SUITE_P(Objects, ParcelBinderWrite, ::testing::ValuesIn(kBinderWrites),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ParcelBinderLevel, AProxyKeepsTheLevelItFirstArrivedWith) {
+    const android::sp<android::IBinder> proxy = ArrivedProxy(13, 3);
+    for (const auto& [level, result] : {std::pair{3, android::OK}, std::pair{12, android::BAD_TYPE}}) {
+        Parcel again;
+        const Bytes bytes = BinderObject(BINDER_TYPE_HANDLE, 13, 0, level);
+        Load(&again, bytes);
+        const uint64_t offset = 0;
+        again.setObjects(&offset, 1);
+        android::sp<android::IBinder> read;
+        EXPECT_EQ(again.readStrongBinder(&read), result) << level;
+    }
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 
 namespace android {
 
+class BpBinder;
 class IBinder;
 class IPCThreadState;
 class Parcelable;
@@ -114,6 +115,10 @@ private:
 
     status_t readBinderObject(sp<IBinder>* val, bool nullable) const;
     void holdBinder(const sp<IBinder>& binder);
+    // The stability level a proxy travels with, and whether `level` may come
+    // with `binder` (which then keeps it when it is a proxy new to any level).
+    static int32_t stabilityToWrite(BpBinder* proxy);
+    static bool acceptStability(const sp<IBinder>& binder, int32_t level);
 
     // Grows the buffer to hold at least `needed` bytes; false when memory runs out.
     bool reserveData(size_t needed);
