@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <algorithm>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -539,6 +540,7 @@ constexpr int32_t kNoHandle = -1;  // a read that gives no proxy
 Bytes BinderObject(uint32_t type, uint64_t binderOrHandle, uint64_t cookie, int32_t level) {
     flat_binder_object object{};
     object.hdr.type = type;
+    object.flags = 0x13 | FLAT_BINDER_FLAG_ACCEPTS_FDS;
     object.binder = binderOrHandle;
     object.cookie = cookie;
     Bytes bytes(sizeof(object) + sizeof(level));
@@ -669,6 +671,204 @@ TEST(ParcelBinderLevel, AProxyKeepsTheLevelItFirstArrivedWith) {
         android::sp<android::IBinder> read;
         EXPECT_EQ(again.readStrongBinder(&read), result) << level;
     }
+}
+
+// ---- Typed values and vectors (the forms generated interface code uses) -----
+
+struct TypedCase {
+    const char* name;
+    std::function<status_t(Parcel*)> write;
+    Bytes expected;
+    std::function<bool(const Parcel&)> readsBack;  // reads the value and compares it
+};
+
+// A value written with `write` and read back with `read`; `same` compares.
+template <typename V, typename Same = std::equal_to<V>>
+TypedCase Typed(const char* name, status_t (Parcel::*write)(const V&), status_t (Parcel::*read)(V*) const,
+                std::function<V()> make, Bytes expected, Same same = Same()) {
+    return {name, [=](Parcel* p) { return (p->*write)(make()); }, std::move(expected), [=](const Parcel& p) {
+                V back{};
+                return (p.*read)(&back) == android::OK && same(back, make());
+            }};
+}
+
+template <typename V>
+std::function<V()> Value(V value) {
+    return [value] { return value; };
+}
+
+Bytes Le(std::initializer_list<int32_t> words) {
+    Bytes bytes;
+    for (int32_t word : words) {
+        for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<uint8_t>(word >> shift));
+    }
+    return bytes;
+}
+
+Bytes Cat(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// Deep equality of optional vectors of optional strings.
+bool SameStrings(const std::unique_ptr<std::vector<std::unique_ptr<String16>>>& a,
+                 const std::unique_ptr<std::vector<std::unique_ptr<String16>>>& b) {
+    if (!a || !b) return !a && !b;
+    return std::equal(a->begin(), a->end(), b->begin(), b->end(),
+                      [](const auto& x, const auto& y) { return (!x && !y) || (x && y && *x == *y); });
+}
+
+const TypedCase kTypedCases[] = {
+    Typed<std::vector<int64_t>>("Int64Vector", &Parcel::writeInt64Vector, &Parcel::readInt64Vector,
+                                Value(std::vector<int64_t>{1, -1}), Le({2, 1, 0, -1, -1})),
+    Typed<std::vector<uint64_t>>("Uint64Vector", &Parcel::writeUint64Vector, &Parcel::readUint64Vector,
+                                 Value(std::vector<uint64_t>{5}), Le({1, 5, 0})),
+    Typed<std::vector<float>>("FloatVector", &Parcel::writeFloatVector, &Parcel::readFloatVector,
+                              Value(std::vector<float>{1.5f}), Le({1, 0x3FC00000})),
+    Typed<std::vector<double>>("DoubleVector", &Parcel::writeDoubleVector, &Parcel::readDoubleVector,
+                               Value(std::vector<double>{0.5}), Le({1, 0, 0x3FE00000})),
+    Typed<std::vector<bool>>("BoolVector", &Parcel::writeBoolVector, &Parcel::readBoolVector,
+                             Value(std::vector<bool>{true, false}), Le({2, 1, 0})),
+    Typed<std::vector<char16_t>>("CharVector", &Parcel::writeCharVector, &Parcel::readCharVector,
+                                 Value(std::vector<char16_t>{u'a', u'\x20AC'}), Le({2, 'a', 0x20AC})),
+    // Bytes are packed, then padded once.
+    Typed<std::vector<uint8_t>>("ByteVector", &Parcel::writeByteVector, &Parcel::readByteVector,
+                                Value(std::vector<uint8_t>{1, 2, 3}), Le({3, 0x030201})),
+    Typed<std::unique_ptr<std::vector<int8_t>>>(
+        "NullByteVector", &Parcel::writeByteVector, &Parcel::readByteVector,
+        [] { return std::unique_ptr<std::vector<int8_t>>(); }, Le({-1}),
+        [](const auto& a, const auto& b) { return !a && !b; }),
+    Typed<std::vector<std::string>>("Utf8Vector", &Parcel::writeUtf8VectorAsUtf16Vector,
+                                    &Parcel::readUtf8VectorFromUtf16Vector,
+                                    Value(std::vector<std::string>{"\xC3\xA9"}), Le({1, 1, 0xE9})),
+    Typed<std::unique_ptr<std::vector<std::unique_ptr<String16>>>>(
+        "NullableString16Vector", &Parcel::writeString16Vector, &Parcel::readString16Vector,
+        [] {
+            auto strings = std::make_unique<std::vector<std::unique_ptr<String16>>>();
+            strings->push_back(std::make_unique<String16>(u"a"));
+            strings->push_back(nullptr);
+            return strings;
+        },
+        Le({2, 1, 'a', -1}), SameStrings),
+    // Elements of a nullable binder vector may be null: a null object, level 0.
+    Typed<std::unique_ptr<std::vector<android::sp<android::IBinder>>>>(
+        "NullableBinderVector", &Parcel::writeStrongBinderVector, &Parcel::readStrongBinderVector,
+        [] { return std::make_unique<std::vector<android::sp<android::IBinder>>>(1); },
+        Cat(Le({1}), BinderObject(BINDER_TYPE_BINDER, 0, 0, 0)),
+        [](const auto& a, const auto& b) { return a && b && a->size() == 1 && b->size() == 1 && !(*a)[0]; }),
+    {"ParcelableVector", [](Parcel* p) { return p->writeParcelableVector(std::vector<Counter>{Counter(9)}); },
+     Le({1, 1, 9}),
+     [](const Parcel& p) {
+         std::vector<Counter> back;
+         return p.readParcelableVector(&back) == android::OK && back.size() == 1 && back[0].value == 9;
+     }},
+    {"NullableParcelables",
+     [](Parcel* p) {
+         auto counters = std::make_unique<std::vector<std::unique_ptr<Counter>>>();
+         counters->push_back(nullptr);
+         counters->push_back(std::make_unique<Counter>(4));
+         return p->writeParcelableVector(counters);
+     },
+     Le({2, 0, 1, 4}),
+     [](const Parcel& p) {
+         std::unique_ptr<std::vector<std::unique_ptr<Counter>>> back;
+         return p.readParcelableVector(&back) == android::OK && back && back->size() == 2 && !(*back)[0] &&
+                (*back)[1] && (*back)[1]->value == 4;
+     }},
+    {"Scalars",
+     [](Parcel* p) {
+         p->writeByte(-2);
+         p->writeChar(u'\xFFFF');
+         p->writeFloat(-2.0f);
+         return p->writeDouble(1.0);
+     },
+     Le({-2, 0xFFFF, static_cast<int32_t>(0xC0000000), 0, 0x3FF00000}),
+     [](const Parcel& p) {
+         int8_t byte = 0;
+         char16_t unit = 0;
+         return p.readByte(&byte) == android::OK && byte == -2 && p.readChar(&unit) == android::OK &&
+                unit == u'\xFFFF' && p.readFloat() == -2.0f && p.readDouble() == 1.0;
+     }},
+};
+
+class ParcelTyped : public ::testing::TestWithParam<TypedCase> {};
+
+TEST_P(ParcelTyped, WritesThePlatformLayoutAndReadsItBack) {
+    Parcel parcel;
+    ASSERT_EQ(GetParam().write(&parcel), android::OK);
+    EXPECT_EQ(Contents(parcel), GetParam().expected);
+    parcel.setDataPosition(0);
+    EXPECT_TRUE(GetParam().readsBack(parcel));
+    EXPECT_EQ(parcel.dataAvail(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, ParcelTyped, ::testing::ValuesIn(kTypedCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+struct TypedReadCase {
+    const char* name;
+    Bytes bytes;
+    std::function<status_t(const Parcel&)> read;
+    status_t result;
+};
+
+constexpr int32_t kHugeCount = 0x7FFFFFFF;
+
+const TypedReadCase kTypedReads[] = {
+    // A count no data could back fails as its first missing element does,
+    // without an allocation of that size.
+    {"HugeInt32Vector", Le({kHugeCount, 1}),
+     [](const Parcel& p) { std::vector<int32_t> v; return p.readInt32Vector(&v); }, android::NOT_ENOUGH_DATA},
+    {"HugeString16Vector", Le({kHugeCount, 0, 0}),
+     [](const Parcel& p) { std::vector<String16> v; return p.readString16Vector(&v); }, android::UNEXPECTED_NULL},
+    {"HugeByteVector", Le({kHugeCount, 0}),
+     [](const Parcel& p) { std::vector<uint8_t> v; return p.readByteVector(&v); }, android::BAD_VALUE},
+    {"HugeOutVector", Le({kHugeCount}),
+     [](const Parcel& p) { std::vector<int64_t> v; return p.resizeOutVector(&v); }, android::BAD_VALUE},
+    {"NegativeCount", Le({-1}),
+     [](const Parcel& p) { std::vector<double> v; return p.readDoubleVector(&v); }, android::UNEXPECTED_NULL},
+    {"NegativeOutVector", Le({-1}),
+     [](const Parcel& p) { std::vector<bool> v; return p.resizeOutVector(&v); }, android::UNEXPECTED_NULL},
+    {"NullElementOfABinderVector", Cat(Le({1}), BinderObject(BINDER_TYPE_BINDER, 0, 0, 0)),
+     [](const Parcel& p) { std::vector<android::sp<android::IBinder>> v; return p.readStrongBinderVector(&v); },
+     android::UNEXPECTED_NULL},
+    {"NullString", Le({-1}),
+     [](const Parcel& p) {
+         auto text = std::make_unique<String16>(u"old");
+         const status_t status = p.readString16(&text);
+         return status == android::OK && text ? android::UNKNOWN_ERROR : status;
+     },
+     android::OK},
+    {"OtherNegativeStringLength", Le({-2}),
+     [](const Parcel& p) { std::unique_ptr<String16> text; return p.readString16(&text); }, android::UNEXPECTED_NULL},
+    // Only a marker of 0 is a null parcelable.
+    {"NegativeParcelableMarker", Le({-1, 5}),
+     [](const Parcel& p) {
+         std::unique_ptr<Counter> counter;
+         const status_t status = p.readParcelable(&counter);
+         return status == android::OK && (!counter || counter->value != 5) ? android::UNKNOWN_ERROR : status;
+     },
+     android::OK},
+    {"NullUtf8", Le({-1}),
+     [](const Parcel& p) { std::string text; return p.readUtf8FromUtf16(&text); }, android::UNEXPECTED_NULL},
+};
+
+class ParcelTypedRead : public ::testing::TestWithParam<TypedReadCase> {};
+
+TEST_P(ParcelTypedRead, FailsAsThePlatformDoes) {
+    Parcel parcel;
+    Load(&parcel, GetParam().bytes);
+    EXPECT_EQ(GetParam().read(parcel), GetParam().result);
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, ParcelTypedRead, ::testing::ValuesIn(kTypedReads),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ParcelTyped, Utf8ThatIsNotUtf8IsRefused) {
+    Parcel parcel;
+    EXPECT_EQ(parcel.writeUtf8AsUtf16(std::string("a\xFFz")), android::BAD_VALUE);
+    EXPECT_EQ(parcel.writeUtf8AsUtf16(std::unique_ptr<std::string>()), android::OK);
+    EXPECT_EQ(Contents(parcel), Le({-1}));
 }
 
 }  // namespace
