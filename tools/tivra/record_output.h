@@ -8,7 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 
 namespace tivra_cli {
 

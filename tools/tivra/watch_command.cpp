@@ -16,7 +16,7 @@
 #include "exit_codes.h"
 #include "record_output.h"
 #include "service_diagnosis.h"
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 
 namespace tivra_cli {
 namespace {
