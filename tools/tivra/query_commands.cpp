@@ -38,8 +38,7 @@ bool ServicePresent() {
     return errCode != Communication::TIVRA_ERR_SERVICE_UNAVAILABLE;
 }
 
-// Node queries answer failures with empty results only; the device query's
-// error code tells a missing service from a call the service refused.
+// Node queries answer failures with empty results only: say which failure.
 int EmptyAnswer(const char* what) {
     if (!ServicePresent()) {
         return Unavailable();
@@ -62,9 +61,9 @@ void Print(const Options& options, const json& document, const std::string& text
 }
 
 int LocalDevice(const std::vector<std::string>&, const Options& options) {
-    int errCode = 0;
+    int errCode = Communication::TIVRA_ERR_OK;
     const auto device = TivraAdapter::GetInstance()->GetLocalDevice(errCode);
-    if (errCode != 0) {
+    if (errCode != Communication::TIVRA_ERR_OK) {
         return FromErrCode(errCode, "the local device");
     }
     Print(options, ToJson(*device), DeviceTable({device}).Render());
@@ -72,9 +71,9 @@ int LocalDevice(const std::vector<std::string>&, const Options& options) {
 }
 
 int Devices(const std::vector<std::string>&, const Options& options) {
-    int errCode = 0;
+    int errCode = Communication::TIVRA_ERR_OK;
     const auto devices = TivraAdapter::GetInstance()->GetAllDevices(errCode);
-    if (errCode != 0) {
+    if (errCode != Communication::TIVRA_ERR_OK) {
         return FromErrCode(errCode, "the device list");
     }
     json list = json::array();
