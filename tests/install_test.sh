@@ -40,13 +40,16 @@ library=$prefix/lib/libtivra.so.0
 leaked=$(nm -D --defined-only "$library" | c++filt | awk '{ $1 = $2 = ""; print }' | grep -v "^  TIVRA_0$" |
          grep -vE "^  ((typeinfo|typeinfo name|vtable) for )?Communication::.*@@TIVRA_0$" || true)
 [ -z "$leaked" ] || fail "libtivra.so exports more than its interface: $(head -5 <<<"$leaked")"
-ldd "$library" | grep -qF "libhostbinder.so.0 => $prefix/lib/tivra/libhostbinder.so.0" ||
-  fail "libtivra.so does not find its private libhostbinder: $(ldd "$library")"
+# (Output held first: grep -q would end the pipe early, and pipefail with it.)
+found=$(ldd "$library")
+grep -qF "libhostbinder.so.0 => $prefix/lib/tivra/libhostbinder.so.0" <<<"$found" ||
+  fail "libtivra.so does not find its private libhostbinder: $found"
 
 # tivra.pc: absolute, normalised, no rpath.
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 [ "$(pkg-config --variable=prefix tivra)" = "$prefix" ] || fail "tivra.pc prefix: $(pkg-config --variable=prefix tivra)"
-! pkg-config --libs tivra | grep -q rpath || fail "tivra.pc carries an rpath: $(pkg-config --libs tivra)"
+libs=$(pkg-config --libs tivra)
+[[ $libs != *rpath* ]] || fail "tivra.pc carries an rpath: $libs"
 
 # Programs against the installed package only; with no rpath they run with
 # LD_LIBRARY_PATH=PREFIX/lib, as a user's program in a private prefix would.
@@ -97,10 +100,16 @@ fi
 
 "$prefix/bin/binderd" --socket "$HOSTBINDER_SOCKET" 2>"$work/binderd.log" &
 pids+=($!)
-for _ in $(seq 100); do [ -S "$HOSTBINDER_SOCKET" ] && break; sleep 0.05; done
+# Waits up to ten seconds for a command to succeed.
+wait_for() {
+  for _ in $(seq 200); do "$@" && return 0; sleep 0.05; done
+  return 1
+}
+wait_for test -S "$HOSTBINDER_SOCKET" || fail "installed binderd did not come up: $(cat "$work/binderd.log")"
 "$prefix/bin/tivra-monitord" >"$work/monitord.out" 2>&1 &
 pids+=($!)
-for _ in $(seq 100); do "$prefix/bin/tivra" services 2>/dev/null | grep -q PravikDeviceMonitorService && break; sleep 0.05; done
+registered() { "$prefix/bin/tivra" services 2>/dev/null | grep -qx PravikDeviceMonitorService; }
+wait_for registered || fail "installed tivra-monitord did not register: $(cat "$work/monitord.out")"
 grep -qF "from $prefix/bin/../share/tivra/scenarios/sample.json" "$work/monitord.out" ||
   fail "installed tivra-monitord did not use the installed sample: $(cat "$work/monitord.out")"
 
