@@ -14,6 +14,14 @@ std::mutex TivraAdapterInner::deathNotifierMapMutex_;
 std::mutex TivraAdapterInner::serviceInitMutex_;
 std::mutex TivraAdapterInner::deviceListenerMapMutex_;
 
+// Out of line, so that the vtables and type information of the public classes
+// live in the library, once, under its symbol version (the records' own are
+// in deviceinfo/).
+TivraListener::~TivraListener() = default;
+TivraDeathNotifier::~TivraDeathNotifier() = default;
+DeviceListener::~DeviceListener() = default;
+TivraAdapter::~TivraAdapter() = default;
+
 std::shared_ptr<TivraAdapter> TivraAdapter::GetInstance() {
     // The unlocked first test reads the pointer atomically, and the store
     // below publishes it only after construction has finished.

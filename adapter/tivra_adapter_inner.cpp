@@ -141,16 +141,16 @@ std::shared_ptr<TivraDeviceInfo> TivraAdapterInner::GetLocalDevice(int& errCode)
     const Service service = InitPravikService();
     if (service == nullptr) {
         LogServiceFailed("GetLocalDevice");
-        errCode = 1;
+        errCode = TIVRA_ERR_SERVICE_UNAVAILABLE;
         return nullptr;
     }
     auto device = std::make_shared<DeviceInfoExternal>();
     if (!service->getLocalDevice(device.get()).isOk()) {
         TIVRA_LOGE("get local device info binder invoke failed");
-        errCode = 2;
+        errCode = TIVRA_ERR_CALL_FAILED;
         return nullptr;
     }
-    errCode = 0;
+    errCode = TIVRA_ERR_OK;
     return device;
 }
 
@@ -159,13 +159,13 @@ std::vector<std::shared_ptr<TivraDeviceInfo>> TivraAdapterInner::GetAllDevices(i
     const Service service = InitPravikService();
     if (service == nullptr) {
         LogServiceFailed("GetAllDevices");
-        errCode = 1;
+        errCode = TIVRA_ERR_SERVICE_UNAVAILABLE;
         return devices;
     }
     DeviceInfoExternalList list;
     if (!service->getAllDevices(&list).isOk()) {
         TIVRA_LOGE("get all same count device info binder invoke failed");
-        errCode = 2;
+        errCode = TIVRA_ERR_CALL_FAILED;
         return devices;
     }
     const std::vector<DeviceInfoExternal> records = list.GetDeviceInfoExternalList();
@@ -174,7 +174,7 @@ std::vector<std::shared_ptr<TivraDeviceInfo>> TivraAdapterInner::GetAllDevices(i
         devices.push_back(std::make_shared<DeviceInfoExternal>(record.GetDeviceName(), record.GetDeviceId(),
                                                                record.GetDeviceType(), record.GetDeviceIp()));
     }
-    errCode = 0;
+    errCode = TIVRA_ERR_OK;
     return devices;
 }
 

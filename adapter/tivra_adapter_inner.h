@@ -12,7 +12,7 @@
 #include <utils/StrongPointer.h>
 
 #include "i_device_monitor_service.h"
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 #include "tivra_death_notifier_inner.h"
 #include "tivra_device_listener.h"
 #include "tivra_listener_inner.h"

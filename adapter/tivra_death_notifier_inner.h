@@ -4,7 +4,7 @@
 
 #include <binder/IBinder.h>
 
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 
 namespace Communication {
 

@@ -5,7 +5,7 @@
 #include "device_info_type_inner.h"
 #include "i_device_listener.h"
 #include "node_basic_info_inner.h"
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 
 namespace Communication {
 

@@ -4,7 +4,7 @@
 
 #include "device_info_external.h"
 #include "i_device_change_listener.h"
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 
 namespace Communication {
 

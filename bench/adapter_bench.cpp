@@ -11,7 +11,7 @@
 #include <string>
 
 #include "monitord_fixture.h"
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 
 namespace {
 

@@ -5,6 +5,10 @@
 #include "text_conversion.h"
 #include "tivra_log.h"
 
+// The public interface's anchor: its vtable and type information live with
+// the records, once, and libtivra.so exports them.
+Communication::TivraDeviceInfo::~TivraDeviceInfo() = default;
+
 namespace com {
 namespace solvane {
 namespace pravik {

@@ -5,7 +5,7 @@
 #include <binder/Parcel.h>
 #include <binder/Parcelable.h>
 
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 
 namespace com {
 namespace solvane {

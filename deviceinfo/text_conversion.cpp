@@ -4,6 +4,9 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <optional>
+
+#include <utils/String8.h>
 
 namespace com {
 namespace solvane {
@@ -11,10 +14,8 @@ namespace pravik {
 namespace deviceinfo {
 namespace {
 
-constexpr char32_t kReplacement = 0xFFFD;
-
 // Decodes the well-formed UTF-8 sequence at `src` into `*cp` and returns its
-// length; anything else yields U+FFFD for its first byte alone.
+// length, or 0 when the bytes there are not one.
 size_t DecodeUtf8(const unsigned char* src, size_t avail, char32_t* cp) {
     const unsigned char lead = src[0];
     size_t length = 0;
@@ -32,14 +33,12 @@ size_t DecodeUtf8(const unsigned char* src, size_t avail, char32_t* cp) {
         high = lead == 0xF4 ? 0x8F : 0xBF;  // past U+10FFFF
     }
     if (length == 0 || avail < length || src[1] < low || src[1] > high) {
-        *cp = kReplacement;
-        return 1;
+        return 0;
     }
     char32_t value = static_cast<char32_t>((lead & (0x7F >> length)) << 6 | (src[1] & 0x3F));
     for (size_t i = 2; i < length; ++i) {
         if ((src[i] & 0xC0) != 0x80) {
-            *cp = kReplacement;
-            return 1;
+            return 0;
         }
         value = value << 6 | (src[i] & 0x3F);
     }
@@ -87,10 +86,11 @@ size_t NarrowOrWidenAscii(const unsigned char* src, size_t count, DstLane* dst) 
     return done;
 }
 
-// Converts UTF-8 up to its first NUL or `size` bytes into `dst`, which holds at
-// least `size` units (no byte yields more than one unit), and returns the
-// number of units.
-size_t Utf8ToUtf16(const unsigned char* src, size_t size, char16_t* dst) {
+// Converts well-formed UTF-8 up to its first NUL or `size` bytes into `dst`,
+// which holds at least `size` units (no byte yields more than one unit), and
+// stores the number of units. False, with `dst` in no defined state, when the
+// text is not well-formed.
+bool Utf8ToUtf16(const unsigned char* src, size_t size, char16_t* dst, size_t* units) {
     size_t i = NarrowOrWidenAscii<uint8_t>(src, size, dst);
     char16_t* const start = dst;
     dst += i;
@@ -103,21 +103,29 @@ size_t Utf8ToUtf16(const unsigned char* src, size_t size, char16_t* dst) {
             continue;
         }
         char32_t cp = 0;
-        i += DecodeUtf8(src + i, size - i, &cp);
+        const size_t length = DecodeUtf8(src + i, size - i, &cp);
+        if (length == 0) {
+            return false;
+        }
+        i += length;
         if (cp >= 0x10000) {
             *dst++ = static_cast<char16_t>(0xD800 + ((cp - 0x10000) >> 10));
             cp = 0xDC00 + (cp & 0x3FF);
         }
         *dst++ = static_cast<char16_t>(cp);
     }
-    return static_cast<size_t>(dst - start);
+    *units = static_cast<size_t>(dst - start);
+    return true;
 }
 
-// The UTF-16 form of UTF-8 text up to its first NUL. Short text stays inside
-// the object, so converting a field for a write allocates nothing.
 // Text up to this many bytes converts without a heap allocation.
 constexpr size_t kInlineUnits = 128;
 
+// The UTF-16 form of UTF-8 text up to its first NUL, exactly as libutils'
+// String16 makes it. Well-formed text is converted here, short text inside
+// the object so that converting a field for a write allocates nothing; text
+// that is not well-formed goes to String16 itself, whose answers for it
+// (dropped, merged or kept bytes) are the platform's.
 class Utf16Text {
 public:
     explicit Utf16Text(const std::string& utf8) {
@@ -126,17 +134,21 @@ public:
             heap_.reset(new char16_t[utf8.size()]);
             dst = heap_.get();
         }
-        size_ = Utf8ToUtf16(reinterpret_cast<const unsigned char*>(utf8.data()), utf8.size(), dst);
+        if (!Utf8ToUtf16(reinterpret_cast<const unsigned char*>(utf8.data()), utf8.size(), dst, &size_)) {
+            genuine_.emplace(utf8.c_str());
+            size_ = genuine_->size();
+        }
     }
     Utf16Text(const Utf16Text&) = delete;
     Utf16Text& operator=(const Utf16Text&) = delete;
 
-    const char16_t* data() const { return heap_ ? heap_.get() : inline_; }
+    const char16_t* data() const { return genuine_ ? genuine_->string() : heap_ ? heap_.get() : inline_; }
     size_t size() const { return size_; }
 
 private:
     char16_t inline_[kInlineUnits];
     std::unique_ptr<char16_t[]> heap_;
+    std::optional<android::String16> genuine_;
     size_t size_ = 0;
 };
 
@@ -147,22 +159,23 @@ char16_t UnitAt(const unsigned char* units, size_t i) {
     return unit;
 }
 
-// Calls `emit` with each code point of `count` units.
+// Calls `emit` with each code point of `count` units; false at the first
+// surrogate that is not half of a pair (nothing is emitted for it).
 template <typename Emit>
-void ForEachCodePoint(const unsigned char* units, size_t count, Emit emit) {
+bool ForEachCodePoint(const unsigned char* units, size_t count, Emit emit) {
     for (size_t i = 0; i < count; ++i) {
         char32_t cp = UnitAt(units, i);
         if (cp >= 0xD800 && cp <= 0xDFFF) {
             const char32_t next = i + 1 < count ? UnitAt(units, i + 1) : 0;
-            if (cp <= 0xDBFF && next >= 0xDC00 && next <= 0xDFFF) {
-                cp = 0x10000 + ((cp - 0xD800) << 10) + (next - 0xDC00);
-                ++i;
-            } else {
-                cp = kReplacement;
+            if (cp > 0xDBFF || next < 0xDC00 || next > 0xDFFF) {
+                return false;
             }
+            cp = 0x10000 + ((cp - 0xD800) << 10) + (next - 0xDC00);
+            ++i;
         }
         emit(cp);
     }
+    return true;
 }
 
 size_t Utf8Length(char32_t cp) { return cp < 0x80 ? 1 : cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4; }
@@ -182,7 +195,17 @@ char* EncodeUtf8(char32_t cp, char* dst) {
     return dst + length;
 }
 
-// Replaces `*out` with the UTF-8 form of `count` units up to the first NUL.
+// What the platform makes of text that is not well-formed UTF-16: libutils'
+// String8 of the whole String16, up to the first NUL of its UTF-8.
+void AssignGenuineUtf8(const unsigned char* units, size_t count, std::string* out) {
+    std::u16string aligned(count, u'\0');  // units read in place need not be aligned
+    std::memcpy(&aligned[0], units, count * sizeof(char16_t));
+    const android::String8 utf8(android::String16(aligned.data(), count));
+    out->assign(utf8.c_str());
+}
+
+// Replaces `*out` with the UTF-8 form of `count` units up to the first NUL,
+// exactly as libutils' String8 makes it.
 void AssignUtf8(const unsigned char* units, size_t count, std::string* out) {
     // Text is mostly ASCII: narrow it straight into place until that fails.
     if (out->size() != count) {
@@ -202,7 +225,10 @@ void AssignUtf8(const unsigned char* units, size_t count, std::string* out) {
     }
     const unsigned char* rest = units + done * sizeof(char16_t);
     size_t bytes = 0;
-    ForEachCodePoint(rest, end - done, [&bytes](char32_t cp) { bytes += Utf8Length(cp); });
+    if (!ForEachCodePoint(rest, end - done, [&bytes](char32_t cp) { bytes += Utf8Length(cp); })) {
+        AssignGenuineUtf8(units, count, out);
+        return;
+    }
     out->resize(done + bytes);
     dst = &(*out)[done];
     ForEachCodePoint(rest, end - done, [&dst](char32_t cp) { dst = EncodeUtf8(cp, dst); });

@@ -12,9 +12,9 @@ namespace deviceinfo {
 
 // Text crosses the wire as UTF-16 and lives in the library as UTF-8. Both
 // directions go through NUL-terminated text, so a string ends at its first NUL.
-// Well-formed text converts exactly as libutils' String16/String8 do. Ill-formed
-// input is replaced, never trusted: each byte that does not start a well-formed
-// UTF-8 sequence becomes one U+FFFD, and so does each unpaired UTF-16 surrogate.
+// Every input converts exactly as libutils' String16 (from UTF-8) and String8
+// (from String16) convert it: well-formed text on a fast path of our own, any
+// other text by those classes themselves.
 android::String16 ToString16(const std::string& utf8);
 std::string ToUtf8(const android::String16& utf16);
 

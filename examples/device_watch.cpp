@@ -4,7 +4,7 @@
 // Build against an installed libtivra with either
 //   c++ -std=c++17 device_watch.cpp $(pkg-config --cflags --libs tivra) -o device_watch
 // or the CMakeLists.txt beside this file (find_package(tivra)).
-#include <tivra_adapter.h>
+#include <tivra/tivra_adapter.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -54,11 +54,12 @@ int main(int argc, char** argv) {
 
     std::shared_ptr<TivraAdapter> adapter = TivraAdapter::GetInstance();
 
-    int errCode = 0;
+    int errCode = TIVRA_ERR_OK;
     std::shared_ptr<TivraDeviceInfo> local = adapter->GetLocalDevice(errCode);
-    if (errCode != 0) {
+    if (errCode != TIVRA_ERR_OK) {
         std::fprintf(stderr, "device_watch: %s\n",
-                     errCode == 1 ? "no device monitor service is running" : "the service call failed");
+                     errCode == TIVRA_ERR_SERVICE_UNAVAILABLE ? "no device monitor service is running"
+                                                              : "the service call failed");
         return 1;
     }
     std::printf("local device: %s (%s)\n", local->GetDeviceName().c_str(), local->GetDeviceId().c_str());

@@ -218,8 +218,10 @@ void IPCThreadState::executeTransaction(const hostbinder::Frame& frame) {
     mCallingUid = view.header.senderUid;
     const sp<BBinder> target(reinterpret_cast<BBinder*>(view.header.target));
     const bool oneway = (view.header.flags & IBinder::FLAG_ONEWAY) != 0;
+    // As on the platform, onTransact always gets a reply parcel; a one-way
+    // call's is dropped unread.
     Parcel reply;
-    status_t status = target->transact(view.header.code, data, oneway ? nullptr : &reply, view.header.flags);
+    status_t status = target->transact(view.header.code, data, &reply, view.header.flags);
     mCallingPid = outerPid;
     mCallingUid = outerUid;
     if (mConnection == nullptr) {

@@ -180,6 +180,10 @@ status_t Parcel::writeUint32(uint32_t val) { return writeValue(val); }
 status_t Parcel::writeInt64(int64_t val) { return writeValue(val); }
 status_t Parcel::writeUint64(uint64_t val) { return writeValue(val); }
 status_t Parcel::writeBool(bool val) { return writeInt32(val ? 1 : 0); }
+status_t Parcel::writeFloat(float val) { return writeValue(val); }
+status_t Parcel::writeDouble(double val) { return writeValue(val); }
+status_t Parcel::writeChar(char16_t val) { return writeInt32(val); }
+status_t Parcel::writeByte(int8_t val) { return writeInt32(val); }
 
 status_t Parcel::readInt32(int32_t* pArg) const { return readValue(pArg); }
 status_t Parcel::readUint32(uint32_t* pArg) const { return readValue(pArg); }
@@ -189,6 +193,31 @@ int32_t Parcel::readInt32() const { return readValueOrZero<int32_t>(); }
 uint32_t Parcel::readUint32() const { return readValueOrZero<uint32_t>(); }
 int64_t Parcel::readInt64() const { return readValueOrZero<int64_t>(); }
 uint64_t Parcel::readUint64() const { return readValueOrZero<uint64_t>(); }
+status_t Parcel::readFloat(float* pArg) const { return readValue(pArg); }
+status_t Parcel::readDouble(double* pArg) const { return readValue(pArg); }
+float Parcel::readFloat() const { return readValueOrZero<float>(); }
+double Parcel::readDouble() const { return readValueOrZero<double>(); }
+
+status_t Parcel::readChar(char16_t* pArg) const {
+    int32_t value = 0;
+    const status_t status = readInt32(&value);
+    if (status == OK) {
+        *pArg = static_cast<char16_t>(value);
+    }
+    return status;
+}
+
+status_t Parcel::readByte(int8_t* pArg) const {
+    int32_t value = 0;
+    const status_t status = readInt32(&value);
+    if (status == OK) {
+        *pArg = static_cast<int8_t>(value);
+    }
+    return status;
+}
+
+char16_t Parcel::readChar() const { return static_cast<char16_t>(readInt32()); }
+int8_t Parcel::readByte() const { return static_cast<int8_t>(readInt32()); }
 
 status_t Parcel::readBool(bool* pArg) const {
     int32_t value = 0;

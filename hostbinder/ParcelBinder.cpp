@@ -16,6 +16,7 @@ namespace android {
 namespace {
 
 constexpr uint32_t kObjectFlags = 0x13 | FLAT_BINDER_FLAG_ACCEPTS_FDS;
+constexpr int32_t kStabilityUndeclared = 0;
 constexpr int32_t kStabilitySystem = 12;
 
 bool isKnownStability(int32_t level) { return level == 3 || level == 12 || level == 63; }
@@ -26,19 +27,44 @@ static_assert(sizeof(flat_binder_object) == Parcel::kObjectSize, "object table e
 
 void Parcel::holdBinder(const sp<IBinder>& binder) { mHeldBinders.push_back(binder); }
 
+int32_t Parcel::stabilityToWrite(BpBinder* proxy) {
+    // A proxy that never arrived in a parcel (the context manager's) is
+    // taken to be of this process's own level from its first write on.
+    int32_t level = kStabilityUndeclared;
+    proxy->mStability.compare_exchange_strong(level, kStabilitySystem);
+    return level == kStabilityUndeclared ? kStabilitySystem : level;
+}
+
+bool Parcel::acceptStability(const sp<IBinder>& binder, int32_t level) {
+    if (binder == nullptr) {
+        return level == kStabilityUndeclared;
+    }
+    if (!isKnownStability(level)) {
+        return false;
+    }
+    BpBinder* proxy = binder->remoteBinder();
+    if (proxy == nullptr) {
+        return true;
+    }
+    // A binder's level never changes: the first one a proxy arrives with stays.
+    int32_t known = kStabilityUndeclared;
+    return proxy->mStability.compare_exchange_strong(known, level) || known == level;
+}
+
 status_t Parcel::writeStrongBinder(const sp<IBinder>& val) {
     flat_binder_object object{};
     object.hdr.type = BINDER_TYPE_BINDER;
     object.flags = kObjectFlags;
-    int32_t stability = 0;
+    int32_t stability = kStabilityUndeclared;
     if (val != nullptr) {
-        stability = kStabilitySystem;
         if (BBinder* local = val->localBinder(); local != nullptr) {
             object.binder = reinterpret_cast<uintptr_t>(local->getWeakRefs());
             object.cookie = reinterpret_cast<uintptr_t>(local);
+            stability = kStabilitySystem;
         } else if (BpBinder* proxy = val->remoteBinder(); proxy != nullptr) {
             object.hdr.type = BINDER_TYPE_HANDLE;
             object.handle = static_cast<uint32_t>(proxy->handle());
+            stability = stabilityToWrite(proxy);
         } else {
             return BAD_TYPE;
         }
@@ -48,10 +74,12 @@ status_t Parcel::writeStrongBinder(const sp<IBinder>& val) {
     if (status != OK) {
         return status;
     }
+    // The table lists the objects that name a node or a handle other than the
+    // context manager's 0: those are all that the driver translates.
+    if (object.binder != 0 && (status = appendObject(offset)) != OK) {
+        return status;
+    }
     if (val != nullptr) {
-        if ((status = appendObject(offset)) != OK) {
-            return status;
-        }
         holdBinder(val);
     }
     return writeInt32(stability);
@@ -60,36 +88,35 @@ status_t Parcel::writeStrongBinder(const sp<IBinder>& val) {
 status_t Parcel::readBinderObject(sp<IBinder>* val, bool nullable) const {
     const size_t start = dataPosition();
     if (dataSize() < start || dataSize() - start < kObjectSize) {
-        return NOT_ENOUGH_DATA;
+        return BAD_TYPE;
     }
     flat_binder_object object;
     std::memcpy(&object, data() + start, sizeof(object));
-    const bool isNull = object.binder == 0 && object.cookie == 0;
     const bool listed = std::binary_search(objects(), objects() + objectsCount(), uint64_t{start});
-    if (!isNull && !listed) {
+    if ((object.binder != 0 || object.cookie != 0) && !listed) {
         return BAD_TYPE;
     }
+    // Read by type: a local object without a cookie is null, and handle 0 is
+    // this process's own proxy of the context manager.
     sp<IBinder> binder;
-    if (!isNull) {
-        if (object.hdr.type == BINDER_TYPE_BINDER) {
-            binder = reinterpret_cast<BBinder*>(object.cookie);
-        } else if (object.hdr.type == BINDER_TYPE_HANDLE) {
-            binder = ProcessState::self()->getStrongProxyForHandle(static_cast<int32_t>(object.handle));
-        } else {
-            return BAD_TYPE;
-        }
+    if (object.hdr.type == BINDER_TYPE_BINDER) {
+        binder = reinterpret_cast<BBinder*>(object.cookie);
+    } else if (object.hdr.type == BINDER_TYPE_HANDLE) {
+        binder = ProcessState::self()->getStrongProxyForHandle(static_cast<int32_t>(object.handle));
+    } else {
+        return BAD_TYPE;
     }
     setDataPosition(start + kObjectSize);
-    int32_t stability = 0;
+    int32_t stability = kStabilityUndeclared;
     if (const status_t status = readInt32(&stability); status != OK) {
         setDataPosition(start);
         return status;
     }
-    if (isNull ? stability != 0 : !isKnownStability(stability)) {
+    if (!acceptStability(binder, stability)) {
         setDataPosition(start);
         return BAD_TYPE;
     }
-    if (isNull && !nullable) {
+    if (binder == nullptr && !nullable) {
         return UNEXPECTED_NULL;
     }
     *val = binder;

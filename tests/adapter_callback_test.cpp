@@ -13,7 +13,7 @@
 #include "adapter_recorders.h"
 #include "log_capture.h"
 #include "monitord_fixture.h"
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 
 namespace tivra_test {
 namespace {

@@ -1,14 +1,19 @@
 #!/usr/bin/env bash
-# The tivra command line against a private binderd and tivra-monitord: exit
-# codes and advice when something is missing, tables and JSON, driving the
-# service with `tivra sim`, and `tivra watch` living through the service's death.
+# tivra and tivra-monitord as a user meets them, against a private binderd and
+# tivra-monitord: options and exit codes on every level, bad input, table
+# widths and JSON, driving the service with `tivra sim`, and `tivra watch`
+# living through the service's death. Runs under the C locale on purpose.
 # Usage: cli_test.sh SOURCE_DIR BUILD_DIR
 set -uo pipefail
 source_dir=$1
 build_dir=$2
-tivra=$build_dir/tools/tivra
 binderd=$build_dir/hostbinder/binderd/binderd
-monitord=$build_dir/tools/tivra-monitord
+tivra_bin=$build_dir/tools/tivra
+monitord_bin=$build_dir/tools/tivra-monitord
+# For the rows below; what runs in the background uses the paths, so that its
+# pid is the program's.
+tivra() { "$tivra_bin" "$@"; }
+tivra-monitord() { "$monitord_bin" "$@"; }
 work=$(mktemp -d)
 pids=()
 cleanup() {
@@ -16,20 +21,20 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
-export HOSTBINDER_SOCKET=$work/binder
+export HOSTBINDER_SOCKET=$work/binder LC_ALL=C
 failures=0
 fail() { echo "cli_test: FAILED: $*" >&2; failures=$((failures + 1)); }
 
-# expect CODE PATTERN -- ARGS: runs tivra ARGS, checks its exit code and that
+# expect CODE PATTERN COMMAND...: runs COMMAND, checks its exit code and that
 # stdout+stderr match PATTERN (extended regex).
 expect() {
   local code=$1 pattern=$2
-  shift 3
+  shift 2
   local output status
-  output=$("$tivra" "$@" 2>&1)
+  output=$("$@" 2>&1)
   status=$?
-  [ "$status" -eq "$code" ] || fail "tivra $* exited $status, not $code: $output"
-  grep -qE -- "$pattern" <<<"$output" || fail "tivra $* printed no match for '$pattern': $output"
+  [ "$status" -eq "$code" ] || fail "$* exited $status, not $code: $output"
+  grep -qE -- "$pattern" <<<"$output" || fail "$* printed no match for '$pattern': $output"
 }
 # Waits up to five seconds for a command to succeed.
 wait_for() {
@@ -38,67 +43,114 @@ wait_for() {
 }
 # start_monitord [SCENARIO]: the sample unless told otherwise.
 start_monitord() {
-  "$monitord" --scenario "${1:-$source_dir/tools/scenarios/sample.json}" >"$work/monitord.out" 2>&1 &
+  "$monitord_bin" --scenario "${1:-$source_dir/tools/scenarios/sample.json}" >"$work/monitord.out" 2>&1 &
   monitord_pid=$!
   pids+=("$monitord_pid")
-  wait_for sh -c "'$tivra' services 2>/dev/null | grep -qx PravikDeviceMonitorService" || fail "tivra-monitord did not come up: $(cat "$work/monitord.out")"
+  wait_for sh -c "'$tivra_bin' services 2>/dev/null | grep -qx PravikDeviceMonitorService" ||
+    fail "tivra-monitord did not come up: $(cat "$work/monitord.out")"
 }
 
-# Nothing running: the advice names what to start.
-expect 3 "binderd is not running.*start it with" -- devices
+# Nothing running: exit 3, and the advice names what to start.
+expect 3 "binderd is not running.*start it with" tivra devices
+expect 3 "cannot register with binderd" tivra-monitord
 "$binderd" --socket "$HOSTBINDER_SOCKET" 2>"$work/binderd.log" &
 pids+=($!)
 wait_for test -S "$HOSTBINDER_SOCKET" || fail "binderd did not come up"
-expect 3 "no device monitor service is registered.*tivra-monitord" -- local-device
-expect 3 "tivra-monitord" -- sim counts
-expect 0 "^$" -- services
+expect 3 "no device monitor service is registered.*tivra-monitord" tivra local-device
+expect 3 "tivra-monitord" tivra sim counts
+expect 0 "^$" tivra services
 
-# Usage errors.
-expect 2 "unknown command 'bogus'" -- bogus
-expect 2 "usage: tivra devices" -- devices extra
-expect 2 "usage" -- node
-expect 2 "bad argument" -- watch --for soon
-for command in local-device devices local-node node nodes ext udid uuid watch sim services; do
-  expect 0 "Usage: tivra" -- "$command" --help
+# Options: GNU long options on every level, bad usage is 2 and says why.
+expect 0 "^tivra \(libtivra\) [0-9]+\.[0-9]+\.[0-9]+$" tivra --version
+expect 0 "^tivra \(libtivra\) " tivra sim fault --version
+expect 0 "^tivra-monitord \(libtivra\) [0-9]+\.[0-9]+\.[0-9]+$" tivra-monitord --version
+expect 2 "^tivra: unknown option '--bogus'" tivra --bogus devices
+expect 2 "^tivra devices: unknown option '--bogus'" tivra devices --bogus
+expect 2 "^tivra: unknown option '-x'" tivra -x
+expect 2 "option '--json' takes no value" tivra --json=yes devices
+expect 2 "option '--for' needs a value" tivra watch --for
+expect 2 "bad duration 'soon'" tivra watch --for=soon
+expect 2 "unknown command 'bogus'" tivra bogus
+expect 2 "tivra devices: too many arguments" tivra devices extra
+expect 2 "tivra node: expected NODE_ID" tivra node
+expect 2 "unexpected argument 'now'" tivra watch now
+expect 2 "unknown command 'bogus' \(accepted: clear-faults, counts, " tivra sim bogus
+expect 2 "KIND must be 1, 2 or 3, not '9'" tivra sim node-changed node-tv-19c2 9
+expect 2 "unknown fault kind 'sometimes' \(accepted: exception, transport, refuse, corruptReply\)" \
+  tivra sim fault getAllDevices sometimes
+expect 2 "--times must be a 32-bit number, not 'often'" tivra sim fault getAllDevices exception --times=often
+expect 2 "^tivra-monitord: unknown option '--bogus'" tivra-monitord --bogus
+expect 2 "option '--scenario' needs a value" tivra-monitord --scenario
+expect 1 "bad scenario: $work/none.json: cannot open" tivra-monitord --scenario="$work/none.json"
+# Bad input: an argument that is not UTF-8.
+expect 2 "argument 2 is not valid UTF-8" tivra node $'\xff\xfe'
+for command in local-device devices local-node node nodes ext udid uuid watch sim services \
+               "sim device-online" "sim device-offline" "sim node-online" "sim node-offline" "sim node-changed" \
+               "sim fault" "sim clear-faults" "sim counts" "sim listeners" "sim raw" "sim stop"; do
+  # shellcheck disable=SC2086
+  expect 0 "^Usage: tivra $command" tivra $command --help
 done
+expect 0 "^Usage: tivra-monitord" tivra-monitord --help
 
 start_monitord
-expect 0 "^PravikDeviceMonitorControl$" -- services
-expect 0 "Living Room TV +dev-tv-19c2 +TV +192\.168\.1\.31" -- devices
-expect 0 '"name": "Pixel Studio"' -- --json local-device
-expect 0 "node-local-7f3a" -- local-node
-expect 0 '"deviceTypeName": "DEVICE_TYPE_0A"' -- --json node node-spk-4410
-expect 0 "Kitchen Speaker +DEVICE_TYPE_0A +node-spk-4410" -- nodes
-expect 0 "^IS_ACCOUNT_TRUST +true$" -- ext node-tv-19c2
-expect 0 '^\{"GROUP_INFO":"home"\}$|"GROUP_INFO": "home"' -- --json ext node-tv-19c2 GROUP_INFO
-expect 0 "^UDID-19C2-0002$" -- udid node-tv-19c2
-expect 0 "^6fa459ea-ee8a-3ca4-894e-db77e160355e$" -- uuid node-tv-19c2
-expect 1 "gave no node" -- node node-unknown
+# Answers: tables, compact JSON by default, --pretty indents, `--` ends options.
+expect 0 "^PravikDeviceMonitorControl$" tivra services
+expect 0 "Living Room TV +dev-tv-19c2 +TV +192\.168\.1\.31" tivra devices
+expect 0 '^\{"id":"dev-local-7f3a","ip":"192.168.1.20","name":"Pixel Studio","type":"PHONE"\}$' tivra --json local-device
+expect 0 '^  "name": "Pixel Studio",$' tivra local-device --pretty
+expect 0 "node-local-7f3a" tivra local-node
+expect 0 '"deviceTypeName":"DEVICE_TYPE_0A"' tivra node --json node-spk-4410
+expect 0 "Kitchen Speaker +DEVICE_TYPE_0A +node-spk-4410" tivra nodes
+expect 0 "^IS_ACCOUNT_TRUST +true$" tivra ext node-tv-19c2
+expect 0 '^\{"GROUP_INFO":"home"\}$' tivra --json ext node-tv-19c2 GROUP_INFO
+expect 0 "^UDID-7F3A-0001$" tivra udid node-local-7f3a
+expect 0 "^6fa459ea-ee8a-3ca4-894e-db77e160355e$" tivra uuid -- node-tv-19c2
+expect 1 "gave no node" tivra node node-unknown
+expect 1 "no node 'node-unknown' in the network" tivra ext node-unknown
+expect 1 "no node '--json' in the network" tivra ext -- --json
 
 # The service changed and failing through tivra sim.
-expect 0 '"delivered": 0' -- sim device-online "Hall Lamp" dev-lamp-1 LIGHT 192.168.1.77
-expect 0 "Hall Lamp +dev-lamp-1 +LIGHT" -- devices
-expect 0 "^$" -- sim fault getAllDevices exception -3 1
-expect 1 "failed to answer the device list" -- devices
-expect 0 "Hall Lamp" -- devices
-expect 0 '"getAllDevices": 4' -- sim counts
-expect 2 "malformed argument for 'sim fault'" -- sim fault getAllDevices sometimes
-expect 1 "unknown fault kind 'sometimes'" -- sim raw '{"op":"fault","method":"getAllDevices","kind":"sometimes"}'
-expect 1 "unknown method 'getEverything'" -- sim fault getEverything refuse
+expect 0 '"delivered": 0' tivra sim device-online "Hall Lamp" dev-lamp-1 LIGHT 192.168.1.77
+expect 0 "Hall Lamp +dev-lamp-1 +LIGHT" tivra devices
+expect 0 "^$" tivra sim fault getAllDevices exception --code -3 --times=1
+expect 1 "failed to answer the device list" tivra devices
+expect 0 "Hall Lamp" tivra devices
+expect 0 '^\{.*"getAllDevices":4' tivra sim counts --json
+expect 1 "unknown method 'getEverything' \(accepted: addOnDeviceChangeListener, " tivra sim fault getEverything refuse
+expect 2 "not a JSON document: .*number overflow" tivra sim raw '{"op":"emit","event":{"event":"nodeInfoChanged","nodeId":"x","kind":1e400}}'
 
-# watch: JSON lines, the service's death, its return, and events after it.
-"$tivra" --json watch --for 20s >"$work/watch.out" 2>&1 &
+# Widths: columns line up by what a terminal shows, under the C locale too.
+tivra sim device-online "客厅电视" dev-cjk TV 10.0.0.8 >/dev/null
+tivra sim device-online $'Cafe\xcc\x81 Lamp' dev-cafe LIGHT 10.0.0.9 >/dev/null
+tivra devices >"$work/devices.out"
+id_column=$(head -1 "$work/devices.out" | awk '{ print index($0, "ID") }')
+for row in "客厅电视 8 dev-cjk" $'Cafe\xcc\x81_Lamp 9 dev-cafe'; do
+  read -r name width id <<<"$row"
+  name=${name//_/ }
+  printf -v padding '%*s' $((id_column - 1 - width)) ''
+  grep -qF "$name$padding$id " "$work/devices.out" || fail "'$name' is not aligned: $(cat "$work/devices.out")"
+done
+
+# watch: the banner goes to stderr, events to stdout.
+tivra watch --for 200ms >"$work/watch-human.out" 2>"$work/watch-human.err"
+grep -q "Ctrl-C to stop" "$work/watch-human.err" && ! grep -q "Ctrl-C" "$work/watch-human.out" ||
+  fail "watch's banner is not on stderr alone"
+# watch --json: one object per line with RFC 3339 times, the service's death,
+# its return, and events after it.
+TZ=IST-5:30 "$tivra_bin" --json watch --for 20s >"$work/watch.out" 2>&1 &
 watch_pid=$!
 pids+=("$watch_pid")
 wait_for grep -q '"event":"watching"' "$work/watch.out" || fail "watch did not start"
-"$tivra" sim node-changed node-tv-19c2 3 >/dev/null
+tivra sim node-changed node-tv-19c2 3 >/dev/null
 wait_for grep -q '"event":"node-info-changed","kind":3,"nodeId":"node-tv-19c2"' "$work/watch.out" ||
   fail "watch missed a node change"
+grep -qE '"time":"[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}\+05:30"' "$work/watch.out" ||
+  fail "watch times are not RFC 3339 with the offset: $(head -1 "$work/watch.out")"
 { kill -KILL "$monitord_pid"; wait "$monitord_pid"; } 2>/dev/null
 wait_for grep -q '"event":"service-died"' "$work/watch.out" || fail "watch did not report the service's death"
 start_monitord
 wait_for grep -q '"event":"service-back"' "$work/watch.out" || fail "watch did not register again"
-"$tivra" sim device-offline dev-tv-19c2 >/dev/null
+tivra sim device-offline dev-tv-19c2 >/dev/null
 wait_for grep -q '"id":"dev-tv-19c2".*"event":"device-offline"' "$work/watch.out" ||
   fail "watch heard nothing after the service came back"
 kill -INT "$watch_pid"
@@ -120,7 +172,7 @@ grep -v '^{.*}$' "$work/watch.out" && fail "watch --json printed a line that is 
   printf '], "nodes": [], "timeline": []}'
 } >"$work/large.json"
 start_monitord "$work/large.json"
-"$tivra" --json devices >"$work/large.out" 2>&1 || fail "10,000 devices: $(head -3 "$work/large.out")"
+tivra --pretty devices >"$work/large.out" 2>&1 || fail "10,000 devices: $(head -3 "$work/large.out")"
 [ "$(grep -c '"id": "dev-' "$work/large.out")" -eq 10000 ] || fail "10,000 devices did not all arrive"
 grep -q '"id": "dev-10000"' "$work/large.out" || fail "the last of 10,000 devices is missing"
 

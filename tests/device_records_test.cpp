@@ -101,56 +101,7 @@ TEST_P(DeviceRecordLayout, WritesExactBytesAndReadsThemBack) {
 INSTANTIATE_TEST_SUITE_P(Records, DeviceRecordLayout, ::testing::ValuesIn(kLayouts),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// ---- Text conversion: the platform's String16 is the reference ------------
-
-std::vector<std::string> ConversionTexts() {
-    std::vector<std::string> texts = {
-        "",
-        "plain",
-        "exactly8",
-        "nine char",
-        "fifteen chars!!",
-        "sixteen chars!!!",
-        "Ger\xC3\xA4t",
-        "\xE8\xAE\xBE\xE5\xA4\x87\xE5\x90\x8D",
-        "\xF0\x9F\x98\x80",
-        "a\xF0\x9F\x98\x80z\xF0\x9F\x8E\x89",
-        "\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF\xF4\x8F\xBF\xBF",
-        "\x7F\x01",
-        std::string(127, 'x'),
-        std::string(128, 'y'),
-        std::string(129, 'z'),
-        std::string(300, 'w') + "\xC3\xA9",
-    };
-    // A non-ASCII character at every offset across two words of ASCII.
-    for (size_t at = 0; at <= 17; ++at) {
-        texts.push_back(std::string(at, 'a') + "\xE2\x82\xAC" + std::string(17 - at, 'b'));
-    }
-    for (size_t at = 0; at < 140; at += 13) {
-        texts.push_back(std::string(at, 'q') + "\xF0\x9F\x98\x80");
-    }
-    return texts;
-}
-
-class DeviceRecordText : public ::testing::TestWithParam<std::string> {};
-
-TEST_P(DeviceRecordText, ConvertsLikeString16BothWays) {
-    const std::string& text = GetParam();
-    Parcel expected;
-    for (int i = 0; i < 4; ++i) PutText(&expected, text);
-
-    const DeviceInfoExternal device(text, text, text, text);
-    Parcel parcel;
-    ASSERT_EQ(device.writeToParcel(&parcel), android::OK);
-    ASSERT_EQ(Contents(parcel), Contents(expected));
-
-    DeviceInfoExternal read = Device(std::string(200, '#'));
-    parcel.setDataPosition(0);
-    ASSERT_EQ(read.readFromParcel(&parcel), android::OK);
-    EXPECT_EQ(FieldsOf(read), Fields(4, text));
-}
-
-INSTANTIATE_TEST_SUITE_P(Texts, DeviceRecordText, ::testing::ValuesIn(ConversionTexts()));
+// ---- Text: cut at the first NUL (conversion itself: text_conversion_test) ---
 
 TEST(DeviceRecordRead, UnitsAfterAnEmbeddedNulAreDropped) {
     const char16_t units[] = u"id\0tail";

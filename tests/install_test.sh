@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# Installs the build into a temporary prefix, builds the example client out of
-# tree against it twice (pkg-config and find_package), and runs both against
-# the installed binderd and tivra-monitord.
+# The installed package used from outside the tree: what is installed where,
+# what libtivra.so exports and how it finds its private runtime, tivra.pc, the
+# user guide's code, the log header, bash completion and the systemd units;
+# then the example client built twice (pkg-config and find_package) and run
+# against the installed binderd and tivra-monitord.
 # Usage: install_test.sh SOURCE_DIR BUILD_DIR CXX
 set -euo pipefail
 source_dir=$1
@@ -17,38 +19,102 @@ cleanup() {
 trap cleanup EXIT
 fail() { echo "install_test: $*" >&2; exit 1; }
 
+# A prefix given in a roundabout way: the installed files name it normalised.
 prefix=$work/prefix
-cmake --install "$build_dir" --prefix "$prefix" >"$work/install.log" || fail "install failed"
-for file in lib/libtivra.so.0 include/tivra/tivra_adapter.h lib/pkgconfig/tivra.pc \
-            lib/cmake/tivra/tivraConfig.cmake bin/binderd bin/tivra-monitord bin/tivra; do
+mkdir -p "$work/elsewhere"
+cmake --install "$build_dir" --prefix "$work/elsewhere/../prefix/" >"$work/install.log" || fail "install failed"
+for file in lib/libtivra.so.0 lib/tivra/libhostbinder.so.0 include/tivra/tivra_adapter.h include/tivra/tivra_log.h \
+            lib/pkgconfig/tivra.pc lib/cmake/tivra/tivraConfig.cmake bin/binderd bin/tivra-monitord bin/tivra \
+            share/man/man1/tivra.1 share/man/man3/libtivra.3 share/bash-completion/completions/tivra \
+            share/doc/tivra/docs/user-guide.md share/doc/tivra/examples/device_watch.cpp \
+            lib/systemd/user/binderd.service lib/systemd/user/tivra-monitord.service; do
   [ -e "$prefix/$file" ] || fail "not installed: $file"
 done
-[ "$(readelf -d "$prefix/lib/libtivra.so.0" | sed -n 's/.*Library soname: \[\(.*\)\]/\1/p')" = libtivra.so.0 ] ||
-  fail "libtivra.so has no versioned soname"
+! compgen -G "$prefix/lib/libhostbinder*" >/dev/null || fail "libhostbinder is in the public lib folder"
 
-# The build tree must not leak in: only the installed package is visible.
-example=$source_dir/examples
-PKG_CONFIG_PATH=$prefix/lib/pkgconfig
-export PKG_CONFIG_PATH
-# shellcheck disable=SC2046
-"$cxx" -std=c++17 -Wall -Wextra -o "$work/example_pkgconfig" "$example/device_watch.cpp" \
-  $(pkg-config --cflags --libs tivra) || fail "pkg-config build failed"
-cmake -S "$example" -B "$work/example_cmake" -G Ninja -DCMAKE_CXX_COMPILER="$cxx" \
+# libtivra.so: versioned SONAME, only the public interface, its runtime found
+# through its own RUNPATH.
+library=$prefix/lib/libtivra.so.0
+[ "$(readelf -d "$library" | sed -n 's/.*Library soname: \[\(.*\)\]/\1/p')" = libtivra.so.0 ] ||
+  fail "libtivra.so has no versioned soname"
+leaked=$(nm -D --defined-only "$library" | c++filt | awk '{ $1 = $2 = ""; print }' | grep -v "^  TIVRA_0$" |
+         grep -vE "^  ((typeinfo|typeinfo name|vtable) for )?Communication::.*@@TIVRA_0$" || true)
+[ -z "$leaked" ] || fail "libtivra.so exports more than its interface: $(head -5 <<<"$leaked")"
+# (Output held first: grep -q would end the pipe early, and pipefail with it.)
+found=$(ldd "$library")
+grep -qF "libhostbinder.so.0 => $prefix/lib/tivra/libhostbinder.so.0" <<<"$found" ||
+  fail "libtivra.so does not find its private libhostbinder: $found"
+
+# tivra.pc: absolute, normalised, no rpath.
+export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+[ "$(pkg-config --variable=prefix tivra)" = "$prefix" ] || fail "tivra.pc prefix: $(pkg-config --variable=prefix tivra)"
+libs=$(pkg-config --libs tivra)
+[[ $libs != *rpath* ]] || fail "tivra.pc carries an rpath: $libs"
+
+# Programs against the installed package only; with no rpath they run with
+# LD_LIBRARY_PATH=PREFIX/lib, as a user's program in a private prefix would.
+# The installed programs run without it.
+build() { # OUTPUT SOURCE...
+  local output=$1
+  shift
+  # shellcheck disable=SC2046
+  "$cxx" -std=c++17 -Wall -Wextra -Wno-unused-variable -Werror -o "$work/$output" "$@" $(pkg-config --cflags --libs tivra)
+}
+# Every C++ block of the user guide, read as parts of one program: its
+# includes and using-directives at the top, each block in a function of its own.
+guide=$prefix/share/doc/tivra/docs/user-guide.md
+{
+  awk '/^```cpp$/ { inside = 1; next } /^```$/ { inside = 0 } inside && /^(#include|using namespace)/' "$guide"
+  awk '/^```cpp$/ { inside = 1; n++; print "void snippet" n "([[maybe_unused]] std::shared_ptr<Communication::TivraAdapter> adapter) {{"; next }
+       /^```$/ && inside { inside = 0; print "}}"; next }
+       inside && !/^(#include|using namespace)/' "$guide"
+  echo "int main() {}"
+} >"$work/guide.cpp"
+# C++ that is not marked cpp would go unchecked.
+! grep '^```.' "$guide" | grep -vxE '```(cpp|sh|cmake)' || fail "a code block of the user guide is not marked cpp, sh or cmake"
+build guide "$work/guide.cpp" || fail "a code block of the user guide does not build: $work/guide.cpp"
+build log_client "$source_dir/tests/installed/log_client.cpp" || fail "log client did not build"
+build example_pkgconfig "$prefix/share/doc/tivra/examples/device_watch.cpp" || fail "pkg-config build failed"
+cmake -S "$prefix/share/doc/tivra/examples" -B "$work/example_cmake" -G Ninja -DCMAKE_CXX_COMPILER="$cxx" \
   -DCMAKE_PREFIX_PATH="$prefix" >"$work/example_cmake.log" || fail "find_package configure failed"
 cmake --build "$work/example_cmake" >>"$work/example_cmake.log" || fail "find_package build failed"
 
+# The log header, with no binderd: each call logs one failure.
 export HOSTBINDER_SOCKET=$work/binder
+LD_LIBRARY_PATH=$prefix/lib "$work/log_client" >"$work/log.out" 2>"$work/log.err" || fail "log client failed"
+[ "$(cat "$work/log.out")" = "6 libtivra: RegisterCallback: get pravik service failed" ] ||
+  fail "the sink did not get exactly the line it should: $(cat "$work/log.out")"
+[ "$(grep -c "RegisterCallback: get pravik service failed" "$work/log.err")" -eq 1 ] ||
+  fail "stderr did not get the line logged without a sink alone: $(cat "$work/log.err")"
+
+# Completion and units.
+bash -c "source '$prefix/share/bash-completion/completions/tivra'
+         COMP_WORDS=(tivra sim fault getAllDevices ''); COMP_CWORD=4; _tivra
+         [ \"\${COMPREPLY[*]}\" = 'exception transport refuse corruptReply' ]" || fail "bash completion"
+if command -v systemd-analyze >/dev/null; then
+  mkdir -p "$work/runtime"
+  XDG_RUNTIME_DIR=$work/runtime systemd-analyze verify --man=no --user \
+    "$prefix/lib/systemd/user/binderd.service" "$prefix/lib/systemd/user/tivra-monitord.service" ||
+    fail "systemd units do not verify"
+fi
+
 "$prefix/bin/binderd" --socket "$HOSTBINDER_SOCKET" 2>"$work/binderd.log" &
 pids+=($!)
-for _ in $(seq 100); do [ -S "$HOSTBINDER_SOCKET" ] && break; sleep 0.05; done
+# Waits up to ten seconds for a command to succeed.
+wait_for() {
+  for _ in $(seq 200); do "$@" && return 0; sleep 0.05; done
+  return 1
+}
+wait_for test -S "$HOSTBINDER_SOCKET" || fail "installed binderd did not come up: $(cat "$work/binderd.log")"
 "$prefix/bin/tivra-monitord" >"$work/monitord.out" 2>&1 &
 pids+=($!)
-for _ in $(seq 100); do "$prefix/bin/tivra" services 2>/dev/null | grep -q PravikDeviceMonitorService && break; sleep 0.05; done
+registered() { "$prefix/bin/tivra" services 2>/dev/null | grep -qx PravikDeviceMonitorService; }
+wait_for registered || fail "installed tivra-monitord did not register: $(cat "$work/monitord.out")"
 grep -qF "from $prefix/bin/../share/tivra/scenarios/sample.json" "$work/monitord.out" ||
   fail "installed tivra-monitord did not use the installed sample: $(cat "$work/monitord.out")"
 
 # Both wait for the sample timeline's first device event.
-"$work/example_pkgconfig" 1 10 >"$work/pkgconfig.out" 2>&1 &
+LD_LIBRARY_PATH=$prefix/lib "$work/example_pkgconfig" 1 10 >"$work/pkgconfig.out" 2>&1 &
 first=$!
 "$work/example_cmake/device_watch" 1 10 >"$work/cmake.out" 2>&1 &
 second=$!

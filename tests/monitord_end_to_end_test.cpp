@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "monitord_fixture.h"
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 
 namespace tivra_test {
 namespace {

@@ -1,10 +1,15 @@
+#include <binder/Binder.h>
+#include <binder/BpBinder.h>
 #include <binder/IBinder.h>
 #include <binder/Parcel.h>
 #include <binder/Parcelable.h>
+#include <binder/ProcessState.h>
 #include <gtest/gtest.h>
+#include <linux/android/binder.h>
 
 #include <cstdint>
 #include <cstring>
+#include <algorithm>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -525,6 +530,345 @@ TEST(ParcelObjectTable, PlainReadsMustNotOverlapAnObject) {
     parcel.setDataPosition(8);
     String16 text(u"x");
     EXPECT_EQ(parcel.readString16(&text), android::UNEXPECTED_NULL);
+}
+
+// ---- Binder objects ----------------------------------------------------------
+
+constexpr int32_t kNoHandle = -1;  // a read that gives no proxy
+
+// A flat binder object followed by its stability level, as a writer frames it.
+Bytes BinderObject(uint32_t type, uint64_t binderOrHandle, uint64_t cookie, int32_t level) {
+    flat_binder_object object{};
+    object.hdr.type = type;
+    object.flags = 0x13 | FLAT_BINDER_FLAG_ACCEPTS_FDS;
+    object.binder = binderOrHandle;
+    object.cookie = cookie;
+    Bytes bytes(sizeof(object) + sizeof(level));
+    std::memcpy(bytes.data(), &object, sizeof(object));
+    std::memcpy(bytes.data() + sizeof(object), &level, sizeof(level));
+    return bytes;
+}
+
+Bytes Prefix(Bytes bytes, size_t size) {
+    bytes.resize(size);
+    return bytes;
+}
+
+// The handle of a proxy, or kNoHandle for null or a local object.
+int32_t HandleOf(const android::sp<android::IBinder>& binder) {
+    return binder != nullptr && binder->remoteBinder() != nullptr ? binder->remoteBinder()->handle() : kNoHandle;
+}
+
+struct BinderReadCase {
+    const char* name;
+    Bytes bytes;
+    bool listed;         // offset 0 is in the object table
+    status_t nullable;   // readNullableStrongBinder's result
+    status_t strong;     // readStrongBinder's
+    int32_t handle;      // of the proxy read, when one is
+};
+
+const BinderReadCase kBinderReads[] = {
+    {"NullObject", BinderObject(BINDER_TYPE_BINDER, 0, 0, 0), false, android::OK, android::UNEXPECTED_NULL, kNoHandle},
+    {"NullWithALevel", BinderObject(BINDER_TYPE_BINDER, 0, 0, 12), false, android::BAD_TYPE, android::BAD_TYPE,
+     kNoHandle},
+    {"FewerThanAnObjectLeft", Prefix(BinderObject(BINDER_TYPE_BINDER, 0, 0, 0), 20), false, android::BAD_TYPE,
+     android::BAD_TYPE, kNoHandle},
+    {"LevelMissing", Prefix(BinderObject(BINDER_TYPE_HANDLE, 0, 0, 12), 24), false, android::NOT_ENOUGH_DATA,
+     android::NOT_ENOUGH_DATA, kNoHandle},
+    // Handle 0 names something although its binder field is zero.
+    {"ContextManagerWithoutTableEntry", BinderObject(BINDER_TYPE_HANDLE, 0, 0, 12), false, android::OK, android::OK,
+     0},
+    {"ListedHandle", BinderObject(BINDER_TYPE_HANDLE, 7, 0, 3), true, android::OK, android::OK, 7},
+    {"UnlistedHandle", BinderObject(BINDER_TYPE_HANDLE, 7, 0, 12), false, android::BAD_TYPE, android::BAD_TYPE,
+     kNoHandle},
+    {"UnlistedCookie", BinderObject(BINDER_TYPE_BINDER, 0, 0x1000, 12), false, android::BAD_TYPE, android::BAD_TYPE,
+     kNoHandle},
+    {"UnknownLevel", BinderObject(BINDER_TYPE_HANDLE, 8, 0, 5), true, android::BAD_TYPE, android::BAD_TYPE,
+     kNoHandle},
+    {"UnknownType", BinderObject(BINDER_TYPE_FD, 0, 0, 0), false, android::BAD_TYPE, android::BAD_TYPE, kNoHandle},
+};
+
+class ParcelBinderRead : public ::testing::TestWithParam<BinderReadCase> {};
+
+TEST_P(ParcelBinderRead, ReadsTheObjectByItsType) {
+    const BinderReadCase& c = GetParam();
+    for (const bool nullable : {true, false}) {
+        Parcel parcel;
+        Load(&parcel, c.bytes);
+        const uint64_t offset = 0;
+        ASSERT_EQ(parcel.setObjects(&offset, c.listed ? 1 : 0), android::OK);
+        android::sp<android::IBinder> binder;
+        const status_t result = nullable ? parcel.readNullableStrongBinder(&binder) : parcel.readStrongBinder(&binder);
+        EXPECT_EQ(result, nullable ? c.nullable : c.strong) << nullable;
+        EXPECT_EQ(HandleOf(binder), c.handle) << nullable;
+        const bool consumed = result == android::OK || result == android::UNEXPECTED_NULL;
+        EXPECT_EQ(parcel.dataPosition(), consumed ? c.bytes.size() : 0u) << nullable;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Objects, ParcelBinderRead, ::testing::ValuesIn(kBinderReads),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// A proxy that arrived in a parcel with `level`.
+android::sp<android::IBinder> ArrivedProxy(int32_t handle, int32_t level) {
+    Parcel parcel;
+    const Bytes bytes = BinderObject(BINDER_TYPE_HANDLE, static_cast<uint64_t>(handle), 0, level);
+    parcel.setData(bytes.data(), bytes.size());
+    const uint64_t offset = 0;
+    parcel.setObjects(&offset, 1);
+    android::sp<android::IBinder> proxy;
+    EXPECT_EQ(parcel.readStrongBinder(&proxy), android::OK);
+    return proxy;
+}
+
+struct BinderWriteCase {
+    const char* name;
+    std::function<android::sp<android::IBinder>()> binder;
+    uint32_t type;
+    bool listed;
+    int32_t level;
+};
+
+const BinderWriteCase kBinderWrites[] = {
+    {"Null", [] { return nullptr; }, BINDER_TYPE_BINDER, false, 0},
+    {"LocalObject", [] { return android::sp<android::IBinder>(new android::BBinder()); }, BINDER_TYPE_BINDER, true,
+     12},
+    // The platform lists only objects whose binder field is not zero.
+    {"ContextManager", [] { return android::ProcessState::self()->getContextObject(nullptr); }, BINDER_TYPE_HANDLE,
+     false, 12},
+    {"VendorProxyKeepsItsLevel", [] { return ArrivedProxy(11, 3); }, BINDER_TYPE_HANDLE, true, 3},
+    {"VintfProxyKeepsItsLevel", [] { return ArrivedProxy(12, 63); }, BINDER_TYPE_HANDLE, true, 63},
+};
+
+class ParcelBinderWrite : public ::testing::TestWithParam<BinderWriteCase> {};
+
+TEST_P(ParcelBinderWrite, FramesTheObjectWithItsLevel) {
+    const BinderWriteCase& c = GetParam();
+    const android::sp<android::IBinder> binder = c.binder();
+    Parcel parcel;
+    ASSERT_EQ(parcel.writeStrongBinder(binder), android::OK);
+    ASSERT_EQ(parcel.dataSize(), sizeof(flat_binder_object) + sizeof(int32_t));
+    flat_binder_object object;
+    std::memcpy(&object, parcel.data(), sizeof(object));
+    EXPECT_EQ(object.hdr.type, c.type);
+    EXPECT_EQ(parcel.objectsCount(), c.listed ? 1u : 0u);
+    parcel.setDataPosition(sizeof(object));
+    EXPECT_EQ(parcel.readInt32(), c.level);
+}
+
+INSTANTIATE_TEST_SUITE_P(Objects, ParcelBinderWrite, ::testing::ValuesIn(kBinderWrites),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ParcelBinderLevel, AProxyKeepsTheLevelItFirstArrivedWith) {
+    const android::sp<android::IBinder> proxy = ArrivedProxy(13, 3);
+    for (const auto& [level, result] : {std::pair{3, android::OK}, std::pair{12, android::BAD_TYPE}}) {
+        Parcel again;
+        const Bytes bytes = BinderObject(BINDER_TYPE_HANDLE, 13, 0, level);
+        Load(&again, bytes);
+        const uint64_t offset = 0;
+        again.setObjects(&offset, 1);
+        android::sp<android::IBinder> read;
+        EXPECT_EQ(again.readStrongBinder(&read), result) << level;
+    }
+}
+
+// ---- Typed values and vectors (the forms generated interface code uses) -----
+
+struct TypedCase {
+    const char* name;
+    std::function<status_t(Parcel*)> write;
+    Bytes expected;
+    std::function<bool(const Parcel&)> readsBack;  // reads the value and compares it
+};
+
+// A value written with `write` and read back with `read`; `same` compares.
+template <typename V, typename Same = std::equal_to<V>>
+TypedCase Typed(const char* name, status_t (Parcel::*write)(const V&), status_t (Parcel::*read)(V*) const,
+                std::function<V()> make, Bytes expected, Same same = Same()) {
+    return {name, [=](Parcel* p) { return (p->*write)(make()); }, std::move(expected), [=](const Parcel& p) {
+                V back{};
+                return (p.*read)(&back) == android::OK && same(back, make());
+            }};
+}
+
+template <typename V>
+std::function<V()> Value(V value) {
+    return [value] { return value; };
+}
+
+Bytes Le(std::initializer_list<int32_t> words) {
+    Bytes bytes;
+    for (int32_t word : words) {
+        for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<uint8_t>(word >> shift));
+    }
+    return bytes;
+}
+
+Bytes Cat(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// Deep equality of optional vectors of optional strings.
+bool SameStrings(const std::unique_ptr<std::vector<std::unique_ptr<String16>>>& a,
+                 const std::unique_ptr<std::vector<std::unique_ptr<String16>>>& b) {
+    if (!a || !b) return !a && !b;
+    return std::equal(a->begin(), a->end(), b->begin(), b->end(),
+                      [](const auto& x, const auto& y) { return (!x && !y) || (x && y && *x == *y); });
+}
+
+const TypedCase kTypedCases[] = {
+    Typed<std::vector<int64_t>>("Int64Vector", &Parcel::writeInt64Vector, &Parcel::readInt64Vector,
+                                Value(std::vector<int64_t>{1, -1}), Le({2, 1, 0, -1, -1})),
+    Typed<std::vector<uint64_t>>("Uint64Vector", &Parcel::writeUint64Vector, &Parcel::readUint64Vector,
+                                 Value(std::vector<uint64_t>{5}), Le({1, 5, 0})),
+    Typed<std::vector<float>>("FloatVector", &Parcel::writeFloatVector, &Parcel::readFloatVector,
+                              Value(std::vector<float>{1.5f}), Le({1, 0x3FC00000})),
+    Typed<std::vector<double>>("DoubleVector", &Parcel::writeDoubleVector, &Parcel::readDoubleVector,
+                               Value(std::vector<double>{0.5}), Le({1, 0, 0x3FE00000})),
+    Typed<std::vector<bool>>("BoolVector", &Parcel::writeBoolVector, &Parcel::readBoolVector,
+                             Value(std::vector<bool>{true, false}), Le({2, 1, 0})),
+    Typed<std::vector<char16_t>>("CharVector", &Parcel::writeCharVector, &Parcel::readCharVector,
+                                 Value(std::vector<char16_t>{u'a', u'\x20AC'}), Le({2, 'a', 0x20AC})),
+    // Bytes are packed, then padded once.
+    Typed<std::vector<uint8_t>>("ByteVector", &Parcel::writeByteVector, &Parcel::readByteVector,
+                                Value(std::vector<uint8_t>{1, 2, 3}), Le({3, 0x030201})),
+    Typed<std::unique_ptr<std::vector<int8_t>>>(
+        "NullByteVector", &Parcel::writeByteVector, &Parcel::readByteVector,
+        [] { return std::unique_ptr<std::vector<int8_t>>(); }, Le({-1}),
+        [](const auto& a, const auto& b) { return !a && !b; }),
+    Typed<std::vector<std::string>>("Utf8Vector", &Parcel::writeUtf8VectorAsUtf16Vector,
+                                    &Parcel::readUtf8VectorFromUtf16Vector,
+                                    Value(std::vector<std::string>{"\xC3\xA9"}), Le({1, 1, 0xE9})),
+    Typed<std::unique_ptr<std::vector<std::unique_ptr<String16>>>>(
+        "NullableString16Vector", &Parcel::writeString16Vector, &Parcel::readString16Vector,
+        [] {
+            auto strings = std::make_unique<std::vector<std::unique_ptr<String16>>>();
+            strings->push_back(std::make_unique<String16>(u"a"));
+            strings->push_back(nullptr);
+            return strings;
+        },
+        Le({2, 1, 'a', -1}), SameStrings),
+    // Elements of a nullable binder vector may be null: a null object, level 0.
+    Typed<std::unique_ptr<std::vector<android::sp<android::IBinder>>>>(
+        "NullableBinderVector", &Parcel::writeStrongBinderVector, &Parcel::readStrongBinderVector,
+        [] { return std::make_unique<std::vector<android::sp<android::IBinder>>>(1); },
+        Cat(Le({1}), BinderObject(BINDER_TYPE_BINDER, 0, 0, 0)),
+        [](const auto& a, const auto& b) { return a && b && a->size() == 1 && b->size() == 1 && !(*a)[0]; }),
+    {"ParcelableVector", [](Parcel* p) { return p->writeParcelableVector(std::vector<Counter>{Counter(9)}); },
+     Le({1, 1, 9}),
+     [](const Parcel& p) {
+         std::vector<Counter> back;
+         return p.readParcelableVector(&back) == android::OK && back.size() == 1 && back[0].value == 9;
+     }},
+    {"NullableParcelables",
+     [](Parcel* p) {
+         auto counters = std::make_unique<std::vector<std::unique_ptr<Counter>>>();
+         counters->push_back(nullptr);
+         counters->push_back(std::make_unique<Counter>(4));
+         return p->writeParcelableVector(counters);
+     },
+     Le({2, 0, 1, 4}),
+     [](const Parcel& p) {
+         std::unique_ptr<std::vector<std::unique_ptr<Counter>>> back;
+         return p.readParcelableVector(&back) == android::OK && back && back->size() == 2 && !(*back)[0] &&
+                (*back)[1] && (*back)[1]->value == 4;
+     }},
+    {"Scalars",
+     [](Parcel* p) {
+         p->writeByte(-2);
+         p->writeChar(u'\xFFFF');
+         p->writeFloat(-2.0f);
+         return p->writeDouble(1.0);
+     },
+     Le({-2, 0xFFFF, static_cast<int32_t>(0xC0000000), 0, 0x3FF00000}),
+     [](const Parcel& p) {
+         int8_t byte = 0;
+         char16_t unit = 0;
+         return p.readByte(&byte) == android::OK && byte == -2 && p.readChar(&unit) == android::OK &&
+                unit == u'\xFFFF' && p.readFloat() == -2.0f && p.readDouble() == 1.0;
+     }},
+};
+
+class ParcelTyped : public ::testing::TestWithParam<TypedCase> {};
+
+TEST_P(ParcelTyped, WritesThePlatformLayoutAndReadsItBack) {
+    Parcel parcel;
+    ASSERT_EQ(GetParam().write(&parcel), android::OK);
+    EXPECT_EQ(Contents(parcel), GetParam().expected);
+    parcel.setDataPosition(0);
+    EXPECT_TRUE(GetParam().readsBack(parcel));
+    EXPECT_EQ(parcel.dataAvail(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, ParcelTyped, ::testing::ValuesIn(kTypedCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+struct TypedReadCase {
+    const char* name;
+    Bytes bytes;
+    std::function<status_t(const Parcel&)> read;
+    status_t result;
+};
+
+constexpr int32_t kHugeCount = 0x7FFFFFFF;
+
+const TypedReadCase kTypedReads[] = {
+    // A count no data could back fails as its first missing element does,
+    // without an allocation of that size.
+    {"HugeInt32Vector", Le({kHugeCount, 1}),
+     [](const Parcel& p) { std::vector<int32_t> v; return p.readInt32Vector(&v); }, android::NOT_ENOUGH_DATA},
+    {"HugeString16Vector", Le({kHugeCount, 0, 0}),
+     [](const Parcel& p) { std::vector<String16> v; return p.readString16Vector(&v); }, android::UNEXPECTED_NULL},
+    {"HugeByteVector", Le({kHugeCount, 0}),
+     [](const Parcel& p) { std::vector<uint8_t> v; return p.readByteVector(&v); }, android::BAD_VALUE},
+    {"HugeOutVector", Le({kHugeCount}),
+     [](const Parcel& p) { std::vector<int64_t> v; return p.resizeOutVector(&v); }, android::BAD_VALUE},
+    {"NegativeCount", Le({-1}),
+     [](const Parcel& p) { std::vector<double> v; return p.readDoubleVector(&v); }, android::UNEXPECTED_NULL},
+    {"NegativeOutVector", Le({-1}),
+     [](const Parcel& p) { std::vector<bool> v; return p.resizeOutVector(&v); }, android::UNEXPECTED_NULL},
+    {"NullElementOfABinderVector", Cat(Le({1}), BinderObject(BINDER_TYPE_BINDER, 0, 0, 0)),
+     [](const Parcel& p) { std::vector<android::sp<android::IBinder>> v; return p.readStrongBinderVector(&v); },
+     android::UNEXPECTED_NULL},
+    {"NullString", Le({-1}),
+     [](const Parcel& p) {
+         auto text = std::make_unique<String16>(u"old");
+         const status_t status = p.readString16(&text);
+         return status == android::OK && text ? android::UNKNOWN_ERROR : status;
+     },
+     android::OK},
+    {"OtherNegativeStringLength", Le({-2}),
+     [](const Parcel& p) { std::unique_ptr<String16> text; return p.readString16(&text); }, android::UNEXPECTED_NULL},
+    // Only a marker of 0 is a null parcelable.
+    {"NegativeParcelableMarker", Le({-1, 5}),
+     [](const Parcel& p) {
+         std::unique_ptr<Counter> counter;
+         const status_t status = p.readParcelable(&counter);
+         return status == android::OK && (!counter || counter->value != 5) ? android::UNKNOWN_ERROR : status;
+     },
+     android::OK},
+    {"NullUtf8", Le({-1}),
+     [](const Parcel& p) { std::string text; return p.readUtf8FromUtf16(&text); }, android::UNEXPECTED_NULL},
+};
+
+class ParcelTypedRead : public ::testing::TestWithParam<TypedReadCase> {};
+
+TEST_P(ParcelTypedRead, FailsAsThePlatformDoes) {
+    Parcel parcel;
+    Load(&parcel, GetParam().bytes);
+    EXPECT_EQ(GetParam().read(parcel), GetParam().result);
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, ParcelTypedRead, ::testing::ValuesIn(kTypedReads),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ParcelTyped, Utf8ThatIsNotUtf8IsRefused) {
+    Parcel parcel;
+    EXPECT_EQ(parcel.writeUtf8AsUtf16(std::string("a\xFFz")), android::BAD_VALUE);
+    EXPECT_EQ(parcel.writeUtf8AsUtf16(std::unique_ptr<std::string>()), android::OK);
+    EXPECT_EQ(Contents(parcel), Le({-1}));
 }
 
 }  // namespace

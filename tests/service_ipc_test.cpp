@@ -69,5 +69,28 @@ TEST(TransactionBytesAcrossProcesses, StubReceivesTheDataParcelAsSent) {
     }
 }
 
+// A one-way call whose record is null is answered by the stub with an
+// EX_NULL_POINTER status in a reply that nobody reads; the receiving process
+// must live on and serve the next call.
+TEST(OnewayAcrossProcesses, NullRecordIsDroppedAndTheReceiverServesOn) {
+    ServiceHost& host = ReachableHost();
+    const android::sp<android::IBinder> stub = host.StubOf(IDeviceListener::descriptor);
+    ASSERT_NE(stub, nullptr);
+    RemoteCallLog log(host.LogOf(IDeviceListener::descriptor));
+    log.Answer(Status::ok());
+    log.Take();
+    android::Parcel nullRecord;
+    nullRecord.writeInterfaceToken(IDeviceListener::descriptor);
+    nullRecord.writeInt32(0);  // the record's presence marker
+    ASSERT_EQ(stub->transact(android::IBinder::FIRST_CALL_TRANSACTION, nullRecord, nullptr,
+                             android::IBinder::FLAG_ONEWAY),
+              android::OK);
+    // One-way calls to one object run in order: this one comes second.
+    EXPECT_TRUE(IDeviceListener::asInterface(stub)->onDeviceOnline(NodeBasicInfoInner()).isOk());
+    const CallRecord calls = log.Take(1);
+    EXPECT_EQ(calls.transactions.size(), 2u);
+    EXPECT_EQ(calls.received.size(), 1u);
+}
+
 }  // namespace
 }  // namespace tivra_service_test

@@ -13,7 +13,7 @@
 #include <android/log.h>
 
 #include "log_capture.h"
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 
 namespace tivra_test {
 

@@ -21,6 +21,14 @@ constexpr Fault::Kind kFaultKinds[] = {Fault::Kind::Exception, Fault::Kind::Tran
                                        Fault::Kind::CorruptReply};
 static_assert(std::size(kFaultKinds) == std::size(tivra_control::kFaultKindNames));
 
+std::string MethodNames() {
+    std::string names;
+    for (uint32_t code = 1; code <= kMethodCount; ++code) {
+        names += (code == 1 ? "" : ", ") + std::string(MethodName(code));
+    }
+    return names;
+}
+
 }  // namespace
 
 ControlCommands::ControlCommands(SimulatedNetwork& network, ListenerRegistry& listeners, FaultPlan& faults,
@@ -31,7 +39,7 @@ json ControlCommands::SetFault(const JsonFields& fields) {
     const std::string method = fields.String("method");
     const uint32_t code = MethodCode(method);
     if (code == 0) {
-        fields.Fail("unknown method '" + method + "'", "method");
+        fields.Fail("unknown method '" + method + "' (accepted: " + MethodNames() + ")", "method");
     }
     const std::string kindName = fields.String("kind");
     Fault fault;
@@ -43,7 +51,7 @@ json ControlCommands::SetFault(const JsonFields& fields) {
         }
     }
     if (!known) {
-        fields.Fail("unknown fault kind '" + kindName + "' (exception, transport, refuse or corruptReply)", "kind");
+        fields.Fail("unknown fault kind '" + kindName + "' (accepted: exception, transport, refuse, corruptReply)", "kind");
     }
     if (fault.kind == Fault::Kind::Refuse && code != MethodCode("addDeviceChangeListener")) {
         fields.Fail("only addDeviceChangeListener can refuse", "kind");

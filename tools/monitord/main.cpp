@@ -1,5 +1,6 @@
 // tivra-monitord: a device monitor service over a simulated device network,
 // for developing and testing clients on a host without devices.
+#include <getopt.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@
 #include "listener_registry.h"
 #include "monitor_control_protocol.h"
 #include "monitor_service.h"
+#include "refused_option.h"
 #include "scenario.h"
 #include "simulated_network.h"
 #include "timeline_player.h"
@@ -28,12 +30,13 @@ namespace {
 
 constexpr const char* kServiceName = "PravikDeviceMonitorService";
 
-constexpr int kExitUsage = 64;
-constexpr int kExitScenario = 65;
-constexpr int kExitUnavailable = 69;
+// The exit status scheme of binderd and tivra as well.
+constexpr int kExitFailed = 1;       // a bad scenario
+constexpr int kExitUsage = 2;        // bad command line
+constexpr int kExitUnavailable = 3;  // binderd is not there
 
-void PrintUsage(FILE* out) {
-    std::fprintf(out,
+void PrintUsage() {
+    std::printf(
                  "Usage: tivra-monitord [--scenario FILE] [--verbose]\n"
                  "\n"
                  "Serves \"%s\" over a simulated device network through binderd,\n"
@@ -41,11 +44,15 @@ void PrintUsage(FILE* out) {
                  "emit events, change the network and inject faults.\n"
                  "\n"
                  "  --scenario FILE  the network and its timeline (JSON); default: the bundled sample\n"
-                 "  --verbose        report every timeline event on stderr\n"
-                 "  --help           show this help\n"
+                 "  -v, --verbose    report every timeline event on stderr\n"
+                 "  -h, --help       show this help\n"
+                 "  --version        show the version\n"
                  "\n"
                  "binderd's socket is $HOSTBINDER_SOCKET, else $XDG_RUNTIME_DIR/hostbinder/binder,\n"
-                 "else /tmp/hostbinder-<uid>/binder.\n",
+                 "else /tmp/hostbinder-<uid>/binder.\n"
+                 "\n"
+                 "Exit status: 0 stopped by SIGINT or SIGTERM, 1 bad scenario, 2 bad usage,\n"
+                 "3 binderd is not running.\n",
                  kServiceName, tivra_control::kControlServiceName);
 }
 
@@ -64,25 +71,46 @@ std::string DefaultScenario() {
     return TIVRA_SOURCE_SAMPLE_SCENARIO;
 }
 
+int UsageError(const std::string& reason) {
+    std::fprintf(stderr, "tivra-monitord: %s\nTry 'tivra-monitord --help' for more information.\n", reason.c_str());
+    return kExitUsage;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     std::string scenarioPath;
     bool verbose = false;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "--help" || arg == "-h") {
-            PrintUsage(stdout);
-            return 0;
-        } else if (arg == "--verbose" || arg == "-v") {
-            verbose = true;
-        } else if (arg == "--scenario" && i + 1 < argc) {
-            scenarioPath = argv[++i];
-        } else {
-            std::fprintf(stderr, "tivra-monitord: unknown or incomplete option '%s'\n\n", arg.c_str());
-            PrintUsage(stderr);
-            return kExitUsage;
+    enum { kScenario = 256, kVersion };
+    const struct option options[] = {
+        {"scenario", required_argument, nullptr, kScenario}, {"verbose", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},                 {"version", no_argument, nullptr, kVersion},
+        {nullptr, 0, nullptr, 0},
+    };
+    opterr = 0;
+    int option;
+    while ((option = getopt_long(argc, argv, ":hv", options, nullptr)) != -1) {
+        switch (option) {
+            case 'h':
+                PrintUsage();
+                return 0;
+            case kVersion:
+                std::printf("tivra-monitord (libtivra) %s\n", TIVRA_VERSION);
+                return 0;
+            case 'v':
+                verbose = true;
+                break;
+            case kScenario:
+                scenarioPath = optarg;
+                break;
+            case ':':
+                return UsageError(std::string("option '") + argv[optind - 1] + "' needs a value");
+            default:
+                return UsageError(tivra_tools::RefusedOption(argv[optind - 1]));
         }
+    }
+    if (optind < argc) {
+        return UsageError(std::string("unexpected argument '") + argv[optind] + "'");
     }
     if (scenarioPath.empty()) {
         scenarioPath = DefaultScenario();
@@ -93,7 +121,7 @@ int main(int argc, char** argv) {
         scenario = tivra_monitord::LoadScenario(scenarioPath);
     } catch (const tivra_monitord::ScenarioError& error) {
         std::fprintf(stderr, "tivra-monitord: bad scenario: %s\n", error.what());
-        return kExitScenario;
+        return kExitFailed;
     }
 
     // Binder threads inherit this mask, so only sigwait below sees the signals.

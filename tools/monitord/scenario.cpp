@@ -79,8 +79,9 @@ Scenario ParseScenario(const std::string& text, const std::string& sourceName) {
     json document;
     try {
         document = json::parse(text);
-    } catch (const json::parse_error& error) {
-        // The parser's own message names the line and column.
+    } catch (const json::exception& error) {
+        // The parser's own message names the line and column, or the number
+        // that does not fit (1e400).
         throw ScenarioError(sourceName + ": " + error.what());
     }
     const JsonFields top(document, "", sourceName);

@@ -71,7 +71,9 @@ std::string JsonFields::String(const std::string& field, bool required) const {
 
 int32_t JsonFields::Int32(const std::string& field) const {
     const json& found = Require(field);
-    if (!found.is_number_integer() || found.get<int64_t>() < INT32_MIN || found.get<int64_t>() > INT32_MAX) {
+    // An unsigned number past INT64_MAX would read as negative.
+    if (!found.is_number_integer() || (found.is_number_unsigned() && found.get<uint64_t>() > INT32_MAX) ||
+        found.get<int64_t>() < INT32_MIN || found.get<int64_t>() > INT32_MAX) {
         Fail("expected a 32-bit integer", field);
     }
     return static_cast<int32_t>(found.get<int64_t>());

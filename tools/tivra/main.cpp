@@ -1,19 +1,21 @@
 // tivra: the command line client of the device network, built on libtivra.
-#include <android/log.h>
-
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "exit_codes.h"
 #include "query_commands.h"
 #include "sim_command.h"
+#include "text_width.h"
+#include "tivra/tivra_log.h"
 #include "watch_command.h"
 
 namespace {
 
 constexpr const char* kUsage =
-    "Usage: tivra [--json] [--verbose] COMMAND [ARGS]\n"
+    "Usage: tivra [OPTIONS] COMMAND [ARGS]\n"
     "\n"
     "Queries (through the device monitor service):\n"
     "  local-device           the local device\n"
@@ -30,51 +32,59 @@ constexpr const char* kUsage =
     "  sim COMMAND ...        drive a running tivra-monitord (tivra sim --help)\n"
     "  services               what binderd has registered\n"
     "\n"
-    "  --json     machine output: one JSON document (one object per line for watch)\n"
-    "  --verbose  show the library's log lines on stderr\n"
+    "Options (before or after the command):\n"
+    "  --json         machine output: compact JSON (one object per line for watch)\n"
+    "  --pretty       indented JSON (implies --json)\n"
+    "  -v, --verbose  show the library's log lines on stderr\n"
+    "  -h, --help     show help (also after a command: tivra watch --help)\n"
+    "  --version      show the version\n"
     "\n"
-    "Exit codes: 0 success, 1 the service call failed, 2 bad usage,\n"
-    "3 binderd or the device monitor service is not running.\n"
-    "Every command takes --help.\n";
+    "Exit status: 0 success, 1 an operation failed, 2 bad usage,\n"
+    "3 binderd or the device monitor service is not running.\n";
 
-void DiscardLog(const struct __android_logger_data*, const char*) {}
+int Run(const std::vector<std::string>& args) {
+    tivra_cli::Options options;
+    const tivra_cli::CommandLine line{"tivra", kUsage, {}, true};
+    const tivra_cli::Parsed parsed = tivra_cli::Parse(line, args, options);
+    if (parsed.exit) {
+        return *parsed.exit;
+    }
+    if (parsed.words.empty()) {
+        std::fputs(kUsage, stderr);
+        return tivra_cli::kExitUsage;
+    }
+    const std::string& command = parsed.words[0];
+    const std::vector<std::string> rest(parsed.words.begin() + 1, parsed.words.end());
+    if (tivra_cli::IsQuery(command)) {
+        return tivra_cli::RunQuery(command, rest, options);
+    }
+    if (command == "watch") {
+        return tivra_cli::RunWatch(rest, options);
+    }
+    if (command == "sim") {
+        return tivra_cli::RunSim(rest, options);
+    }
+    if (command == "services") {
+        return tivra_cli::RunServices(rest, options);
+    }
+    return tivra_cli::UsageError("tivra", "unknown command '" + command + "'");
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    tivra_cli::Options options;
-    std::vector<std::string> words;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "--json") {
-            options.json = true;
-        } else if (arg == "--verbose" || arg == "-v") {
-            options.verbose = true;
-        } else {
-            words.push_back(arg);
+    // The library's log stays quiet unless --verbose asks for it.
+    Communication::SetTivraLogMinPriority(Communication::TIVRA_LOG_SILENT);
+    const std::vector<std::string> args(argv + 1, argv + argc);
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (!tivra_cli::IsValidUtf8(args[i])) {
+            return tivra_cli::UsageError("tivra", "argument " + std::to_string(i + 1) + " is not valid UTF-8");
         }
     }
-    if (words.empty() || words[0] == "--help" || words[0] == "-h" || words[0] == "help") {
-        std::fputs(kUsage, words.empty() ? stderr : stdout);
-        return words.empty() ? tivra_cli::kExitUsage : tivra_cli::kExitOk;
+    try {
+        return Run(args);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "tivra: %s\n", error.what());
+        return tivra_cli::kExitCallFailed;
     }
-    if (!options.verbose) {
-        __android_log_set_logger(DiscardLog);
-    }
-    const std::string command = words[0];
-    const std::vector<std::string> args(words.begin() + 1, words.end());
-    if (tivra_cli::IsQuery(command)) {
-        return tivra_cli::RunQuery(command, args, options);
-    }
-    if (command == "watch") {
-        return tivra_cli::RunWatch(args, options);
-    }
-    if (command == "sim") {
-        return tivra_cli::RunSim(args, options);
-    }
-    if (command == "services") {
-        return tivra_cli::RunServices(args, options);
-    }
-    std::fprintf(stderr, "tivra: unknown command '%s'\n\n%s", command.c_str(), kUsage);
-    return tivra_cli::kExitUsage;
 }

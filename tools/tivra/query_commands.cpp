@@ -6,10 +6,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "command_line.h"
 #include "exit_codes.h"
 #include "record_output.h"
 #include "service_diagnosis.h"
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 
 namespace tivra_cli {
 namespace {
@@ -29,12 +30,17 @@ int Unavailable() {
     return kExitServiceUnavailable;
 }
 
-// Node queries answer failures with empty results only; the device query's
-// error code tells a missing service from a call the service refused.
-int EmptyAnswer(const char* what) {
-    int errCode = 0;
+// Whether the device monitor service is registered: the device query's error
+// code tells a missing service from a call the service refused.
+bool ServicePresent() {
+    int errCode = Communication::TIVRA_ERR_OK;
     TivraAdapter::GetInstance()->GetLocalDevice(errCode);
-    if (errCode == 1) {
+    return errCode != Communication::TIVRA_ERR_SERVICE_UNAVAILABLE;
+}
+
+// Node queries answer failures with empty results only: say which failure.
+int EmptyAnswer(const char* what) {
+    if (!ServicePresent()) {
         return Unavailable();
     }
     std::fprintf(stderr, "tivra: the service gave no %s (run with --verbose to see the library's log)\n", what);
@@ -42,7 +48,7 @@ int EmptyAnswer(const char* what) {
 }
 
 int FromErrCode(int errCode, const char* what) {
-    if (errCode == 1) {
+    if (errCode == Communication::TIVRA_ERR_SERVICE_UNAVAILABLE) {
         return Unavailable();
     }
     std::fprintf(stderr, "tivra: the service failed to answer %s (run with --verbose to see the library's log)\n",
@@ -51,13 +57,13 @@ int FromErrCode(int errCode, const char* what) {
 }
 
 void Print(const Options& options, const json& document, const std::string& text) {
-    std::fputs(options.json ? (document.dump(2) + "\n").c_str() : text.c_str(), stdout);
+    std::fputs(options.json ? (JsonText(document, options) + "\n").c_str() : text.c_str(), stdout);
 }
 
 int LocalDevice(const std::vector<std::string>&, const Options& options) {
-    int errCode = 0;
+    int errCode = Communication::TIVRA_ERR_OK;
     const auto device = TivraAdapter::GetInstance()->GetLocalDevice(errCode);
-    if (errCode != 0) {
+    if (errCode != Communication::TIVRA_ERR_OK) {
         return FromErrCode(errCode, "the local device");
     }
     Print(options, ToJson(*device), DeviceTable({device}).Render());
@@ -65,9 +71,9 @@ int LocalDevice(const std::vector<std::string>&, const Options& options) {
 }
 
 int Devices(const std::vector<std::string>&, const Options& options) {
-    int errCode = 0;
+    int errCode = Communication::TIVRA_ERR_OK;
     const auto devices = TivraAdapter::GetInstance()->GetAllDevices(errCode);
-    if (errCode != 0) {
+    if (errCode != Communication::TIVRA_ERR_OK) {
         return FromErrCode(errCode, "the device list");
     }
     json list = json::array();
@@ -94,13 +100,9 @@ int Node(const std::vector<std::string>& args, const Options& options) {
 
 int Nodes(const std::vector<std::string>&, const Options& options) {
     const auto nodes = TivraAdapter::GetInstance()->GetRemoteNodesBasicInfo();
-    if (nodes.empty()) {
-        // Empty is also what a failure looks like: ask whether the service is there.
-        int errCode = 0;
-        TivraAdapter::GetInstance()->GetLocalDevice(errCode);
-        if (errCode == 1) {
-            return Unavailable();
-        }
+    // Empty is also what a failure looks like: ask whether the service is there.
+    if (nodes.empty() && !ServicePresent()) {
+        return Unavailable();
     }
     json list = json::array();
     for (const auto& node : nodes) list.push_back(ToJson(*node));
@@ -108,8 +110,25 @@ int Nodes(const std::vector<std::string>&, const Options& options) {
     return kExitOk;
 }
 
+// Whether `nodeId` names the local node or a remote one.
+bool NodeExists(TivraAdapter& adapter, const std::string& nodeId) {
+    if (adapter.GetRemoteNodeBasicInfo(nodeId) != nullptr) {
+        return true;
+    }
+    const auto local = adapter.GetLocalBasicInfo();
+    return local != nullptr && local->GetNodeId() == nodeId;
+}
+
 int ExtInfo(const std::vector<std::string>& args, const Options& options) {
     const std::shared_ptr<TivraAdapter> adapter = TivraAdapter::GetInstance();
+    // Every attribute of a node that is not there reads as empty: say so instead.
+    if (!NodeExists(*adapter, args[0])) {
+        if (!ServicePresent()) {
+            return Unavailable();
+        }
+        std::fprintf(stderr, "tivra: no node '%s' in the network (see 'tivra nodes')\n", args[0].c_str());
+        return kExitCallFailed;
+    }
     std::vector<std::string> keys;
     if (args.size() > 1) {
         keys.push_back(args[1]);
@@ -149,20 +168,22 @@ int Uuid(const std::vector<std::string>& args, const Options& options) {
 struct Query {
     size_t minArgs;
     size_t maxArgs;
-    const char* usage;
+    const char* arguments;
+    const char* summary;
     std::function<int(const std::vector<std::string>&, const Options&)> run;
 };
 
 const std::map<std::string, Query>& Queries() {
     static const std::map<std::string, Query> queries = {
-        {"local-device", {0, 0, "tivra local-device", LocalDevice}},
-        {"devices", {0, 0, "tivra devices", Devices}},
-        {"local-node", {0, 0, "tivra local-node", LocalNode}},
-        {"node", {1, 1, "tivra node NODE_ID", Node}},
-        {"nodes", {0, 0, "tivra nodes", Nodes}},
-        {"ext", {1, 2, "tivra ext NODE_ID [KEY]   (no KEY: all twelve published keys)", ExtInfo}},
-        {"udid", {1, 1, "tivra udid NODE_ID", Udid}},
-        {"uuid", {1, 1, "tivra uuid NODE_ID", Uuid}},
+        {"local-device", {0, 0, "", "The local device.", LocalDevice}},
+        {"devices", {0, 0, "", "Every device of the network.", Devices}},
+        {"local-node", {0, 0, "", "The local node.", LocalNode}},
+        {"node", {1, 1, " NODE_ID", "One remote node.", Node}},
+        {"nodes", {0, 0, "", "Every remote node.", Nodes}},
+        {"ext", {1, 2, " NODE_ID [KEY]", "One extended attribute of a node, or without KEY all twelve published keys.",
+                 ExtInfo}},
+        {"udid", {1, 1, " NODE_ID", "A node's UDID.", Udid}},
+        {"uuid", {1, 1, " NODE_ID", "A node's UUID.", Uuid}},
     };
     return queries;
 }
@@ -171,17 +192,19 @@ const std::map<std::string, Query>& Queries() {
 
 bool IsQuery(const std::string& command) { return Queries().count(command) != 0; }
 
-int RunQuery(const std::string& command, const std::vector<std::string>& args, const Options& options) {
+int RunQuery(const std::string& command, const std::vector<std::string>& args, Options& options) {
     const Query& query = Queries().at(command);
-    if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
-        std::printf("Usage: %s [--json]\n", query.usage);
-        return kExitOk;
+    const std::string name = "tivra " + command;
+    const std::string usage = "Usage: " + name + query.arguments + " [--json|--pretty]\n" + query.summary + "\n";
+    const Parsed parsed = Parse({name, usage, {}}, args, options);
+    if (parsed.exit) {
+        return *parsed.exit;
     }
-    if (args.size() < query.minArgs || args.size() > query.maxArgs) {
-        std::fprintf(stderr, "tivra: usage: %s\n", query.usage);
-        return kExitUsage;
+    if (parsed.words.size() < query.minArgs || parsed.words.size() > query.maxArgs) {
+        return UsageError(name, parsed.words.size() < query.minArgs ? std::string("expected") + query.arguments
+                                                                    : "too many arguments");
     }
-    return query.run(args, options);
+    return query.run(parsed.words, options);
 }
 
 }  // namespace tivra_cli

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "text_width.h"
+
 namespace tivra_cli {
 
 using nlohmann::json;
@@ -39,7 +41,7 @@ std::string Table::Render() const {
     for (const auto& row : rows_) {
         widths.resize(std::max(widths.size(), row.size()), 0);
         for (size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], row[i].size());
+            widths[i] = std::max(widths[i], DisplayWidth(row[i]));
         }
     }
     std::string out;
@@ -48,7 +50,7 @@ std::string Table::Render() const {
         for (size_t i = 0; i < row.size(); ++i) {
             line += row[i];
             if (i + 1 < row.size()) {
-                line.append(widths[i] - row[i].size() + 2, ' ');
+                line.append(widths[i] - DisplayWidth(row[i]) + 2, ' ');
             }
         }
         out += line + "\n";

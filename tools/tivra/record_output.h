@@ -8,7 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 
 namespace tivra_cli {
 
@@ -24,7 +24,7 @@ class Table {
 public:
     explicit Table(std::vector<std::string> headings);
     void AddRow(std::vector<std::string> cells);
-    // Every column as wide as its widest cell, two spaces apart.
+    // Every column as wide as its widest cell on a terminal, two spaces apart.
     std::string Render() const;
 
 private:

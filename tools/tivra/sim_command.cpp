@@ -1,6 +1,7 @@
 #include "sim_command.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -24,135 +25,221 @@ namespace {
 
 using nlohmann::json;
 using Args = std::vector<std::string>;
+using Values = std::map<std::string, std::string>;
 
-constexpr const char* kSimUsage =
-    "Usage: tivra sim COMMAND [ARGS]   (drives a running tivra-monitord)\n"
-    "  device-online NAME ID TYPE IP     a device joins and listeners are told\n"
-    "  device-offline ID                 a device leaves\n"
-    "  node-online NAME TYPE_CODE NODE_ID  a node joins\n"
-    "  node-offline NODE_ID              a node leaves\n"
-    "  node-changed NODE_ID KIND         a node's information changed (kind 1 to 3)\n"
-    "  fault METHOD KIND [CODE] [TIMES]  make METHOD fail: KIND is exception (CODE: exception code),\n"
-    "                                    transport (CODE: status code), refuse or corruptReply;\n"
-    "                                    TIMES calls (default: until cleared)\n"
-    "  clear-faults                      every method answers normally again\n"
-    "  counts                            how often each method was called\n"
-    "  listeners                         how many listeners are registered\n"
-    "  raw JSON                          any control command, e.g. '{\"op\":\"counts\"}'\n"
-    "  stop [CODE]                       end the service process\n";
+// A control command, or why the arguments do not make one.
+struct Built {
+    std::optional<json> command;
+    std::string error;
+};
+
+Built Command(json command) { return Built{std::move(command), ""}; }
+Built Refuse(std::string error) { return Built{std::nullopt, std::move(error)}; }
+Built Emit(json event) { return Command(json{{"op", "emit"}, {"event", std::move(event)}}); }
 
 std::optional<int32_t> ToInt(const std::string& text) {
     char* end = nullptr;
-    const long value = std::strtol(text.c_str(), &end, 0);
-    if (text.empty() || *end != '\0' || value < INT32_MIN || value > INT32_MAX) {
+    errno = 0;
+    const long long value = std::strtoll(text.c_str(), &end, 0);
+    if (text.empty() || *end != '\0' || errno == ERANGE || value < INT32_MIN || value > INT32_MAX) {
         return std::nullopt;
     }
     return static_cast<int32_t>(value);
 }
 
-bool IsFaultKind(const std::string& kind) {
-    return std::any_of(std::begin(tivra_control::kFaultKindNames), std::end(tivra_control::kFaultKindNames),
-                       [&kind](const char* name) { return kind == name; });
+std::string FaultKinds() {
+    std::string names;
+    for (const char* name : tivra_control::kFaultKindNames) {
+        names += names.empty() ? name : std::string(", ") + name;
+    }
+    return names;
 }
 
 struct SimCommand {
+    const char* arguments;  // after the command's name, for its usage line
+    const char* summary;
     size_t minArgs;
     size_t maxArgs;
-    // Builds the control command, or nothing when an argument is malformed.
-    std::function<std::optional<json>(const Args&)> build;
+    std::vector<const char*> valueOptions;  // its own --name=VALUE options
+    std::function<Built(const Args&, const Values&)> build;
 };
-
-std::optional<json> Emit(json event) { return json{{"op", "emit"}, {"event", std::move(event)}}; }
 
 const std::map<std::string, SimCommand>& SimCommands() {
     static const std::map<std::string, SimCommand> commands = {
-        {"device-online", {4, 4, [](const Args& a) {
-             return Emit({{"event", "deviceOnline"},
-                          {"device", {{"name", a[0]}, {"id", a[1]}, {"type", a[2]}, {"ip", a[3]}}}});
-         }}},
-        {"device-offline", {1, 1, [](const Args& a) { return Emit({{"event", "deviceOffline"}, {"deviceId", a[0]}}); }}},
-        {"node-online", {3, 3, [](const Args& a) -> std::optional<json> {
-             const auto type = ToInt(a[1]);
-             if (!type) return std::nullopt;
-             return Emit({{"event", "nodeOnline"}, {"node", {{"name", a[0]}, {"deviceType", *type}, {"nodeId", a[2]}}}});
-         }}},
-        {"node-offline", {1, 1, [](const Args& a) { return Emit({{"event", "nodeOffline"}, {"nodeId", a[0]}}); }}},
-        {"node-changed", {2, 2, [](const Args& a) -> std::optional<json> {
-             const auto kind = ToInt(a[1]);
-             if (!kind) return std::nullopt;
-             return Emit({{"event", "nodeInfoChanged"}, {"nodeId", a[0]}, {"kind", *kind}});
-         }}},
-        {"fault", {2, 4, [](const Args& a) -> std::optional<json> {
-             if (!IsFaultKind(a[1])) return std::nullopt;
-             json command{{"op", "fault"}, {"method", a[0]}, {"kind", a[1]}};
-             for (size_t i = 2; i < a.size(); ++i) {
-                 const auto number = ToInt(a[i]);
-                 if (!number) return std::nullopt;
-                 command[i == 2 ? "code" : "times"] = *number;
-             }
-             return command;
-         }}},
-        {"clear-faults", {0, 0, [](const Args&) { return std::optional<json>(json{{"op", "clearFaults"}}); }}},
-        {"counts", {0, 0, [](const Args&) { return std::optional<json>(json{{"op", "counts"}}); }}},
-        {"listeners", {0, 0, [](const Args&) { return std::optional<json>(json{{"op", "listeners"}}); }}},
-        {"raw", {1, 1, [](const Args& a) -> std::optional<json> {
-             json command = json::parse(a[0], nullptr, false);
-             if (command.is_discarded()) return std::nullopt;
-             return command;
-         }}},
-        {"stop", {0, 1, [](const Args& a) -> std::optional<json> {
-             const auto code = a.empty() ? std::optional<int32_t>(0) : ToInt(a[0]);
-             if (!code) return std::nullopt;
-             return json{{"op", "exit"}, {"code", *code}};
-         }}},
+        {"device-online", {"NAME ID TYPE IP", "A device joins and the listeners are told.", 4, 4, {},
+                           [](const Args& a, const Values&) {
+                               return Emit({{"event", "deviceOnline"},
+                                            {"device", {{"name", a[0]}, {"id", a[1]}, {"type", a[2]}, {"ip", a[3]}}}});
+                           }}},
+        {"device-offline", {"ID", "A device leaves.", 1, 1, {},
+                            [](const Args& a, const Values&) {
+                                return Emit({{"event", "deviceOffline"}, {"deviceId", a[0]}});
+                            }}},
+        {"node-online", {"NAME TYPE_CODE NODE_ID", "A node joins; TYPE_CODE is the device kind's number (14, 0x0E).",
+                         3, 3, {},
+                         [](const Args& a, const Values&) {
+                             const auto type = ToInt(a[1]);
+                             if (!type) return Refuse("TYPE_CODE must be a 32-bit number such as 14 or 0x0E, not '" + a[1] + "'");
+                             return Emit({{"event", "nodeOnline"},
+                                          {"node", {{"name", a[0]}, {"deviceType", *type}, {"nodeId", a[2]}}}});
+                         }}},
+        {"node-offline", {"NODE_ID", "A node leaves.", 1, 1, {},
+                          [](const Args& a, const Values&) {
+                              return Emit({{"event", "nodeOffline"}, {"nodeId", a[0]}});
+                          }}},
+        {"node-changed", {"NODE_ID KIND", "A node's information changed; KIND is 1, 2 or 3.", 2, 2, {},
+                          [](const Args& a, const Values&) {
+                              const auto kind = ToInt(a[1]);
+                              if (!kind || *kind < 1 || *kind > 3) return Refuse("KIND must be 1, 2 or 3, not '" + a[1] + "'");
+                              return Emit({{"event", "nodeInfoChanged"}, {"nodeId", a[0]}, {"kind", *kind}});
+                          }}},
+        {"fault", {"METHOD KIND [--code=N] [--times=N] [--message=TEXT]",
+                   "Makes METHOD of the service fail, the way KIND says:\n"
+                   "  exception     the call answers an exception; --code is its code (e.g. -3)\n"
+                   "  transport     the transaction fails with the status code --code\n"
+                   "  refuse        addDeviceChangeListener answers false\n"
+                   "  corruptReply  the answer cannot be read\n"
+                   "--times=N: only the next N calls (default: until clear-faults); --message: the exception's text.",
+                   2, 2, {"code", "times", "message"},
+                   [](const Args& a, const Values& values) {
+                       const auto* kinds = std::begin(tivra_control::kFaultKindNames);
+                       if (std::find_if(kinds, std::end(tivra_control::kFaultKindNames),
+                                        [&a](const char* name) { return a[1] == name; }) ==
+                           std::end(tivra_control::kFaultKindNames)) {
+                           return Refuse("unknown fault kind '" + a[1] + "' (accepted: " + FaultKinds() + ")");
+                       }
+                       json command{{"op", "fault"}, {"method", a[0]}, {"kind", a[1]}};
+                       for (const char* name : {"code", "times"}) {
+                           const auto value = values.find(name);
+                           if (value == values.end()) continue;
+                           const auto number = ToInt(value->second);
+                           if (!number) return Refuse(std::string("--") + name + " must be a 32-bit number, not '" + value->second + "'");
+                           command[name] = *number;
+                       }
+                       if (values.count("message") != 0) command["message"] = values.at("message");
+                       return Command(command);
+                   }}},
+        {"clear-faults", {"", "Every method answers normally again.", 0, 0, {},
+                          [](const Args&, const Values&) { return Command({{"op", "clearFaults"}}); }}},
+        {"counts", {"", "How often each method of the service was called.", 0, 0, {},
+                    [](const Args&, const Values&) { return Command({{"op", "counts"}}); }}},
+        {"listeners", {"", "How many listeners of each kind are registered.", 0, 0, {},
+                       [](const Args&, const Values&) { return Command({{"op", "listeners"}}); }}},
+        {"raw", {"JSON", "Any control command, e.g. '{\"op\":\"counts\"}' (see docs/scenarios.md).", 1, 1, {},
+                 [](const Args& a, const Values&) {
+                     try {
+                         return Command(json::parse(a[0]));
+                     } catch (const json::exception& error) {
+                         return Refuse(std::string("not a JSON document: ") + error.what());
+                     }
+                 }}},
+        {"stop", {"[CODE]", "Ends the service process, with exit status CODE (default 0).", 0, 1, {},
+                  [](const Args& a, const Values&) {
+                      const auto code = a.empty() ? std::optional<int32_t>(0) : ToInt(a[0]);
+                      if (!code) return Refuse("CODE must be a number, not '" + a[0] + "'");
+                      return Command({{"op", "exit"}, {"code", *code}});
+                  }}},
     };
     return commands;
 }
 
-}  // namespace
+std::string Synopsis(const std::string& name, const SimCommand& command) {
+    return *command.arguments != '\0' ? name + " " + command.arguments : name;
+}
 
-int RunSim(const Args& args, const Options& options) {
-    if (args.empty() || args[0] == "--help" || args[0] == "-h") {
-        std::fputs(kSimUsage, args.empty() ? stderr : stdout);
-        return args.empty() ? kExitUsage : kExitOk;
+std::string SimUsage() {
+    constexpr size_t kColumn = 28;
+    std::string usage = "Usage: tivra sim COMMAND [ARGS]\nDrives a running tivra-monitord through its control interface.\n\n";
+    for (const auto& [name, command] : SimCommands()) {
+        std::string line = "  " + Synopsis(name, command);
+        line += line.size() < kColumn ? std::string(kColumn - line.size(), ' ') : "\n" + std::string(kColumn, ' ');
+        const std::string summary = command.summary;
+        usage += line + summary.substr(0, summary.find('\n')) + "\n";
     }
-    const auto found = SimCommands().find(args[0]);
-    const Args rest(args.begin() + 1, args.end());
-    if (found == SimCommands().end() || rest.size() < found->second.minArgs || rest.size() > found->second.maxArgs) {
-        std::fprintf(stderr, "tivra: bad sim command\n%s", kSimUsage);
-        return kExitUsage;
-    }
-    const std::optional<json> command = found->second.build(rest);
-    if (!command) {
-        std::fprintf(stderr, "tivra: malformed argument for 'sim %s'\n%s", args[0].c_str(), kSimUsage);
-        return kExitUsage;
-    }
+    return usage + "\nEach command takes --help.\n";
+}
+
+std::string CommandNames() {
+    std::string names;
+    for (const auto& entry : SimCommands()) names += (names.empty() ? "" : ", ") + entry.first;
+    return names;
+}
+
+// Sends `command` to tivra-monitord and prints its answer.
+int Send(const std::string& name, const json& command, const Options& options) {
     const tivra_control::MonitorControlClient control;
     if (!control.Connected()) {
         std::fprintf(stderr, "tivra: tivra-monitord's control interface is not registered: start tivra-monitord "
                              "(%s)\n", ExplainUnavailableService().c_str());
         return kExitServiceUnavailable;
     }
-    if (args[0] == "stop") {
-        return control.Exit(command->value("code", 0)) ? kExitOk : kExitCallFailed;
+    if (name == "stop") {
+        return control.Exit(command.value("code", 0)) ? kExitOk : kExitCallFailed;
     }
-    const tivra_control::MonitorControlClient::Result result = control.Run(*command);
+    const tivra_control::MonitorControlClient::Result result = control.Run(command);
     if (!result.ok) {
         std::fprintf(stderr, "tivra: %s\n", result.error.c_str());
         return kExitCallFailed;
     }
     // Commands that only act answer an empty object: nothing to show a person.
     if (options.json || !result.value.empty()) {
-        std::printf("%s\n", result.value.dump(options.json ? -1 : 2).c_str());
+        Options shown = options;
+        shown.pretty = options.pretty || !options.json;
+        std::printf("%s\n", JsonText(result.value, shown).c_str());
     }
     return kExitOk;
 }
 
-int RunServices(const Args& args, const Options& options) {
-    if (!args.empty()) {
-        const bool help = args[0] == "--help" || args[0] == "-h";
-        std::fprintf(help ? stdout : stderr, "Usage: tivra services [--json]\n");
-        return help ? kExitOk : kExitUsage;
+}  // namespace
+
+int RunSim(const Args& args, Options& options) {
+    const Parsed top = Parse({"tivra sim", SimUsage(), {}, true}, args, options);
+    if (top.exit) {
+        return *top.exit;
+    }
+    if (top.words.empty()) {
+        std::fputs(SimUsage().c_str(), stderr);
+        return kExitUsage;
+    }
+    const std::string& name = top.words[0];
+    const auto found = SimCommands().find(name);
+    if (found == SimCommands().end()) {
+        return UsageError("tivra sim", "unknown command '" + name + "' (accepted: " + CommandNames() + ")");
+    }
+    const SimCommand& sim = found->second;
+    const std::string command = "tivra sim " + name;
+    Values values;
+    std::vector<CommandOption> valueOptions;
+    for (const char* option : sim.valueOptions) {
+        valueOptions.push_back({option, "VALUE", [&values, option](const std::string& value) {
+                                    values[option] = value;
+                                    return true;
+                                }});
+    }
+    const std::string usage = "Usage: tivra sim " + Synopsis(name, sim) + "\n" + sim.summary + "\n";
+    const Parsed parsed = Parse({command, usage, valueOptions}, Args(top.words.begin() + 1, top.words.end()), options);
+    if (parsed.exit) {
+        return *parsed.exit;
+    }
+    if (parsed.words.size() < sim.minArgs || parsed.words.size() > sim.maxArgs) {
+        return UsageError(command, std::string("expected ") + (*sim.arguments != '\0' ? sim.arguments : "no arguments"));
+    }
+    const Built built = sim.build(parsed.words, values);
+    if (!built.command) {
+        return UsageError(command, built.error);
+    }
+    return Send(name, *built.command, options);
+}
+
+int RunServices(const Args& args, Options& options) {
+    const Parsed parsed = Parse({"tivra services", "Usage: tivra services [--json|--pretty]\n"
+                                                   "The names registered with binderd.\n", {}},
+                                args, options);
+    if (parsed.exit) {
+        return *parsed.exit;
+    }
+    if (!parsed.words.empty()) {
+        return UsageError("tivra services", "unexpected argument '" + parsed.words[0] + "'");
     }
     const android::sp<android::IServiceManager> manager = android::defaultServiceManager();
     const android::Vector<android::String16> names =
@@ -166,10 +253,13 @@ int RunServices(const Args& args, const Options& options) {
         std::fprintf(stderr, "tivra: %s\n", ExplainUnavailableService().c_str());
         return kExitServiceUnavailable;
     }
-    for (const auto& name : list) {
-        if (!options.json) std::printf("%s\n", name.get<std::string>().c_str());
+    if (options.json) {
+        std::printf("%s\n", JsonText(list, options).c_str());
+        return kExitOk;
     }
-    if (options.json) std::printf("%s\n", list.dump(2).c_str());
+    for (const auto& name : list) {
+        std::printf("%s\n", name.get<std::string>().c_str());
+    }
     return kExitOk;
 }
 

@@ -12,11 +12,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include "command_line.h"
 #include "duration.h"
 #include "exit_codes.h"
 #include "record_output.h"
 #include "service_diagnosis.h"
-#include "tivra_adapter.h"
+#include "tivra/tivra_adapter.h"
 
 namespace tivra_cli {
 namespace {
@@ -26,41 +27,65 @@ using nlohmann::json;
 
 constexpr auto kPollInterval = std::chrono::milliseconds(200);
 
-// Events come from several Binder threads; each one is printed whole.
+// Events come from several Binder threads; each one is printed whole. People
+// read the time of day; programs get RFC 3339 with the date and the offset.
 class EventPrinter {
 public:
-    explicit EventPrinter(bool json) : json_(json) {}
+    explicit EventPrinter(const Options& options) : options_(options) {}
 
     void Print(const std::string& event, const json& details, const std::string& text) {
         std::lock_guard<std::mutex> lock(mutex_);
-        const std::string time = Timestamp();
-        if (json_) {
+        const auto now = std::chrono::system_clock::now();
+        if (options_.json) {
             json line = details;
-            line["time"] = time;
+            line["time"] = Rfc3339(now);
             line["event"] = event;
-            std::printf("%s\n", line.dump().c_str());
+            std::printf("%s\n", JsonText(line, options_).c_str());
         } else {
-            std::printf("%s  %-18s %s\n", time.c_str(), event.c_str(), text.c_str());
+            std::printf("%s  %-18s %s\n", TimeOfDay(now).c_str(), event.c_str(), text.c_str());
         }
         std::fflush(stdout);
     }
 
 private:
-    static std::string Timestamp() {
-        const auto now = std::chrono::system_clock::now();
-        const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-        const auto millis =
-            std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-        std::tm local{};
-        localtime_r(&seconds, &local);
+    struct LocalTime {
+        std::tm fields{};
+        int millis = 0;
+    };
+
+    static LocalTime Local(std::chrono::system_clock::time_point when) {
+        LocalTime local;
+        const std::time_t seconds = std::chrono::system_clock::to_time_t(when);
+        localtime_r(&seconds, &local.fields);
+        local.millis = static_cast<int>(
+            std::chrono::duration_cast<std::chrono::milliseconds>(when.time_since_epoch()).count() % 1000);
+        return local;
+    }
+
+    // 17:07:01.123
+    static std::string TimeOfDay(std::chrono::system_clock::time_point when) {
+        const LocalTime local = Local(when);
         char text[32];
-        std::snprintf(text, sizeof(text), "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
-                      static_cast<int>(millis));
+        std::snprintf(text, sizeof(text), "%02d:%02d:%02d.%03d", local.fields.tm_hour, local.fields.tm_min,
+                      local.fields.tm_sec, local.millis);
+        return text;
+    }
+
+    // 2025-11-23T17:07:01.123+01:00
+    static std::string Rfc3339(std::chrono::system_clock::time_point when) {
+        const LocalTime local = Local(when);
+        char date[32];
+        std::strftime(date, sizeof(date), "%Y-%m-%dT%H:%M:%S", &local.fields);
+        const long offset = local.fields.tm_gmtoff / 60;
+        const long magnitude = offset < 0 ? -offset : offset;
+        char text[64];
+        std::snprintf(text, sizeof(text), "%s.%03d%c%02ld:%02ld", date, local.millis, offset < 0 ? '-' : '+',
+                      magnitude / 60, magnitude % 60);
         return text;
     }
 
     std::mutex mutex_;
-    const bool json_;
+    const Options options_;
 };
 
 std::string DeviceText(const Communication::TivraDeviceInfo& device) {
@@ -129,20 +154,26 @@ bool RegisterAll(TivraAdapter& adapter, const std::shared_ptr<DevicePrinter>& de
 
 }  // namespace
 
-int RunWatch(const std::vector<std::string>& args, const Options& options) {
+int RunWatch(const std::vector<std::string>& args, Options& options) {
     std::optional<std::chrono::milliseconds> limit;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--help" || args[i] == "-h") {
-            std::printf("Usage: tivra watch [--for DURATION] [--json]\n"
-                        "Prints device and node events until Ctrl-C or for DURATION (e.g. 10s, 500ms, 2m).\n");
-            return kExitOk;
+    const CommandOption forOption{"for", "DURATION", [&limit](const std::string& value) {
+        limit = ParseDuration(value);
+        if (!limit) {
+            UsageError("tivra watch", "bad duration '" + value + "' (for example 500ms, 10s or 2m; at most a day)");
         }
-        if (args[i] == "--for" && i + 1 < args.size() && (limit = ParseDuration(args[i + 1]))) {
-            ++i;
-            continue;
-        }
-        std::fprintf(stderr, "tivra: usage: tivra watch [--for DURATION]  (bad argument '%s')\n", args[i].c_str());
-        return kExitUsage;
+        return limit.has_value();
+    }};
+    const Parsed parsed = Parse({"tivra watch",
+                                 "Usage: tivra watch [--for DURATION] [--json|--pretty]\n"
+                                 "Prints device and node events until Ctrl-C or for DURATION (500ms, 10s, 2m).\n"
+                                 "When the service dies, says so, waits for it and registers again.\n",
+                                 {forOption}},
+                                args, options);
+    if (parsed.exit) {
+        return *parsed.exit;
+    }
+    if (!parsed.words.empty()) {
+        return UsageError("tivra watch", "unexpected argument '" + parsed.words[0] + "'");
     }
 
     // Block the stop signals before the Binder threads start, so that only the
@@ -153,7 +184,7 @@ int RunWatch(const std::vector<std::string>& args, const Options& options) {
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-    EventPrinter printer(options.json);
+    EventPrinter printer(options);
     const auto devices = std::make_shared<DevicePrinter>(printer);
     const auto nodes = std::make_shared<NodePrinter>(printer);
     const auto death = std::make_shared<DeathWatcher>();
@@ -162,7 +193,13 @@ int RunWatch(const std::vector<std::string>& args, const Options& options) {
         std::fprintf(stderr, "tivra: %s\n", ExplainUnavailableService().c_str());
         return kExitServiceUnavailable;
     }
-    printer.Print("watching", json::object(), "device and node events (Ctrl-C to stop)");
+    // A program learns from this event that registration is done; a person
+    // gets the banner on stderr, away from the events.
+    if (options.json) {
+        printer.Print("watching", json::object(), "");
+    } else {
+        std::fprintf(stderr, "tivra: watching device and node events (Ctrl-C to stop)\n");
+    }
 
     const auto deadline = limit ? std::chrono::steady_clock::now() + *limit : std::chrono::steady_clock::time_point::max();
     bool waitingForService = false;

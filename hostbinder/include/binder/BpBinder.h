@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <vector>
 
@@ -38,6 +39,8 @@ protected:
     void onLastStrongRef(const void* id) override;
 
 private:
+    friend class Parcel;
+
     struct Obituary {
         wp<DeathRecipient> recipient;
         void* cookie;
@@ -50,6 +53,9 @@ private:
     std::vector<Obituary> mObituaries;
     mutable bool mDescriptorCached = false;
     mutable String16 mDescriptor;
+    // The stability level read with this proxy when it arrived, written back
+    // whenever it travels on; 0 until known.
+    std::atomic<int32_t> mStability{0};
 };
 
 }  // namespace android

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include <binder/Binder.h>
 #include <binder/IBinder.h>
 
@@ -47,6 +49,54 @@ protected:
     typedef INTERFACE BaseInterface;
     IBinder* onAsBinder() override;
 };
+
+// The members an interface I<NAME> declares in its class and defines once in
+// a source file, as interface code (generated or written) expects them: the
+// descriptor, asInterface (the local object, else a new Bp<NAME>), the
+// default implementation used when a peer does not know a call, and the
+// constructor and destructor.
+#define DECLARE_META_INTERFACE(INTERFACE)                                   \
+public:                                                                     \
+    static const ::android::String16 descriptor;                            \
+    static ::android::sp<I##INTERFACE> asInterface(const ::android::sp<::android::IBinder>& obj); \
+    virtual const ::android::String16& getInterfaceDescriptor() const;      \
+    I##INTERFACE();                                                         \
+    virtual ~I##INTERFACE();                                                \
+    static bool setDefaultImpl(std::unique_ptr<I##INTERFACE> impl);         \
+    static const std::unique_ptr<I##INTERFACE>& getDefaultImpl();           \
+                                                                            \
+private:                                                                    \
+    static std::unique_ptr<I##INTERFACE> default_impl;                      \
+                                                                            \
+public:
+
+#define DO_NOT_DIRECTLY_USE_ME_IMPLEMENT_META_INTERFACE(INTERFACE, NAME)                           \
+    const ::android::String16 I##INTERFACE::descriptor(NAME);                                      \
+    const ::android::String16& I##INTERFACE::getInterfaceDescriptor() const { return descriptor; } \
+    ::android::sp<I##INTERFACE> I##INTERFACE::asInterface(const ::android::sp<::android::IBinder>& obj) { \
+        if (obj == nullptr) {                                                                      \
+            return nullptr;                                                                        \
+        }                                                                                          \
+        const ::android::sp<::android::IInterface> local = obj->queryLocalInterface(descriptor);  \
+        if (local != nullptr) {                                                                    \
+            return static_cast<I##INTERFACE*>(local.get());                                        \
+        }                                                                                          \
+        return new Bp##INTERFACE(obj);                                                             \
+    }                                                                                              \
+    std::unique_ptr<I##INTERFACE> I##INTERFACE::default_impl;                                      \
+    bool I##INTERFACE::setDefaultImpl(std::unique_ptr<I##INTERFACE> impl) {                        \
+        /* The first implementation installed stays. */                                            \
+        if (default_impl || !impl) {                                                               \
+            return false;                                                                          \
+        }                                                                                          \
+        default_impl = std::move(impl);                                                            \
+        return true;                                                                               \
+    }                                                                                              \
+    const std::unique_ptr<I##INTERFACE>& I##INTERFACE::getDefaultImpl() { return default_impl; }   \
+    I##INTERFACE::I##INTERFACE() {}                                                                \
+    I##INTERFACE::~I##INTERFACE() {}
+
+#define IMPLEMENT_META_INTERFACE(INTERFACE, NAME) DO_NOT_DIRECTLY_USE_ME_IMPLEMENT_META_INTERFACE(INTERFACE, NAME)
 
 template <typename INTERFACE>
 inline sp<IInterface> BnInterface<INTERFACE>::queryLocalInterface(const String16& descriptor) {

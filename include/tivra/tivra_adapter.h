@@ -2,6 +2,8 @@
 
 // The public interface of libtivra: what a client process sees of the user's
 // distributed device network. Only standard C++ types appear here.
+//
+//   #include <tivra/tivra_adapter.h>      link with: pkg-config --libs tivra
 
 #include <cstdint>
 #include <list>
@@ -9,6 +11,10 @@
 #include <mutex>
 #include <string>
 #include <vector>
+
+// Everything declared here is the library's exported interface; the rest of
+// libtivra.so is hidden.
+#pragma GCC visibility push(default)
 
 namespace Communication {
 
@@ -51,7 +57,7 @@ enum DeviceInfoType : int32_t {
 // A device of the network, as handed to clients. Every getter returns a copy.
 class TivraDeviceInfo {
 public:
-    virtual ~TivraDeviceInfo() = default;
+    virtual ~TivraDeviceInfo();
     virtual std::string GetDeviceName() const = 0;
     virtual std::string GetDeviceId() const = 0;
     virtual std::string GetDeviceType() const = 0;
@@ -61,7 +67,7 @@ public:
 // A node of the network, as handed to clients. Strings are returned as copies.
 class NodeBasicInfo {
 public:
-    virtual ~NodeBasicInfo() = default;
+    virtual ~NodeBasicInfo();
     virtual std::string GetName() const = 0;
     virtual DeviceType GetDeviceType() const = 0;
     virtual std::string GetNodeId() const = 0;
@@ -72,7 +78,7 @@ public:
 // the listener owns.
 class TivraListener {
 public:
-    virtual ~TivraListener() = default;
+    virtual ~TivraListener();
     virtual void OnDeviceOnline(std::shared_ptr<TivraDeviceInfo> device) = 0;
     virtual void OnDeviceOffline(std::shared_ptr<TivraDeviceInfo> device) = 0;
 };
@@ -81,14 +87,14 @@ public:
 // again after the service is back to hear of its next death.
 class TivraDeathNotifier {
 public:
-    virtual ~TivraDeathNotifier() = default;
+    virtual ~TivraDeathNotifier();
     virtual void OnServiceDied() = 0;
 };
 
 // Told when nodes come online, go offline or change their information.
 class DeviceListener {
 public:
-    virtual ~DeviceListener() = default;
+    virtual ~DeviceListener();
     virtual void OnDeviceOnline(std::shared_ptr<NodeBasicInfo> node) = 0;
     virtual void OnDeviceOffline(std::shared_ptr<NodeBasicInfo> node) = 0;
     virtual void OnDeviceInfoChanged(std::string nodeId, DeviceInfoType type) = 0;
@@ -108,16 +114,23 @@ const std::string IS_BLE_ENABLED = "IS_BLE_ENABLED";
 const std::string IS_ACCOUNT_TRUST = "IS_ACCOUNT_TRUST";
 const std::string GROUP_INFO = "GROUP_INFO";
 
+// What GetLocalDevice and GetAllDevices write to their errCode argument.
+enum TivraErrCode : int {
+    TIVRA_ERR_OK = 0,
+    TIVRA_ERR_SERVICE_UNAVAILABLE = 1,  // no device monitor service is registered
+    TIVRA_ERR_CALL_FAILED = 2,          // the call failed, or its answer could not be read
+};
+
 // The process-wide entry point. Nothing throws: operations report failure by
 // their result, and GetLocalDevice/GetAllDevices also through errCode
-// (0 success, 1 service unavailable, 2 the service call failed).
+// (a TivraErrCode).
 class TivraAdapter {
 public:
     // The one adapter of this process; creating it starts the Binder thread
     // pool. Never empty.
     static std::shared_ptr<TivraAdapter> GetInstance();
 
-    virtual ~TivraAdapter() = default;
+    virtual ~TivraAdapter();
 
     virtual bool RegisterCallback(std::shared_ptr<TivraListener> listener) = 0;
     virtual bool UnregisterCallback(std::shared_ptr<TivraListener> listener) = 0;
@@ -140,3 +153,5 @@ private:
 };
 
 }  // namespace Communication
+
+#pragma GCC visibility pop
