@@ -144,11 +144,12 @@ void EventLoop::trimIdleBuffers(Clock::time_point now) {
     }
     for (ConnectionId id : mToTrim) {
         auto it = mConnections.find(id);
-        if (it != mConnections.end() && it->second.out.empty()) {
-            std::vector<uint8_t>().swap(it->second.out);
+        if (it == mConnections.end()) {
+            continue;
         }
-        if (it != mConnections.end()) {
-            it->second.trimPending = false;
+        it->second.trimPending = false;
+        if (it->second.out.empty()) {
+            std::vector<uint8_t>().swap(it->second.out);
         }
     }
     mToTrim.clear();
@@ -275,10 +276,15 @@ void EventLoop::admit(int fd) {
 }
 
 void EventLoop::expireHellos(Clock::time_point now) {
-    while (!mAwaitingHello.empty() && mAwaitingHello.front().first <= now) {
+    while (!mAwaitingHello.empty()) {
         auto it = mConnections.find(mAwaitingHello.front().second);
+        const bool waiting = it != mConnections.end() && it->second.open && !it->second.greeted;
+        // Entries of connections that said hello or went go at once.
+        if (waiting && mAwaitingHello.front().first > now) {
+            break;
+        }
         mAwaitingHello.pop_front();
-        if (it != mConnections.end() && it->second.open && !it->second.greeted) {
+        if (waiting) {
             const uint32_t reason = kNoHello;
             send(it->first, kConnectionRefused, &reason, sizeof(reason));
             flush(it->first, it->second);
