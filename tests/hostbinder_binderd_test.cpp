@@ -220,9 +220,6 @@ TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
          "unknown user", 0, 0},
         {"private whatever the umask", [](auto&, auto& socket) { return std::vector<std::string>{"--socket=" + socket}; },
          0, "", 0600, 0700, 0},
-        {"options end at --", [](auto&, auto& socket) {
-             return std::vector<std::string>{"--allow-group=65533", "--", "--socket", socket};
-         }, 2, "unexpected argument '--socket'", 0, 0},
         {"searchable with allowed users", [](auto&, auto& socket) {
              return std::vector<std::string>{"--socket", socket, "--allow-uid", "65533"};
          }, 0, "", 0666, 0711},
