@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include <binder/Binder.h>
+#include <log/log.h>
 
 #include "protocol/Connection.h"
 
@@ -88,9 +89,14 @@ bool IPCThreadState::connect() {
     if (!mProcess->ensureSession(&hello.token, &generation)) {
         return false;
     }
-    mConnection = Connection::open(hostbinder::defaultSocketPath());
-    if (mConnection == nullptr || !mConnection->send(hostbinder::kHelloThread, &hello, sizeof(hello))) {
-        mConnection.reset();
+    std::vector<uint8_t> welcome;
+    std::string error;
+    mConnection = Connection::connect(hostbinder::defaultSocketPath(), hostbinder::kHelloThread, &hello,
+                                      sizeof(hello), &welcome, &error);
+    if (mConnection == nullptr) {
+        if (!error.empty()) {
+            __android_log_print(ANDROID_LOG_ERROR, "hostbinder", "%s", error.c_str());
+        }
         return false;
     }
     mGeneration = generation;

@@ -33,16 +33,21 @@ ProcessState::~ProcessState() = default;
 sp<IBinder> ProcessState::getContextObject(const sp<IBinder>& /*caller*/) { return getStrongProxyForHandle(0); }
 
 bool ProcessState::connectLocked() {
-    std::shared_ptr<Connection> control = Connection::open(hostbinder::defaultSocketPath());
-    if (control == nullptr) {
+    const std::string path = hostbinder::defaultSocketPath();
+    std::string error = hostbinder::unsafeSocketReason(path, hostbinder::socketChosenByUser());
+    if (!error.empty()) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "not using binderd at %s: %s", path.c_str(), error.c_str());
         return false;
     }
     const hostbinder::HelloProcess hello{static_cast<uint32_t>(mMaxThreads), 0};
-    uint32_t command = 0;
     std::vector<uint8_t> payload;
     hostbinder::HelloThread welcome{};
-    if (!control->send(hostbinder::kHelloProcess, &hello, sizeof(hello)) || !control->receive(&command, &payload) ||
-        command != hostbinder::kWelcome || payload.size() != sizeof(welcome)) {
+    std::shared_ptr<Connection> control =
+        Connection::connect(path, hostbinder::kHelloProcess, &hello, sizeof(hello), &payload, &error);
+    if (!error.empty()) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s", error.c_str());
+    }
+    if (control == nullptr || payload.size() != sizeof(welcome)) {
         return false;
     }
     std::memcpy(&welcome, payload.data(), sizeof(welcome));

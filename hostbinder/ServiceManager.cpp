@@ -7,10 +7,15 @@
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 #include <binder/Status.h>
+#include <log/log.h>
 
 #include "protocol/Protocol.h"
 
 namespace android {
+
+namespace {
+constexpr const char* kTag = "hostbinder";
+}  // namespace
 
 const String16 IServiceManager::descriptor("android.os.IServiceManager");
 
@@ -44,6 +49,10 @@ public:
         if (transport != OK) {
             return transport;
         }
+        if (!status.isOk()) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "addService %s: %s", String8(name).string(),
+                                status.toString8().string());
+        }
         return status.isOk() ? OK : status.exceptionCode();
     }
 
@@ -55,7 +64,10 @@ public:
         Parcel reply;
         binder::Status status;
         int32_t count = 0;
-        if (call(kListServices, data, &reply, &status) != OK || !status.isOk() || reply.readInt32(&count) != OK) {
+        const status_t transport = call(kListServices, data, &reply, &status);
+        if (transport != OK || !status.isOk() || reply.readInt32(&count) != OK) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "listServices failed: %d %s", transport,
+                                status.toString8().string());
             return names;
         }
         for (int32_t i = 0; i < count; ++i) {

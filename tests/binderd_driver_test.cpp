@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <linux/android/binder.h>
 
+#include <algorithm>
 #include <cstring>
 #include <deque>
 #include <map>
@@ -13,12 +14,14 @@
 #include <binder/Parcel.h>
 
 #include "Driver.h"
+#include "Limits.h"
 
 namespace {
 
 using namespace android;
 using namespace android::hostbinder;
 using android::binderd::ConnectionId;
+constexpr int32_t kExNone = 0, kExSecurity = -1, kExIllegalArgument = -3, kExIllegalState = -5;
 
 struct Sent {
     ConnectionId to;
@@ -161,6 +164,68 @@ protected:
         ASSERT_EQ(accepted.creditBytes, kOnewayCreditBytes);
     }
 
+    // Another thread of the client process, on connection `id`.
+    void addClientThread(ConnectionId id) {
+        driver.onConnect(id, 100, 1000);
+        ASSERT_TRUE(feed(id, kHelloThread, sent(kClientControl, kWelcome).payload));
+    }
+
+    std::vector<uint8_t> serviceManagerCall(uint32_t code, const std::string& name, const sp<IBinder>& binder) {
+        Parcel data;
+        data.writeInterfaceToken(String16("android.os.IServiceManager"));
+        data.writeString16(String16(name.c_str()));
+        if (code == kAddService) {
+            data.writeStrongBinder(binder);
+        }
+        return transactionPayload(0, code, 0, data);
+    }
+
+    // The status of the last reply to `thread`, or the exception code its
+    // parcel starts with when the status is OK.
+    int32_t lastAnswer(ConnectionId thread) {
+        const Sent& reply = sent(thread, kIncomingReply);
+        TransactionView view;
+        if (!parseTransaction(Frame{kIncomingReply, reply.payload.data(), static_cast<uint32_t>(reply.payload.size())},
+                              &view)) {
+            return INT32_MIN;
+        }
+        int32_t exception = 0;
+        if (view.header.status != OK || view.header.dataSize < sizeof(exception)) {
+            return view.header.status;
+        }
+        std::memcpy(&exception, view.data, sizeof(exception));
+        return exception;
+    }
+
+    int32_t addService(ConnectionId thread, const std::string& name, const sp<IBinder>& binder) {
+        return feed(thread, kTransaction, serviceManagerCall(kAddService, name, binder)) ? lastAnswer(thread)
+                                                                                          : INT32_MIN;
+    }
+
+    // binderd's answer to a call of `size` bytes from `thread`: 0 when it
+    // went to the service, else the refusal's status.
+    int32_t call(ConnectionId thread, size_t size, uint32_t flags) {
+        const size_t before = outbox.sent.size();
+        Parcel data;
+        const std::vector<uint8_t> bytes(size, 7);
+        data.write(bytes.data(), bytes.size());
+        EXPECT_TRUE(feed(thread, kTransaction, transactionPayload(handle, 1, flags, data)));
+        for (size_t i = before; i < outbox.sent.size(); ++i) {
+            if (outbox.sent[i].to == thread && outbox.sent[i].command == kRefused) {
+                int32_t status = 0;
+                std::memcpy(&status, outbox.sent[i].payload.data(), sizeof(status));
+                return status;
+            }
+        }
+        return 0;
+    }
+
+    size_t framesTo(ConnectionId to, uint32_t command) const {
+        return static_cast<size_t>(std::count_if(outbox.sent.begin(), outbox.sent.end(), [&](const Sent& frame) {
+            return frame.to == to && frame.command == command;
+        }));
+    }
+
     ScriptedOutbox outbox;
     android::binderd::Driver driver{outbox, false};
     sp<BBinder> object = new BBinder();
@@ -223,3 +288,92 @@ TEST_F(DriverFrames, CreditedCallsBeyondTheCreditOrCarryingObjectsBreakTheProtoc
 }
 
 }  // namespace
+
+TEST_F(DriverFrames, ServiceNamesBelongToTheirLiveRegistrant) {
+    const sp<IBinder> other = new BBinder();
+    struct Case {
+        const char* name;
+        ConnectionId from;
+        std::string service;
+        int32_t exception;
+    };
+    const std::vector<Case> cases{
+        {"another process takes a live name", kClientThread, "svc", kExSecurity},
+        {"the owner replaces its binder", kServiceLooper, "svc", kExNone},
+        {"empty name", kClientThread, "", kExIllegalArgument},
+        {"128 characters", kClientThread, std::string(128, 'a'), kExIllegalArgument},
+        {"a character outside the set", kClientThread, "bad name", kExIllegalArgument},
+        {"127 characters of the set", kClientThread, std::string(120, 'a') + "_.-/A9z", kExNone},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(addService(c.from, c.service, other), c.exception);
+    }
+    // Once its owner is gone the name is free.
+    driver.onDisconnect(kServiceControl);
+    EXPECT_EQ(addService(kClientThread, "svc", other), kExNone);
+}
+
+TEST_F(DriverFrames, AProcessRegistersABoundedNumberOfNames) {
+    const sp<IBinder> other = new BBinder();
+    for (size_t i = 0; i < android::binderd::kMaxNamesPerProcess; ++i) {
+        ASSERT_EQ(addService(kClientThread, "name" + std::to_string(i), other), kExNone);
+    }
+    EXPECT_EQ(addService(kClientThread, "one.too.many", other), kExIllegalState);
+    // Replacing its own name is not a new one.
+    EXPECT_EQ(addService(kClientThread, "name0", other), kExNone);
+    // Another process is not held back by this one.
+    EXPECT_EQ(addService(kServiceLooper, "svc2", other), kExNone);
+}
+
+TEST_F(DriverFrames, AProcessHasOneDeathRequestPerHandle) {
+    struct Case {
+        const char* name;
+        std::vector<uint32_t> commands;
+        size_t notices;
+    };
+    const std::vector<Case> cases{
+        {"repeats are ignored", {kRequestDeath, kRequestDeath, kRequestDeath}, 1},
+        {"a cleared request is gone", {kRequestDeath, kClearDeath, kClearDeath}, 0},
+        {"requested again after clearing", {kRequestDeath, kClearDeath, kRequestDeath, kRequestDeath}, 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        for (uint32_t command : c.commands) {
+            ASSERT_TRUE(feed(kClientControl, command, bytesOf(HandleCount{handle, 0})));
+        }
+    }
+    // The three sets of requests leave two pending: still one notice.
+    driver.onDisconnect(kServiceControl);
+    EXPECT_EQ(framesTo(kClientControl, kDeadBinder), 1u);
+}
+
+TEST_F(DriverFrames, WorkForAProcessStaysWithinItsBuffer) {
+    constexpr ConnectionId kSecondThread = 5, kThirdThread = 6;
+    addClientThread(kSecondThread);
+    addClientThread(kThirdThread);
+    constexpr size_t kThird = kMaxTransactionBytes / 3;
+    // The service's one looper takes the first call and does not answer:
+    // what follows waits in its buffer.
+    EXPECT_EQ(call(kClientThread, kThird, 0), 0);
+    EXPECT_EQ(call(kSecondThread, kThird, kFlagOneway), 0);
+    // One-way beyond half of the buffer is refused, and so is anything
+    // beyond all of it.
+    EXPECT_EQ(call(kThirdThread, kThird, kFlagOneway), FAILED_TRANSACTION);
+    EXPECT_EQ(call(kThirdThread, kThird + 64, 0), FAILED_TRANSACTION);
+    EXPECT_EQ(call(kThirdThread, kThird - 64, 0), 0);
+    // An answered call gives its room back.
+    TransactionHeader reply{};
+    ASSERT_TRUE(feed(kServiceLooper, kReply, bytesOf(reply)));
+    EXPECT_EQ(call(kClientThread, kThird, 0), 0);
+}
+
+TEST_F(DriverFrames, LookupsWaitingForANameAreBoundedPerProcess) {
+    const size_t waiters = android::binderd::kMaxLookupWaitersPerProcess;
+    for (size_t i = 0; i <= waiters; ++i) {
+        const ConnectionId thread = 10 + i;
+        addClientThread(thread);
+        ASSERT_TRUE(feed(thread, kTransaction, serviceManagerCall(kGetService, "absent", nullptr)));
+        EXPECT_EQ(framesTo(thread, kIncomingReply), i < waiters ? 0u : 1u) << "lookup " << i;
+    }
+}

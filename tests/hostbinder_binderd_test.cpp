@@ -1,5 +1,6 @@
-// binderd itself: its command line, its socket, and its defences against
-// connections that break the protocol.
+// binderd itself: its command line, its socket and folder, who may connect,
+// and its defences against connections that break the protocol; the client
+// library's side of the socket rules.
 #include <gtest/gtest.h>
 #include <linux/android/binder.h>
 #include <poll.h>
@@ -12,14 +13,16 @@
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 
-#include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
-#include <binder/ProcessState.h>
 
 #include "binderd_fixture.h"
 #include "hostbinder_test_service.h"
+#include "log_capture.h"
 #include "protocol/Protocol.h"
+#include "raw_peer.h"
 
 namespace {
 
@@ -27,96 +30,8 @@ using namespace android;
 using namespace android::hostbinder;
 using namespace tivra_test;
 
-// A hand-driven connection to binderd that can say anything.
-class RawPeer {
-public:
-    explicit RawPeer(const std::string& path) : mFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-        connected = connect(mFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    }
-    ~RawPeer() { close(mFd); }
-
-    void sendBytes(const void* bytes, size_t size) { (void)!send(mFd, bytes, size, MSG_NOSIGNAL); }
-    void sendFrame(uint32_t command, const void* payload, size_t size) {
-        std::vector<uint8_t> frame;
-        appendFrame(&frame, command, payload, size);
-        sendBytes(frame.data(), frame.size());
-    }
-    void sendTransaction(uint32_t handle, const std::vector<uint8_t>& data, const std::vector<uint64_t>& offsets) {
-        TransactionHeader header{};
-        header.target = handle;
-        header.dataSize = static_cast<uint32_t>(data.size());
-        header.offsetsCount = static_cast<uint32_t>(offsets.size());
-        std::vector<uint8_t> frame;
-        appendTransaction(&frame, kTransaction, header, data.data(), offsets.data());
-        sendBytes(frame.data(), frame.size());
-    }
-    void finishSending() { shutdown(mFd, SHUT_WR); }
-
-    // The next frame's command, or 0 once binderd closed the connection
-    // (or said nothing within the timeout: -1).
-    int64_t nextCommand(std::vector<uint8_t>* payload, std::chrono::milliseconds timeout = 5s) {
-        FrameHeader header;
-        if (!readExactly(&header, sizeof(header), timeout)) {
-            return mClosed ? 0 : -1;
-        }
-        payload->resize(header.payloadSize);
-        return readExactly(payload->data(), payload->size(), timeout) ? header.command : -1;
-    }
-
-    bool connected = false;
-
-private:
-    bool readExactly(void* out, size_t size, std::chrono::milliseconds timeout) {
-        auto* bytes = static_cast<uint8_t*>(out);
-        while (size > 0) {
-            pollfd readable{mFd, POLLIN, 0};
-            if (poll(&readable, 1, static_cast<int>(timeout.count())) <= 0) {
-                return false;
-            }
-            const ssize_t n = recv(mFd, bytes, size, 0);
-            if (n <= 0) {
-                mClosed = true;
-                return false;
-            }
-            bytes += n;
-            size -= static_cast<size_t>(n);
-        }
-        return true;
-    }
-
-    const int mFd;
-    bool mClosed = false;
-};
-
-// A process session opened by hand: control connection plus one thread.
-struct RawSession {
-    explicit RawSession(const std::string& path) : control(path), thread(path) {
-        const HelloProcess hello{15, 0};
-        control.sendFrame(kHelloProcess, &hello, sizeof(hello));
-        std::vector<uint8_t> welcome;
-        if (control.nextCommand(&welcome) == kWelcome && welcome.size() == sizeof(HelloThread)) {
-            thread.sendFrame(kHelloThread, welcome.data(), welcome.size());
-            ready = true;
-        }
-    }
-    // binderd's answer to a transaction: kRefused's status, or what it sent.
-    int64_t refusal() {
-        std::vector<uint8_t> payload;
-        const int64_t command = thread.nextCommand(&payload);
-        int32_t status = 0;
-        if (command != kRefused || payload.size() != sizeof(status)) {
-            return command;
-        }
-        std::memcpy(&status, payload.data(), sizeof(status));
-        return status;
-    }
-    RawPeer control;
-    RawPeer thread;
-    bool ready = false;
-};
+constexpr uid_t kOtherUid = 65534;
+constexpr uid_t kAllowedUid = 65533;
 
 std::vector<uint8_t> parcelWithObject(uint32_t type, uint64_t value, size_t dataSize, size_t objectAt) {
     std::vector<uint8_t> data(dataSize, 0);
@@ -131,18 +46,30 @@ std::vector<uint8_t> parcelWithObject(uint32_t type, uint64_t value, size_t data
     return data;
 }
 
+// A socket file with nothing behind it, as a killed binderd leaves.
+void leaveStaleSocket(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    close(fd);
+}
+
+mode_t modeOf(const std::string& path) {
+    struct stat status{};
+    return lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
 class Binderd : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(session.started()) << session.error(); }
 
-    void startService() {
+    // A child that finds the service and gets an echo through it.
+    void expectHealthyClient() {
         Channel ready;
         spawnTestService(session, ready);
         ASSERT_EQ(ready.next(), "ready");
-    }
-
-    // A child that finds the service and gets an echo through it.
-    void expectHealthyClient() {
         const pid_t client = session.spawn([] {
             sp<IBinder> service = lookUpTestService();
             CHILD_CHECK(service != nullptr);
@@ -160,7 +87,6 @@ protected:
 };
 
 TEST_F(Binderd, MalformedFramesCutOnlyTheConnectionThatSentThem) {
-    ASSERT_NO_FATAL_FAILURE(startService());
     std::vector<uint8_t> payload;
 
     RawPeer garbage(session.socketPath());
@@ -186,123 +112,289 @@ TEST_F(Binderd, MalformedFramesCutOnlyTheConnectionThatSentThem) {
     EXPECT_EQ(impostor.nextCommand(&payload), 0);
 
     RawSession rogue(session.socketPath());
-    ASSERT_TRUE(rogue.ready);
+    ASSERT_TRUE(rogue.ready());
     // Parcels that fail validation are refused and never delivered...
-    rogue.thread.sendTransaction(777, {0, 0, 0, 0}, {});
-    EXPECT_EQ(rogue.refusal(), FAILED_TRANSACTION);
-    rogue.thread.sendTransaction(0, parcelWithObject(BINDER_TYPE_HANDLE, 5, 64, 0), {0});
-    EXPECT_EQ(rogue.refusal(), FAILED_TRANSACTION);
-    rogue.thread.sendTransaction(0, parcelWithObject(BINDER_TYPE_BINDER, 0x1000, 64, 0), {48});
-    EXPECT_EQ(rogue.refusal(), FAILED_TRANSACTION);
-    rogue.thread.sendTransaction(0, parcelWithObject(BINDER_TYPE_BINDER, 0x1000, 64, 2), {2});
-    EXPECT_EQ(rogue.refusal(), FAILED_TRANSACTION);
-    rogue.thread.sendTransaction(0, parcelWithObject(0x12345678, 0x1000, 64, 0), {0});
-    EXPECT_EQ(rogue.refusal(), FAILED_TRANSACTION);
-    rogue.thread.sendTransaction(0, parcelWithObject(BINDER_TYPE_BINDER, 0x1000, 64, 8), {8, 16});
-    EXPECT_EQ(rogue.refusal(), FAILED_TRANSACTION);
+    const std::vector<std::pair<std::vector<uint8_t>, std::vector<uint64_t>>> invalid{
+        {parcelWithObject(BINDER_TYPE_HANDLE, 5, 64, 0), {0}},
+        {parcelWithObject(BINDER_TYPE_BINDER, 0x1000, 64, 0), {48}},
+        {parcelWithObject(BINDER_TYPE_BINDER, 0x1000, 64, 2), {2}},
+        {parcelWithObject(0x12345678, 0x1000, 64, 0), {0}},
+        {parcelWithObject(BINDER_TYPE_BINDER, 0x1000, 64, 8), {8, 16}},
+    };
+    rogue.thread().sendTransaction(777, 1, {0, 0, 0, 0});
+    EXPECT_EQ(rogue.answer(), FAILED_TRANSACTION);
+    for (const auto& [data, offsets] : invalid) {
+        rogue.thread().sendTransaction(0, 1, data, offsets);
+        EXPECT_EQ(rogue.answer(), FAILED_TRANSACTION);
+    }
     // ...while a reply that answers nothing breaks the protocol and is cut.
     const TransactionHeader empty{};
-    rogue.thread.sendFrame(kReply, &empty, sizeof(empty));
-    EXPECT_EQ(rogue.thread.nextCommand(&payload), 0);
+    rogue.thread().sendFrame(kReply, &empty, sizeof(empty));
+    EXPECT_EQ(rogue.thread().nextCommand(&payload), 0);
     // A release of a handle the process never got ends its whole session.
     const HandleCount forgedRelease{99, 1};
-    rogue.control.sendFrame(kReleaseHandle, &forgedRelease, sizeof(forgedRelease));
-    EXPECT_EQ(rogue.control.nextCommand(&payload), 0);
+    rogue.control().sendFrame(kReleaseHandle, &forgedRelease, sizeof(forgedRelease));
+    EXPECT_EQ(rogue.control().nextCommand(&payload), 0);
 
     expectHealthyClient();
     EXPECT_EQ(kill(session.binderdPid(), 0), 0);
 }
 
-TEST_F(Binderd, APeerThatNeverReadsIsCutWithoutStallingOthers) {
-    ASSERT_NO_FATAL_FAILURE(startService());
-    RawSession lazy(session.socketPath());
-    ASSERT_TRUE(lazy.ready);
-    // Death requests on the context manager answer nothing; list requests do:
-    // ask for the service list over and over without ever reading replies.
-    // Each waits for its reply, so only one is in flight: binderd's buffer for
-    // this peer stays small and it must simply keep serving everyone else.
-    std::vector<uint8_t> listRequest;
-    {
-        Parcel data;
-        data.writeInterfaceToken(String16("android.os.IServiceManager"));
-        data.writeInt32(0);
-        listRequest.assign(data.data(), data.data() + data.dataSize());
+// --- the command line, the socket file and its folder ---
+
+struct DaemonRun {
+    int status = -1;
+    std::string output;
+    mode_t socketMode = 0;
+    mode_t folderMode = 0;
+};
+
+bool listening(const std::string& path) { return RawPeer(path).connected(); }
+
+// Runs binderd under `mask`; once it listens on `socket` (if ever), notes the
+// modes and stops it with SIGTERM.
+DaemonRun runBinderd(const std::vector<std::string>& arguments, const std::string& socket, mode_t mask) {
+    int pipeFds[2];
+    if (pipe(pipeFds) != 0) {
+        return {};
     }
-    lazy.thread.sendTransaction(0, listRequest, {});
-    expectHealthyClient();
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(pipeFds[1], STDOUT_FILENO);
+        dup2(pipeFds[1], STDERR_FILENO);
+        umask(mask);
+        std::vector<char*> argv{const_cast<char*>("binderd")};
+        for (const std::string& argument : arguments) {
+            argv.push_back(const_cast<char*>(argument.c_str()));
+        }
+        argv.push_back(nullptr);
+        execv(TIVRA_BINDERD_PATH, argv.data());
+        _exit(127);
+    }
+    close(pipeFds[1]);
+    DaemonRun run;
+    int status = 0;
+    bool exited = false;
+    waitUntil([&] { return (exited = waitpid(child, &status, WNOHANG) == child) || listening(socket); }, 5s);
+    if (!exited) {
+        if (listening(socket)) {
+            run.socketMode = modeOf(socket);
+            run.folderMode = modeOf(std::filesystem::path(socket).parent_path());
+        }
+        kill(child, SIGTERM);
+        waitpid(child, &status, 0);
+    }
+    char buffer[512];
+    ssize_t n;
+    while ((n = read(pipeFds[0], buffer, sizeof(buffer))) > 0) {
+        run.output.append(buffer, static_cast<size_t>(n));
+    }
+    close(pipeFds[0]);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
 }
 
-TEST(BinderdCommandLine, HelpLiveDaemonStaleSocketAndCleanExit) {
-    BinderdSession session;
-    ASSERT_TRUE(session.started()) << session.error();
-    auto run = [](const std::vector<std::string>& arguments, std::string* output) {
-        int pipeFds[2];
-        EXPECT_EQ(pipe(pipeFds), 0);
-        const pid_t child = fork();
-        if (child == 0) {
-            dup2(pipeFds[1], STDOUT_FILENO);
-            dup2(pipeFds[1], STDERR_FILENO);
-            std::vector<char*> argv{const_cast<char*>("binderd")};
-            for (const std::string& argument : arguments) {
-                argv.push_back(const_cast<char*>(argument.c_str()));
-            }
-            argv.push_back(nullptr);
-            execv(TIVRA_BINDERD_PATH, argv.data());
-            _exit(127);
-        }
-        close(pipeFds[1]);
-        char buffer[512];
-        ssize_t n;
-        while ((n = read(pipeFds[0], buffer, sizeof(buffer))) > 0) {
-            output->append(buffer, static_cast<size_t>(n));
-        }
-        close(pipeFds[0]);
-        int status = 0;
-        waitpid(child, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
+    BinderdSession live;
+    ASSERT_TRUE(live.started()) << live.error();
+    struct Case {
+        const char* name;
+        // Prepares the folder `base` and returns binderd's arguments; the
+        // socket is `base`/run/binder.
+        std::function<std::vector<std::string>(const std::string& base, const std::string& socket)> setUp;
+        int status;
+        const char* says;
+        mode_t socketMode;  // 0: binderd must not listen
+        mode_t folderMode;
+        mode_t mask = 022;
+        bool asRootOnly = false;
     };
-    std::string output;
-    EXPECT_EQ(run({"--help"}, &output), 0);
-    EXPECT_NE(output.find("usage: binderd [--socket PATH] [--verbose]"), std::string::npos) << output;
-
-    output.clear();
-    EXPECT_EQ(run({"--socket", session.socketPath()}, &output), 1);
-    EXPECT_NE(output.find("already running"), std::string::npos) << output;
-
-    output.clear();
-    EXPECT_EQ(run({"--bogus"}, &output), 2);
-
-    // binderd killed without cleaning up leaves a socket file behind.
-    kill(session.binderdPid(), SIGKILL);
-    ASSERT_TRUE(waitUntil([&] { return waitpid(session.binderdPid(), nullptr, WNOHANG) != 0; }));
-    ASSERT_TRUE(std::filesystem::exists(session.socketPath()));
-    ASSERT_TRUE(session.startBinderd()) << session.error();
-    EXPECT_TRUE(session.stopBinderd());
-    EXPECT_FALSE(std::filesystem::exists(session.socketPath()));
+    const std::vector<Case> cases{
+        {"help", [](auto&, auto&) { return std::vector<std::string>{"--help"}; }, 0, "usage: binderd", 0, 0},
+        {"version", [](auto&, auto&) { return std::vector<std::string>{"--version"}; }, 0, "binderd (libtivra) ",
+         0, 0},
+        {"unknown option", [](auto&, auto&) { return std::vector<std::string>{"--bogus"}; }, 2, "usage", 0, 0},
+        {"stray argument", [](auto&, auto& socket) { return std::vector<std::string>{"--socket", socket, "x"}; }, 2,
+         "unexpected argument 'x'", 0, 0},
+        {"unknown user", [](auto&, auto&) { return std::vector<std::string>{"--allow-uid=no-such-user-here"}; }, 2,
+         "unknown user", 0, 0},
+        {"private whatever the umask", [](auto&, auto& socket) { return std::vector<std::string>{"--socket=" + socket}; },
+         0, "", 0600, 0700, 0},
+        {"searchable with allowed users", [](auto&, auto& socket) {
+             return std::vector<std::string>{"--socket", socket, "--allow-uid", "65533"};
+         }, 0, "", 0666, 0711},
+        {"stale socket replaced", [](auto& base, auto& socket) {
+             std::filesystem::create_directory(base + "/run");
+             leaveStaleSocket(socket);
+             return std::vector<std::string>{"--socket", socket};
+         }, 0, "", 0600, 0755},
+        {"regular file kept", [](auto& base, auto& socket) {
+             std::filesystem::create_directory(base + "/run");
+             std::ofstream(socket) << "precious";
+             return std::vector<std::string>{"--socket", socket};
+         }, 1, "is not a socket: not replacing it", 0, 0},
+        {"symlinked folder", [](auto& base, auto& socket) {
+             std::filesystem::create_directory(base + "/real");
+             std::filesystem::create_directory_symlink(base + "/real", base + "/run");
+             return std::vector<std::string>{"--socket", socket};
+         }, 1, "not a directory", 0, 0},
+        {"folder others can write", [](auto& base, auto& socket) {
+             std::filesystem::create_directory(base + "/run");
+             chmod((base + "/run").c_str(), 0777);
+             return std::vector<std::string>{"--socket", socket};
+         }, 1, "others can write to it", 0, 0},
+        {"folder of another user", [](auto& base, auto& socket) {
+             std::filesystem::create_directory(base + "/run");
+             (void)!chown((base + "/run").c_str(), kOtherUid, kOtherUid);
+             return std::vector<std::string>{"--socket", socket};
+         }, 1, "belongs to uid 65534", 0, 0, 022, true},
+        {"second instance", [&live](auto&, auto&) { return std::vector<std::string>{"--socket", live.socketPath()}; },
+         1, "another binderd is already running", 0, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (c.asRootOnly && geteuid() != 0) {
+            continue;
+        }
+        char pattern[] = "/tmp/binderd-cli-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        const std::string base = pattern;
+        const std::string socket = base + "/run/binder";
+        const DaemonRun run = runBinderd(c.setUp(base, socket), socket, c.mask);
+        EXPECT_EQ(run.status, c.status) << run.output;
+        EXPECT_NE(run.output.find(c.says), std::string::npos) << run.output;
+        EXPECT_EQ(run.socketMode, c.socketMode);
+        if (c.socketMode != 0) {
+            EXPECT_EQ(run.folderMode, c.folderMode);
+            EXPECT_FALSE(std::filesystem::exists(socket)) << "the socket outlived binderd";
+        }
+        if (std::string(c.name) == "regular file kept") {
+            std::string kept;
+            std::getline(std::ifstream(socket), kept);
+            EXPECT_EQ(kept, "precious");
+        }
+        std::filesystem::remove_all(base);
+    }
 }
 
 TEST(BinderdCommandLine, DefaultSocketLivesInAPrivateRuntimeFolder) {
     char pattern[] = "/tmp/hostbinder-xdg-XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
     const std::string runtimeDir = pattern;
-    const pid_t daemon = fork();
-    if (daemon == 0) {
-        unsetenv("HOSTBINDER_SOCKET");
-        setenv("XDG_RUNTIME_DIR", runtimeDir.c_str(), 1);
-        execl(TIVRA_BINDERD_PATH, "binderd", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    const std::string socketPath = runtimeDir + "/hostbinder/binder";
-    EXPECT_TRUE(waitUntil([&] { return std::filesystem::exists(socketPath); }));
-    struct stat folder{};
-    EXPECT_EQ(stat((runtimeDir + "/hostbinder").c_str(), &folder), 0);
-    EXPECT_EQ(folder.st_mode & 0777, 0700u);
-    kill(daemon, SIGINT);
-    int status = -1;
-    waitpid(daemon, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_FALSE(std::filesystem::exists(socketPath));
+    setenv("XDG_RUNTIME_DIR", runtimeDir.c_str(), 1);
+    unsetenv("HOSTBINDER_SOCKET");
+    const DaemonRun run = runBinderd({}, runtimeDir + "/hostbinder/binder", 022);
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_EQ(run.socketMode, 0600u);
+    EXPECT_EQ(run.folderMode, 0700u);
     std::filesystem::remove_all(runtimeDir);
+}
+
+// --- who may connect ---
+
+// The answer to a process hello from a child running as `uid`: the command,
+// or the refusal's reason plus 1000.
+int64_t helloAs(uid_t uid, BinderdSession& session) {
+    const pid_t child = session.spawn([&] {
+        if (setgid(uid) != 0 || setuid(uid) != 0) {
+            return 255;
+        }
+        RawPeer peer(session.socketPath());
+        const HelloProcess hello{15, 0};
+        std::vector<uint8_t> payload;
+        peer.sendFrame(kHelloProcess, &hello, sizeof(hello));
+        const int64_t command = peer.nextCommand(&payload);
+        uint32_t reason = 0;
+        if (command == kConnectionRefused && payload.size() == sizeof(reason)) {
+            std::memcpy(&reason, payload.data(), sizeof(reason));
+            return static_cast<int>(reason);
+        }
+        return command == kWelcome ? 0 : 254;
+    });
+    return session.waitExit(child);
+}
+
+TEST(BinderdAccess, PeersAreAdmittedByTheirCredentials) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "acting as other users needs root";
+    }
+    BinderdSession session({"--allow-uid", std::to_string(kAllowedUid)});
+    ASSERT_TRUE(session.started()) << session.error();
+    EXPECT_EQ(helloAs(0, session), 0);
+    EXPECT_EQ(helloAs(kAllowedUid, session), 0);
+    EXPECT_EQ(helloAs(kOtherUid, session), kRefusedByPolicy);
+}
+
+// --- the client library's side ---
+
+TEST(ClientSocketRules, DefaultFoldersMustBePrivateAChosenSocketMustBeASocket) {
+    char pattern[] = "/tmp/hostbinder-client-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    const std::string base = pattern;
+    struct Case {
+        const char* name;
+        std::function<std::string()> setUp;  // returns the socket path
+        bool chosen;
+        const char* reason;  // "" when the client may connect
+        bool asRootOnly = false;
+    };
+    const std::vector<Case> cases{
+        {"own private folder", [&] { std::filesystem::create_directory(base + "/own"); return base + "/own/binder"; },
+         false, ""},
+        {"folder others can write", [&] {
+             std::filesystem::create_directory(base + "/open");
+             chmod((base + "/open").c_str(), 0777);
+             return base + "/open/binder";
+         }, false, "is writable by others"},
+        {"symlinked folder", [&] {
+             std::filesystem::create_directory_symlink(base + "/own", base + "/link");
+             return base + "/link/binder";
+         }, false, "is not a directory"},
+        {"folder of another user", [&] {
+             std::filesystem::create_directory(base + "/theirs");
+             (void)!chown((base + "/theirs").c_str(), kOtherUid, kOtherUid);
+             return base + "/theirs/binder";
+         }, false, "belongs to uid 65534", true},
+        {"chosen socket in any folder", [&] {
+             leaveStaleSocket(base + "/open/binder");
+             return base + "/open/binder";
+         }, true, ""},
+        {"chosen path that is a file", [&] {
+             std::ofstream(base + "/own/file") << "x";
+             return base + "/own/file";
+         }, true, "is not a socket"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (c.asRootOnly && geteuid() != 0) {
+            continue;
+        }
+        const std::string reason = unsafeSocketReason(c.setUp(), c.chosen);
+        EXPECT_EQ(reason.empty(), *c.reason == 0) << reason;
+        EXPECT_NE(reason.find(c.reason), std::string::npos) << reason;
+    }
+    std::filesystem::remove_all(base);
+}
+
+TEST(ClientSocketRules, ASilentBinderdIsReportedAndLookupsGiveNull) {
+    BinderdSession session;
+    // A socket that takes connections and never answers them.
+    const std::string silent = std::filesystem::path(session.socketPath()).parent_path() / "silent";
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, silent.c_str(), sizeof(address.sun_path) - 1);
+    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listener, 8), 0);
+    const pid_t client = session.spawn([&] {
+        setenv("HOSTBINDER_SOCKET", silent.c_str(), 1);
+        LogCapture log;
+        CHILD_CHECK(defaultServiceManager()->checkService(kTestServiceName) == nullptr);
+        CHILD_CHECK(log.Contains(ANDROID_LOG_ERROR, "binderd at " + silent + " did not answer", "hostbinder"));
+        return 0;
+    });
+    EXPECT_EQ(session.waitExit(client, 30s), 0);
+    close(listener);
 }
 
 }  // namespace

@@ -4,13 +4,14 @@
 
 #include <algorithm>
 
+#include "Limits.h"
+
 namespace android::binderd {
 
 using namespace hostbinder;
 
 namespace {
 constexpr const char* kTag = "binderd";
-constexpr uint32_t kMaxPoolThreads = 1024;
 }  // namespace
 
 Driver::Driver(Outbox& outbox, bool verbose)
@@ -85,6 +86,7 @@ bool Driver::startSession(ConnectionId id, Peer& peer, const Frame& frame) {
         owner->second->threads.push_back(thread.get());
         peer.thread = thread.get();
         mThreads.emplace(id, std::move(thread));
+        mOutbox.send(id, kWelcome, nullptr, 0);
         return true;
     }
     return false;

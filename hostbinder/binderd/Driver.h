@@ -12,6 +12,7 @@
 #include <utils/Errors.h>
 
 #include "Outbox.h"
+#include "ServiceRegistry.h"
 #include "State.h"
 
 namespace android {
@@ -76,8 +77,13 @@ private:
     void abandon(const std::shared_ptr<Transaction>& transaction);
     void releaseTransit(Thread& thread);
 
+    // Whether the receiver's buffer takes `size` more bytes: everything
+    // pending within the platform's per-process buffer, one-way within half.
+    bool bufferFits(const Process& receiver, size_t size, bool oneway) const;
+    // A two-way call ended: its bytes leave the receiver's buffer.
+    void releaseCall(Transaction& call);
+
     // --- one-way calls (Oneway.cpp) ---
-    bool onewayFits(const Process& receiver, size_t size) const;
     // Queues an accepted one-way call and tells the sender, granting credit
     // while the receiver's buffer has room to spare.
     void acceptOneway(Thread& sender, uint32_t handle, const std::shared_ptr<Transaction>& transaction);
@@ -97,7 +103,9 @@ private:
     void requeuePipeline(Thread& thread);
 
     // --- objects and references (References.cpp) ---
-    bool objectsValid(const Process& from, const hostbinder::TransactionView& view) const;
+    // Every object well formed and naming what the sender may name, and room
+    // for them in both processes' tables.
+    bool objectsValid(const Process& from, const Process& to, const hostbinder::TransactionView& view) const;
     // Copies the parcel for `to`, translating every object; owner-bound
     // binders are kept alive in `transit`.
     void translate(Process& from, Process& to, const hostbinder::TransactionView& view, Transaction* out,
@@ -116,19 +124,22 @@ private:
     void serveServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request);
     void replyFromServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request, const Parcel& reply,
                                  status_t status);
+    // addService's answer: the exception code, with a message beside it.
+    int32_t addService(const Process& registrant, const std::u16string& name, uint32_t handle,
+                       std::string* message);
     void answerLookup(Thread& caller, const std::shared_ptr<Transaction>& request, const std::u16string& name);
+    void answerWaiters();
     void removeServicesOf(const Process& process);
     void releaseRequestHandles(const Transaction& request, uint32_t keptHandle);
 
-    struct ServiceEntry {
-        uint32_t handle = 0;  // in the service manager's own table
-        uint64_t registrant = 0;
-    };
     struct LookupWaiter {
         std::shared_ptr<Transaction> request;
         std::u16string name;
         Clock::time_point deadline;
+        uint64_t process = 0;  // the waiting process's token
     };
+    // Removes the waiter at `it`, uncounting it from its process.
+    std::vector<LookupWaiter>::iterator dropWaiter(std::vector<LookupWaiter>::iterator it);
 
     Outbox& mOutbox;
     const bool mVerbose;
@@ -140,7 +151,7 @@ private:
     // holds the registered binders, and handle 0 of everyone is its node.
     Process mServiceManager;
     std::shared_ptr<Node> mContextNode;
-    std::map<std::u16string, ServiceEntry> mServices;
+    ServiceRegistry mRegistry;
     std::vector<LookupWaiter> mLookupWaiters;
 };
 

@@ -1,6 +1,8 @@
 #include "EventLoop.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -9,6 +11,8 @@
 #include <cstring>
 
 #include <log/log.h>
+
+#include "Limits.h"
 
 namespace android::binderd {
 
@@ -19,10 +23,17 @@ namespace {
 constexpr const char* kTag = "binderd";
 constexpr ConnectionId kListenId = 0;
 constexpr ConnectionId kStopId = 1;
+// Whole frames up to this size go to the driver straight from the loop's
+// read buffer; a larger one is gathered in a buffer of its own size.
 constexpr size_t kReadChunk = 256 * 1024;
-// A peer that does not read its frames is cut rather than buffered forever:
-// a few largest transactions plus its notices is all an honest one lags.
-constexpr size_t kMaxPendingOutput = 8 * kMaxPayload;
+constexpr int kMaxAcceptsPerRound = 64;
+// Descriptors kept free of connections: the listening socket, epoll, the
+// signal descriptor, standard streams, the reserve and the lock.
+constexpr size_t kSpareDescriptors = 32;
+// A connection keeps a larger output buffer while it is busy; a second
+// after its output was last written the buffer shrinks to this.
+constexpr size_t kKeptOutputCapacity = 4096;
+constexpr std::chrono::seconds kTrimDelay{1};
 
 void watch(int epollFd, int fd, ConnectionId id, uint32_t events, int operation) {
     epoll_event event{};
@@ -31,220 +42,558 @@ void watch(int epollFd, int fd, ConnectionId id, uint32_t events, int operation)
     epoll_ctl(epollFd, operation, fd, &event);
 }
 
+// Bytes read; 0 once the peer is gone or broken; -1 when nothing is there.
+ssize_t receiveSome(int fd, uint8_t* into, size_t size) {
+    ssize_t n;
+    do {
+        n = recv(fd, into, size, 0);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        return errno == EAGAIN || errno == EWOULDBLOCK ? -1 : 0;
+    }
+    return n;
+}
+
+size_t connectionLimit() {
+    rlimit descriptors{};
+    if (getrlimit(RLIMIT_NOFILE, &descriptors) != 0 || descriptors.rlim_cur == RLIM_INFINITY) {
+        return kMaxConnections;
+    }
+    const size_t usable = descriptors.rlim_cur > kSpareDescriptors ? descriptors.rlim_cur - kSpareDescriptors : 1;
+    return std::min(kMaxConnections, usable);
+}
+
 }  // namespace
 
-EventLoop::EventLoop(int listenFd, int stopFd, bool verbose)
+EventLoop::EventLoop(int listenFd, int stopFd, const PeerPolicy& policy, bool verbose)
     : mListenFd(listenFd),
       mStopFd(stopFd),
       mEpollFd(epoll_create1(EPOLL_CLOEXEC)),
+      mPolicy(policy),
       mDriver(*this, verbose),
-      mNextId(kStopId + 1) {
+      mNextId(kStopId + 1),
+      mMaxConnections(connectionLimit()),
+      mReserveFd(open("/dev/null", O_RDONLY | O_CLOEXEC)) {
     watch(mEpollFd, mListenFd, kListenId, EPOLLIN, EPOLL_CTL_ADD);
     watch(mEpollFd, mStopFd, kStopId, EPOLLIN, EPOLL_CTL_ADD);
 }
 
 EventLoop::~EventLoop() {
-    for (auto& entry : mPeers) {
-        close(entry.second.fd);
+    // Every session ends as if its peer had gone, so the driver lets go of
+    // all it holds.
+    for (auto& entry : mConnections) {
+        close(entry.first, entry.second, true);
     }
-    close(mEpollFd);
+    settle();
+    if (mReserveFd >= 0) {
+        ::close(mReserveFd);
+    }
+    ::close(mEpollFd);
 }
 
 int EventLoop::run() {
+    while (runOnce(epollTimeout())) {
+    }
+    return mStatus;
+}
+
+bool EventLoop::runOnce(int timeoutMs) {
     constexpr int kMaxEvents = 64;
     epoll_event events[kMaxEvents];
-    for (;;) {
-        const int count = epoll_wait(mEpollFd, events, kMaxEvents, epollTimeout());
-        if (count < 0 && errno != EINTR) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "epoll_wait failed: %d", errno);
-            return 1;
-        }
-        for (int i = 0; i < count; ++i) {
-            const ConnectionId id = events[i].data.u64;
-            if (id == kStopId) {
-                return 0;
-            }
-            if (id == kListenId) {
-                accept();
-                continue;
-            }
-            auto peer = mPeers.find(id);
-            if (peer == mPeers.end()) {
-                continue;
-            }
-            if ((events[i].events & EPOLLOUT) != 0) {
-                flush(id, peer->second);
-            }
-            if ((events[i].events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
-                readFrom(id);
-            }
-        }
-        mDriver.expireTimers(Driver::Clock::now());
-        flushDirty();
+    const int count = epoll_wait(mEpollFd, events, kMaxEvents, timeoutMs);
+    if (count < 0 && errno != EINTR) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "epoll_wait failed: %s", std::strerror(errno));
+        mStatus = 1;
+        return false;
     }
-}
-
-int EventLoop::epollTimeout() const {
-    const Driver::Clock::time_point deadline = mDriver.nextDeadline();
-    if (deadline == Driver::Clock::time_point::max()) {
-        return -1;
-    }
-    const auto wait =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Driver::Clock::now()).count() + 1;
-    return static_cast<int>(std::clamp<int64_t>(wait, 0, 60000));
-}
-
-void EventLoop::accept() {
-    for (;;) {
-        const int fd = accept4(mListenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd < 0) {
-            return;
+    for (int i = 0; i < count; ++i) {
+        const ConnectionId id = events[i].data.u64;
+        if (id == kStopId) {
+            return false;
         }
-        ucred credentials{};
-        socklen_t length = sizeof(credentials);
-        if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
-            close(fd);
+        if (id == kListenId) {
+            accept();
             continue;
         }
-        const ConnectionId id = mNextId++;
-        mPeers[id].fd = fd;
-        watch(mEpollFd, fd, id, EPOLLIN, EPOLL_CTL_ADD);
-        mDriver.onConnect(id, credentials.pid, credentials.uid);
-    }
-}
-
-bool EventLoop::readFrom(ConnectionId id) {
-    // At most one chunk per wake-up, so one busy peer cannot starve the rest.
-    Peer& peer = mPeers.at(id);
-    // The buffer only grows, so reads never pay for zero-filling.
-    if (peer.in.size() < peer.inUsed + kReadChunk) {
-        peer.in.resize(peer.inUsed + kReadChunk);
-    }
-    ssize_t n;
-    do {
-        n = recv(peer.fd, peer.in.data() + peer.inUsed, kReadChunk, 0);
-    } while (n < 0 && errno == EINTR);
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-        return false;
-    }
-    if (n <= 0) {
-        drop(id);
-        return false;
-    }
-    peer.inUsed += static_cast<size_t>(n);
-    size_t start = 0;
-    for (;;) {
-        Frame frame;
-        size_t consumed = 0;
-        const DecodeStatus status = decodeFrame(peer.in.data() + start, peer.inUsed - start, &frame, &consumed);
-        if (status == DecodeStatus::kIncomplete) {
-            break;
+        auto it = mConnections.find(id);
+        if (it == mConnections.end()) {
+            continue;
         }
-        if (status == DecodeStatus::kMalformed || !mDriver.onFrame(id, frame)) {
-            drop(id);
-            return false;
+        Connection& connection = it->second;
+        if (connection.open && (events[i].events & EPOLLOUT) != 0) {
+            flush(id, connection);
         }
-        start += consumed;
-        // The driver may have cut this very connection.
-        if (mPeers.find(id) == mPeers.end()) {
-            return false;
+        if (connection.open && (events[i].events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
+            readFrom(id);
         }
+        settle();
     }
-    std::memmove(peer.in.data(), peer.in.data() + start, peer.inUsed - start);
-    peer.inUsed -= start;
+    const Clock::time_point now = Clock::now();
+    mDriver.expireTimers(now);
+    expireHellos(now);
+    settle();
+    flushDirty();
+    trimIdleBuffers(now);
+    reap();
     return true;
 }
 
-void EventLoop::drain(ConnectionId id) {
-    while (mPeers.count(id) != 0 && readFrom(id)) {
+void EventLoop::trimIdleBuffers(Clock::time_point now) {
+    if (mToTrim.empty() || now < mNextTrim) {
+        return;
+    }
+    for (ConnectionId id : mToTrim) {
+        auto it = mConnections.find(id);
+        if (it == mConnections.end()) {
+            continue;
+        }
+        it->second.trimPending = false;
+        if (it->second.out.empty()) {
+            std::vector<uint8_t>().swap(it->second.out);
+        }
+    }
+    mToTrim.clear();
+}
+
+int EventLoop::epollTimeout() const {
+    Clock::time_point deadline = mDriver.nextDeadline();
+    if (!mAwaitingHello.empty()) {
+        deadline = std::min(deadline, mAwaitingHello.front().first);
+    }
+    if (!mToTrim.empty()) {
+        deadline = std::min(deadline, mNextTrim);
+    }
+    if (deadline == Clock::time_point::max()) {
+        return -1;
+    }
+    const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count() + 1;
+    return static_cast<int>(std::clamp<int64_t>(wait, 0, 60000));
+}
+
+bool EventLoop::mayWarn() {
+    const Clock::time_point now = Clock::now();
+    if (now - mLastWarning < std::chrono::seconds(1)) {
+        ++mSuppressedWarnings;
+        return false;
+    }
+    if (mSuppressedWarnings > 0) {
+        __android_log_print(ANDROID_LOG_WARN, kTag, "(%u more warnings in the last second)", mSuppressedWarnings);
+    }
+    mLastWarning = now;
+    mSuppressedWarnings = 0;
+    return true;
+}
+
+// --- connections coming and going ---
+
+void EventLoop::accept() {
+    for (int i = 0; i < kMaxAcceptsPerRound; ++i) {
+        const int fd = accept4(mListenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd >= 0) {
+            admit(fd);
+        } else if (errno == EMFILE || errno == ENFILE) {
+            if (!shedOneConnection()) {
+                return;
+            }
+        } else if (errno != EINTR && errno != ECONNABORTED) {
+            return;
+        }
     }
 }
 
-EventLoop::Peer* EventLoop::outputPeer(ConnectionId id) {
-    auto it = mPeers.find(id);
-    if (it == mPeers.end()) {
+bool EventLoop::shedOneConnection() {
+    // The reserve descriptor makes room to take the waiting connection and
+    // turn it away: it learns why, and the listening socket does not stay
+    // readable for a loop that cannot accept.
+    if (mReserveFd < 0) {
+        return false;
+    }
+    ::close(mReserveFd);
+    const int fd = accept4(mListenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd >= 0) {
+        refuse(fd, kOutOfDescriptors);
+    }
+    mReserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (fd >= 0 && mayWarn()) {
+        __android_log_print(ANDROID_LOG_WARN, kTag, "out of file descriptors: turning a connection away");
+    }
+    return fd >= 0;
+}
+
+void EventLoop::refuse(int fd, uint32_t reason) {
+    std::vector<uint8_t> frame;
+    appendFrame(&frame, kConnectionRefused, &reason, sizeof(reason));
+    // A fresh socket's buffer always takes these few bytes.
+    (void)!::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    ::close(fd);
+}
+
+void EventLoop::admit(int fd) {
+    ucred peer{};
+    socklen_t length = sizeof(peer);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+        ::close(fd);
+        return;
+    }
+    if (!mPolicy.admits(fd, peer)) {
+        if (mayWarn()) {
+            __android_log_print(ANDROID_LOG_WARN, kTag, "refused process %d: uid %u may not connect", peer.pid,
+                                peer.uid);
+        }
+        refuse(fd, kRefusedByPolicy);
+        return;
+    }
+    Usage& process = mProcessUsage[peer.pid];
+    Usage& user = mUserUsage[peer.uid];
+    if (process.connections >= kMaxConnectionsPerProcess || user.connections >= kMaxConnectionsPerUid ||
+        mTotalUsage.connections >= mMaxConnections) {
+        if (mayWarn()) {
+            __android_log_print(ANDROID_LOG_WARN, kTag, "refused a connection of process %d (uid %u): too many",
+                                peer.pid, peer.uid);
+        }
+        refuse(fd, kTooManyConnections);
+        if (process.connections == 0) {
+            mProcessUsage.erase(peer.pid);
+        }
+        if (user.connections == 0) {
+            mUserUsage.erase(peer.uid);
+        }
+        return;
+    }
+    const ConnectionId id = mNextId++;
+    Connection& connection = mConnections[id];
+    connection.fd = fd;
+    connection.pid = peer.pid;
+    connection.uid = peer.uid;
+    connection.process = &process;
+    connection.user = &user;
+    ++process.connections;
+    ++user.connections;
+    ++mTotalUsage.connections;
+    mAwaitingHello.emplace_back(Clock::now() + kHelloDeadline, id);
+    watch(mEpollFd, fd, id, EPOLLIN, EPOLL_CTL_ADD);
+    mDriver.onConnect(id, peer.pid, peer.uid);
+}
+
+void EventLoop::expireHellos(Clock::time_point now) {
+    while (!mAwaitingHello.empty()) {
+        auto it = mConnections.find(mAwaitingHello.front().second);
+        const bool waiting = it != mConnections.end() && it->second.open && !it->second.greeted;
+        // Entries of connections that said hello or went go at once.
+        if (waiting && mAwaitingHello.front().first > now) {
+            break;
+        }
+        mAwaitingHello.pop_front();
+        if (waiting) {
+            const uint32_t reason = kNoHello;
+            send(it->first, kConnectionRefused, &reason, sizeof(reason));
+            flush(it->first, it->second);
+            close(it->first, it->second, true);
+        }
+    }
+}
+
+void EventLoop::close(ConnectionId id, Connection& connection, bool tellDriver) {
+    if (!connection.open) {
+        return;
+    }
+    connection.open = false;
+    epoll_ctl(mEpollFd, EPOLL_CTL_DEL, connection.fd, nullptr);
+    ::close(connection.fd);
+    connection.fd = -1;
+    refund(connection, connection.buffered);
+    connection.partial.reset();
+    connection.partialSize = connection.partialUsed = 0;
+    std::vector<uint8_t>().swap(connection.out);
+    connection.outStart = 0;
+    --connection.process->connections;
+    --connection.user->connections;
+    --mTotalUsage.connections;
+    if (tellDriver) {
+        mUntold.push_back(id);
+    }
+    mClosed.push_back(id);
+}
+
+void EventLoop::settle() {
+    while (!mUntold.empty()) {
+        const ConnectionId id = mUntold.front();
+        mUntold.pop_front();
+        mDriver.onDisconnect(id);
+    }
+}
+
+void EventLoop::cut(ConnectionId id) {
+    auto it = mConnections.find(id);
+    if (it != mConnections.end()) {
+        close(id, it->second, false);
+    }
+}
+
+void EventLoop::reap() {
+    for (ConnectionId id : mClosed) {
+        auto it = mConnections.find(id);
+        auto process = mProcessUsage.find(it->second.pid);
+        if (process != mProcessUsage.end() && process->second.connections == 0) {
+            mProcessUsage.erase(process);
+        }
+        auto user = mUserUsage.find(it->second.uid);
+        if (user != mUserUsage.end() && user->second.connections == 0) {
+            mUserUsage.erase(user);
+        }
+        mConnections.erase(it);
+    }
+    mClosed.clear();
+}
+
+// --- bytes held for connections ---
+
+bool EventLoop::charge(Connection& connection, size_t bytes) {
+    if (connection.buffered + bytes > kMaxBufferedPerConnection ||
+        connection.process->buffered + bytes > kMaxBufferedPerProcess ||
+        connection.user->buffered + bytes > kMaxBufferedPerUid || mTotalUsage.buffered + bytes > kMaxBuffered) {
+        return false;
+    }
+    connection.buffered += bytes;
+    connection.process->buffered += bytes;
+    connection.user->buffered += bytes;
+    mTotalUsage.buffered += bytes;
+    return true;
+}
+
+void EventLoop::refund(Connection& connection, size_t bytes) {
+    connection.buffered -= bytes;
+    connection.process->buffered -= bytes;
+    connection.user->buffered -= bytes;
+    mTotalUsage.buffered -= bytes;
+}
+
+// --- input ---
+
+uint8_t* EventLoop::readBuffer() {
+    while (mReadBuffers.size() <= mDepth) {
+        mReadBuffers.emplace_back(new uint8_t[kReadChunk]);
+    }
+    return mReadBuffers[mDepth].get();
+}
+
+bool EventLoop::readFrom(ConnectionId id) {
+    auto it = mConnections.find(id);
+    if (it == mConnections.end() || !it->second.open || it->second.reading) {
+        return false;
+    }
+    Connection& connection = it->second;
+    if (connection.partialSize > kReadChunk) {
+        return readIntoPartial(id, connection);
+    }
+    // A small partial frame goes in front of the new bytes, where it fits whole.
+    uint8_t* buffer = readBuffer();
+    const size_t kept = connection.partialUsed;
+    if (kept > 0) {
+        std::memcpy(buffer, connection.partial.get(), kept);
+    }
+    const ssize_t n = receiveSome(connection.fd, buffer + kept, kReadChunk - kept);
+    if (n < 0) {
+        return false;
+    }
+    if (n == 0) {
+        close(id, connection, true);
+        return false;
+    }
+    releasePartial(connection);
+    handFrames(id, connection, buffer, kept + static_cast<size_t>(n));
+    // The rest of a large frame is often there already.
+    return connection.open && (connection.partialSize <= kReadChunk || readIntoPartial(id, connection));
+}
+
+bool EventLoop::readIntoPartial(ConnectionId id, Connection& connection) {
+    const ssize_t n = receiveSome(connection.fd, connection.partial.get() + connection.partialUsed,
+                                  connection.partialSize - connection.partialUsed);
+    if (n < 0) {
+        return false;
+    }
+    if (n == 0) {
+        close(id, connection, true);
+        return false;
+    }
+    connection.partialUsed += static_cast<size_t>(n);
+    if (connection.partialUsed < connection.partialSize) {
+        return true;
+    }
+    // Charged until the driver is done with it.
+    const std::unique_ptr<uint8_t[]> frame = std::move(connection.partial);
+    const size_t size = connection.partialSize;
+    handFrames(id, connection, frame.get(), size);
+    if (connection.open) {
+        releasePartial(connection);
+    }
+    return connection.open;
+}
+
+void EventLoop::handFrames(ConnectionId id, Connection& connection, const uint8_t* bytes, size_t size) {
+    // Frames handed from here may make the driver drain other connections:
+    // those reads use the next buffer.
+    ++mDepth;
+    connection.reading = true;
+    size_t start = 0;
+    while (connection.open) {
+        Frame frame;
+        size_t consumed = 0;
+        const DecodeStatus status = decodeFrame(bytes + start, size - start, &frame, &consumed);
+        if (status == DecodeStatus::kIncomplete) {
+            keepPartial(id, connection, bytes + start, size - start);
+            break;
+        }
+        if (status == DecodeStatus::kMalformed || !mDriver.onFrame(id, frame)) {
+            close(id, connection, true);
+            break;
+        }
+        connection.greeted = true;
+        start += consumed;
+        // The driver hears of connections closed by this frame before the next.
+        if (mDepth == 1) {
+            settle();
+        }
+    }
+    connection.reading = false;
+    --mDepth;
+}
+
+void EventLoop::keepPartial(ConnectionId id, Connection& connection, const uint8_t* bytes, size_t size) {
+    if (size == 0) {
+        return;
+    }
+    // decodeFrame already refused a length beyond the largest frame.
+    size_t frameSize = sizeof(FrameHeader);
+    if (size >= sizeof(FrameHeader)) {
+        FrameHeader header;
+        std::memcpy(&header, bytes, sizeof(header));
+        frameSize += header.payloadSize;
+    }
+    if (!charge(connection, frameSize)) {
+        if (mayWarn()) {
+            __android_log_print(ANDROID_LOG_WARN, kTag, "cutting a connection of process %d: too much buffered",
+                                connection.pid);
+        }
+        close(id, connection, true);
+        return;
+    }
+    connection.partial.reset(new uint8_t[frameSize]);
+    std::memcpy(connection.partial.get(), bytes, size);
+    connection.partialSize = frameSize;
+    connection.partialUsed = size;
+}
+
+void EventLoop::releasePartial(Connection& connection) {
+    refund(connection, connection.partialSize);
+    connection.partial.reset();
+    connection.partialSize = connection.partialUsed = 0;
+}
+
+void EventLoop::drain(ConnectionId id) {
+    while (readFrom(id)) {
+    }
+}
+
+// --- output ---
+
+EventLoop::Connection* EventLoop::outputTo(ConnectionId id, size_t size) {
+    auto it = mConnections.find(id);
+    if (it == mConnections.end() || !it->second.open) {
         return nullptr;
     }
-    if (it->second.out.size() == it->second.outStart) {
-        it->second.out.clear();
-        it->second.outStart = 0;
+    Connection& connection = it->second;
+    if (!charge(connection, size)) {
+        // What the peer has read already frees its share.
+        flush(id, connection);
+        if (!connection.open) {
+            return nullptr;
+        }
+        if (!charge(connection, size)) {
+            if (mayWarn()) {
+                __android_log_print(ANDROID_LOG_WARN, kTag,
+                                    "cutting a connection of process %d: it does not read what it is sent",
+                                    connection.pid);
+            }
+            close(id, connection, true);
+            return nullptr;
+        }
+    }
+    if (!connection.dirty) {
+        connection.dirty = true;
         mDirty.push_back(id);
     }
-    return &it->second;
+    return &connection;
 }
 
 void EventLoop::send(ConnectionId to, uint32_t command, const void* payload, size_t size) {
-    if (Peer* peer = outputPeer(to)) {
-        appendFrame(&peer->out, command, payload, size);
+    if (Connection* connection = outputTo(to, sizeof(FrameHeader) + size)) {
+        appendFrame(&connection->out, command, payload, size);
     }
 }
 
 void EventLoop::sendTransaction(ConnectionId to, uint32_t command, const TransactionHeader& header,
                                 const uint8_t* data, const uint64_t* offsets) {
-    if (Peer* peer = outputPeer(to)) {
-        appendTransaction(&peer->out, command, header, data, offsets);
+    const size_t size = sizeof(FrameHeader) + sizeof(header) + header.dataSize + header.offsetsCount * sizeof(uint64_t);
+    if (Connection* connection = outputTo(to, size)) {
+        appendTransaction(&connection->out, command, header, data, offsets);
     }
-}
-
-void EventLoop::cut(ConnectionId id) {
-    auto it = mPeers.find(id);
-    if (it == mPeers.end()) {
-        return;
-    }
-    close(it->second.fd);
-    mPeers.erase(it);
-}
-
-void EventLoop::drop(ConnectionId id) {
-    cut(id);
-    mDriver.onDisconnect(id);
 }
 
 void EventLoop::flushDirty() {
-    // Dropping a peer can queue notices for others, so drain until stable.
+    // Closing a connection can make the driver queue notices for others.
     while (!mDirty.empty()) {
         std::vector<ConnectionId> dirty;
         dirty.swap(mDirty);
         for (ConnectionId id : dirty) {
-            auto it = mPeers.find(id);
-            if (it != mPeers.end()) {
+            auto it = mConnections.find(id);
+            if (it != mConnections.end()) {
+                it->second.dirty = false;
                 flush(id, it->second);
             }
         }
+        settle();
     }
 }
 
-void EventLoop::flush(ConnectionId id, Peer& peer) {
-    while (peer.outStart < peer.out.size()) {
+void EventLoop::flush(ConnectionId id, Connection& connection) {
+    if (!connection.open) {
+        return;
+    }
+    std::vector<uint8_t>& out = connection.out;
+    while (connection.outStart < out.size()) {
         const ssize_t n =
-            ::send(peer.fd, peer.out.data() + peer.outStart, peer.out.size() - peer.outStart, MSG_NOSIGNAL);
+            ::send(connection.fd, out.data() + connection.outStart, out.size() - connection.outStart, MSG_NOSIGNAL);
         if (n > 0) {
-            peer.outStart += static_cast<size_t>(n);
-            continue;
-        }
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            connection.outStart += static_cast<size_t>(n);
+            refund(connection, static_cast<size_t>(n));
+        } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             break;
+        } else if (n == 0 || errno != EINTR) {
+            close(id, connection, true);
+            return;
         }
-        drop(id);
-        return;
     }
-    const size_t pending = peer.out.size() - peer.outStart;
-    if (pending > kMaxPendingOutput) {
-        __android_log_print(ANDROID_LOG_WARN, kTag, "cutting a connection that stopped reading");
-        drop(id);
-        return;
-    }
+    const size_t pending = out.size() - connection.outStart;
     if (pending == 0) {
-        peer.out.clear();
-        peer.outStart = 0;
+        out.clear();
+        connection.outStart = 0;
+        if (out.capacity() > kKeptOutputCapacity && !connection.trimPending) {
+            connection.trimPending = true;
+            if (mToTrim.empty()) {
+                mNextTrim = Clock::now() + kTrimDelay;
+            }
+            mToTrim.push_back(id);
+        }
+    } else if (connection.outStart > pending) {
+        // Written bytes are dropped before they outgrow what is still to go.
+        out.erase(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(connection.outStart));
+        connection.outStart = 0;
     }
     const bool wantWrites = pending > 0;
-    if (wantWrites != peer.watchingWrites) {
-        peer.watchingWrites = wantWrites;
-        watch(mEpollFd, peer.fd, id, wantWrites ? (EPOLLIN | EPOLLOUT) : EPOLLIN, EPOLL_CTL_MOD);
+    if (wantWrites != connection.watchingWrites) {
+        connection.watchingWrites = wantWrites;
+        watch(mEpollFd, connection.fd, id, wantWrites ? (EPOLLIN | EPOLLOUT) : EPOLLIN, EPOLL_CTL_MOD);
     }
 }
 

@@ -1,25 +1,41 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <unordered_map>
 #include <vector>
 
 #include "Driver.h"
 #include "Outbox.h"
+#include "PeerPolicy.h"
 
 namespace android::binderd {
 
-// One thread, one epoll set: accepts connections, reads frames into the
-// driver and writes the driver's frames without ever blocking on a peer.
+// One thread, one epoll set: accepts the connections its policy and bounds
+// allow, reads frames into the driver and writes the driver's frames without
+// ever blocking on a peer.
+//
+// A connection's state lives until the end of the round in which it was
+// closed: closing only marks it (descriptor closed, nothing read or written
+// any more, the driver told once), so no caller up the stack ever holds a
+// connection that is gone; closed connections are forgotten at one point,
+// after the round's events.
 class EventLoop : public Outbox {
 public:
-    EventLoop(int listenFd, int stopFd, bool verbose);
+    EventLoop(int listenFd, int stopFd, const PeerPolicy& policy, bool verbose);
     ~EventLoop() override;
     EventLoop(const EventLoop&) = delete;
     EventLoop& operator=(const EventLoop&) = delete;
 
     // Serves until stopFd becomes readable; returns the exit status.
     int run();
+    // One round: waits up to `timeoutMs` (-1: until something happens) and
+    // handles what happened; false once stopped or failed.
+    bool runOnce(int timeoutMs);
 
     void send(ConnectionId to, uint32_t command, const void* payload, size_t size) override;
     void sendTransaction(ConnectionId to, uint32_t command, const hostbinder::TransactionHeader& header,
@@ -28,33 +44,96 @@ public:
     void drain(ConnectionId id) override;
 
 private:
-    struct Peer {
+    using Clock = std::chrono::steady_clock;
+
+    // What the connections of one process, one uid or all of them hold.
+    struct Usage {
+        size_t connections = 0;
+        size_t buffered = 0;
+    };
+
+    struct Connection {
         int fd = -1;
-        std::vector<uint8_t> in;
-        size_t inUsed = 0;
+        pid_t pid = 0;
+        uid_t uid = 0;
+        Usage* process = nullptr;
+        Usage* user = nullptr;
+        bool open = true;
+        bool greeted = false;  // its first frame, the hello, was handled
+        bool reading = false;  // its frames are being handed to the driver
+        // The frame that arrived in part, in a buffer sized to it (to its
+        // header while the length is unknown).
+        std::unique_ptr<uint8_t[]> partial;
+        size_t partialSize = 0;
+        size_t partialUsed = 0;
         std::vector<uint8_t> out;
         size_t outStart = 0;
         bool watchingWrites = false;
+        bool dirty = false;
+        bool trimPending = false;
+        // The partial frame's buffer plus the output not yet written.
+        size_t buffered = 0;
     };
 
     void accept();
-    // Reads what the peer sent and feeds whole frames to the driver; false
-    // when nothing was there or the connection ended.
+    void admit(int fd);
+    bool shedOneConnection();
+    // Tells a peer why it is turned away and closes the descriptor.
+    static void refuse(int fd, uint32_t reason);
+
+    // Reads what the peer sent (one chunk, or the rest of a large frame) and
+    // hands whole frames to the driver; false when nothing was read or the
+    // connection ended.
     bool readFrom(ConnectionId id);
+    bool readIntoPartial(ConnectionId id, Connection& connection);
+    void handFrames(ConnectionId id, Connection& connection, const uint8_t* bytes, size_t size);
+    void keepPartial(ConnectionId id, Connection& connection, const uint8_t* bytes, size_t size);
+    void releasePartial(Connection& connection);
+    uint8_t* readBuffer();
+
+    // The connection that takes `size` more output bytes, or null: gone,
+    // closed, or cut now for going over its bounds.
+    Connection* outputTo(ConnectionId id, size_t size);
     void flushDirty();
-    void flush(ConnectionId id, Peer& peer);
-    Peer* outputPeer(ConnectionId id);
-    // Ends a connection after a fault of the peer: the driver forgets it.
-    void drop(ConnectionId id);
+    void flush(ConnectionId id, Connection& connection);
+
+    bool charge(Connection& connection, size_t bytes);
+    void refund(Connection& connection, size_t bytes);
+    void close(ConnectionId id, Connection& connection, bool tellDriver);
+    // Tells the driver of the connections closed since it last heard.
+    void settle();
+    void expireHellos(Clock::time_point now);
+    // Gives back the output buffers of connections that have gone quiet.
+    void trimIdleBuffers(Clock::time_point now);
+    void reap();
     int epollTimeout() const;
+    // At most one warning a second, so a peer cannot flood the log.
+    bool mayWarn();
 
     const int mListenFd;
     const int mStopFd;
     const int mEpollFd;
+    const PeerPolicy mPolicy;
     Driver mDriver;
     ConnectionId mNextId;
-    std::unordered_map<ConnectionId, Peer> mPeers;
+    size_t mMaxConnections;
+    int mReserveFd;
+    int mStatus = 0;
+    std::unordered_map<ConnectionId, Connection> mConnections;
+    std::unordered_map<pid_t, Usage> mProcessUsage;
+    std::unordered_map<uid_t, Usage> mUserUsage;
+    Usage mTotalUsage;
     std::vector<ConnectionId> mDirty;
+    std::deque<ConnectionId> mUntold;
+    std::vector<ConnectionId> mClosed;
+    std::deque<std::pair<Clock::time_point, ConnectionId>> mAwaitingHello;
+    std::vector<ConnectionId> mToTrim;
+    Clock::time_point mNextTrim;
+    // One read buffer per level of drain() nesting.
+    std::vector<std::unique_ptr<uint8_t[]>> mReadBuffers;
+    size_t mDepth = 0;
+    Clock::time_point mLastWarning;
+    unsigned mSuppressedWarnings = 0;
 };
 
 }  // namespace android::binderd

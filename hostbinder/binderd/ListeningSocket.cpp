@@ -1,5 +1,7 @@
 #include "ListeningSocket.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -12,73 +14,144 @@ namespace android::binderd {
 
 namespace {
 
-bool fillAddress(const std::string& path, sockaddr_un* address) {
-    if (path.empty() || path.size() >= sizeof(address->sun_path)) {
+std::string systemError(const std::string& what) { return what + ": " + std::strerror(errno); }
+
+std::string folderOf(const std::string& path) {
+    const std::string::size_type slash = path.rfind('/');
+    return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Creates the folder when missing, then refuses one that is not a real
+// directory of binderd's own that only it can write.
+bool prepareFolder(const std::string& folder, bool othersAllowed, std::string* error) {
+    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+        *error = systemError("cannot create " + folder);
         return false;
     }
-    *address = sockaddr_un{};
-    address->sun_family = AF_UNIX;
-    std::memcpy(address->sun_path, path.c_str(), path.size() + 1);
+    struct stat status{};
+    if (lstat(folder.c_str(), &status) != 0) {
+        *error = systemError("cannot examine " + folder);
+        return false;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        *error = "refusing " + folder + ": not a directory (a symlink?)";
+    } else if (status.st_uid != geteuid()) {
+        *error = "refusing " + folder + ": it belongs to uid " + std::to_string(status.st_uid);
+    } else if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        *error = "refusing " + folder + ": others can write to it";
+    } else if (othersAllowed && chmod(folder.c_str(), (status.st_mode & 07777) | 0011) != 0) {
+        *error = systemError("cannot open " + folder + " to other users");
+    }
+    return error->empty();
+}
+
+// Takes the lock that makes this the only binderd on `path`.
+int lockSocket(const std::string& path, std::string* error) {
+    const std::string lockPath = path + ".lock";
+    const int fd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0) {
+        *error = systemError("cannot open " + lockPath);
+        return -1;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        *error = errno == EWOULDBLOCK ? "another binderd is already running on " + path
+                                      : systemError("cannot lock " + lockPath);
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// With the lock held, a socket at `path` is stale unless some other program
+// listens on it; any other file is not binderd's to remove.
+bool clearStaleSocket(const std::string& path, const sockaddr_un& address, std::string* error) {
+    struct stat status{};
+    if (lstat(path.c_str(), &status) != 0) {
+        if (errno == ENOENT) {
+            return true;
+        }
+        *error = systemError("cannot examine " + path);
+        return false;
+    }
+    if (!S_ISSOCK(status.st_mode)) {
+        *error = path + " exists and is not a socket: not replacing it";
+        return false;
+    }
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool answered =
+        probe >= 0 && connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    if (probe >= 0) {
+        close(probe);
+    }
+    if (answered) {
+        *error = "another program listens on " + path;
+        return false;
+    }
+    if (unlink(path.c_str()) != 0) {
+        *error = systemError("cannot remove the stale socket " + path);
+        return false;
+    }
     return true;
 }
 
-// Whether a daemon answers at the address (a stale file refuses connections).
-bool someoneListens(const sockaddr_un& address) {
-    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (probe < 0) {
-        return false;
-    }
-    const bool answered = connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    close(probe);
-    return answered;
-}
-
-std::string systemError(const std::string& what) { return what + ": " + std::strerror(errno); }
-
 }  // namespace
 
-ListeningSocket ListeningSocket::open(const std::string& path, std::string* error) {
-    sockaddr_un address;
-    if (!fillAddress(path, &address)) {
+ListeningSocket ListeningSocket::open(const std::string& path, bool othersAllowed, std::string* error) {
+    sockaddr_un address{};
+    if (path.empty() || path.size() >= sizeof(address.sun_path)) {
         *error = "socket path is empty or too long: " + path;
-        return ListeningSocket(-1, "");
+        return ListeningSocket(-1, -1, "");
     }
-    const std::string::size_type slash = path.rfind('/');
-    if (slash != std::string::npos && slash > 0) {
-        const std::string directory = path.substr(0, slash);
-        if (mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
-            *error = systemError("cannot create " + directory);
-            return ListeningSocket(-1, "");
-        }
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    if (!prepareFolder(folderOf(path), othersAllowed, error)) {
+        return ListeningSocket(-1, -1, "");
     }
-    if (someoneListens(address)) {
-        *error = "another binderd is already running on " + path;
-        return ListeningSocket(-1, "");
+    const int lockFd = lockSocket(path, error);
+    if (lockFd < 0) {
+        return ListeningSocket(-1, -1, "");
     }
-    unlink(path.c_str());
+    if (!clearStaleSocket(path, address, error)) {
+        close(lockFd);
+        return ListeningSocket(-1, -1, "");
+    }
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        *error = systemError("socket");
-        return ListeningSocket(-1, "");
-    }
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 || listen(fd, 128) != 0) {
+    // The socket file is born without permissions for anyone else, whatever
+    // the umask; then it gets exactly its mode.
+    const mode_t umaskBefore = umask(0177);
+    const bool bound = fd >= 0 && bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    umask(umaskBefore);
+    if (!bound || chmod(path.c_str(), othersAllowed ? 0666 : 0600) != 0 || listen(fd, SOMAXCONN) != 0) {
         *error = systemError("cannot listen on " + path);
-        close(fd);
-        return ListeningSocket(-1, "");
+        if (bound) {
+            unlink(path.c_str());
+        }
+        if (fd >= 0) {
+            close(fd);
+        }
+        close(lockFd);
+        return ListeningSocket(-1, -1, "");
     }
-    return ListeningSocket(fd, path);
+    return ListeningSocket(fd, lockFd, path);
 }
 
-ListeningSocket::ListeningSocket(int fd, std::string path) : mFd(fd), mPath(std::move(path)) {}
+ListeningSocket::ListeningSocket(int fd, int lockFd, std::string path)
+    : mFd(fd), mLockFd(lockFd), mPath(std::move(path)) {}
 
-ListeningSocket::ListeningSocket(ListeningSocket&& other) noexcept : mFd(other.mFd), mPath(std::move(other.mPath)) {
+ListeningSocket::ListeningSocket(ListeningSocket&& other) noexcept
+    : mFd(other.mFd), mLockFd(other.mLockFd), mPath(std::move(other.mPath)) {
     other.mFd = -1;
+    other.mLockFd = -1;
 }
 
 ListeningSocket::~ListeningSocket() {
     if (mFd >= 0) {
         close(mFd);
         unlink(mPath.c_str());
+    }
+    // The lock file stays: removing it would let two daemons lock two files.
+    if (mLockFd >= 0) {
+        close(mLockFd);
     }
 }
 

@@ -4,12 +4,17 @@
 
 namespace android::binderd {
 
-// binderd's listening socket: refuses to start over a live daemon, replaces a
-// stale socket file, and removes its file when destroyed.
+// binderd's listening socket, in a folder that binderd owns and no one else
+// can write (created 0700). One binderd per socket: a lock file beside it is
+// held for the daemon's life. A stale socket left by a dead binderd is
+// replaced, never any other kind of file. The socket is 0600 whatever the
+// umask, and removed when this object goes.
 class ListeningSocket {
 public:
+    // With `othersAllowed` the folder is searchable (0711) and the socket
+    // connectable (0666) by everyone: the peer policy decides who is served.
     // On failure returns an invalid socket and sets `error`.
-    static ListeningSocket open(const std::string& path, std::string* error);
+    static ListeningSocket open(const std::string& path, bool othersAllowed, std::string* error);
     ListeningSocket(ListeningSocket&& other) noexcept;
     ~ListeningSocket();
     ListeningSocket(const ListeningSocket&) = delete;
@@ -20,9 +25,10 @@ public:
     int fd() const { return mFd; }
 
 private:
-    ListeningSocket(int fd, std::string path);
+    ListeningSocket(int fd, int lockFd, std::string path);
 
     int mFd;
+    int mLockFd;
     std::string mPath;
 };
 

@@ -6,15 +6,12 @@ namespace android::binderd {
 
 using namespace hostbinder;
 
-bool Driver::onewayFits(const Process& receiver, size_t size) const {
-    return receiver.queuedOnewayBytes + receiver.reservedOnewayBytes + size <= kMaxQueuedOnewayBytes;
-}
-
 void Driver::acceptOneway(Thread& sender, uint32_t handle, const std::shared_ptr<Transaction>& transaction) {
     Process& receiver = *transaction->target->owner;
     queueOneway(receiver, transaction);
     OnewayAccepted accepted{0, 0, sender.process->revocations};
-    if (receiver.queuedOnewayBytes + receiver.reservedOnewayBytes + kOnewayCreditBytes <= kCreditGrantCeiling) {
+    if (receiver.queuedOnewayBytes + receiver.reservedOnewayBytes + kOnewayCreditBytes <= kCreditGrantCeiling &&
+        bufferFits(receiver, kOnewayCreditBytes, true)) {
         sender.credit = OnewayCredit{transaction->target, handle, kOnewayCreditBytes};
         receiver.reservedOnewayBytes += kOnewayCreditBytes;
         accepted.creditBytes = static_cast<uint32_t>(kOnewayCreditBytes);

@@ -9,19 +9,27 @@ namespace android::binderd {
 
 using ConnectionId = uint64_t;
 
-// Where the driver's frames go. Sends never block: they are buffered per
-// connection and written when the peer can take them.
+// Where the driver's frames go, and the rules that keep the driver and the
+// event loop from pulling connections out from under each other:
+//
+// - Sends never block and never call back into the driver. A connection whose
+//   output goes over its bound is closed at once, but the driver hears of it
+//   (onDisconnect) only after the frame it is handling, never in the middle.
+// - A send to a connection that is gone or closed is dropped silently; the
+//   driver may name any id it still knows.
+// - cut() closes a connection without telling the driver back: the driver
+//   cuts only what it has already forgotten or is forgetting.
+// - drain() is the one re-entry: it feeds the driver, before it goes on, the
+//   whole frames the connection has already sent.
 class Outbox {
 public:
     virtual ~Outbox() = default;
     virtual void send(ConnectionId to, uint32_t command, const void* payload, size_t size) = 0;
     virtual void sendTransaction(ConnectionId to, uint32_t command, const hostbinder::TransactionHeader& header,
                                  const uint8_t* data, const uint64_t* offsets) = 0;
-    // Closes the connection without telling the driver back.
     virtual void cut(ConnectionId id) = 0;
-    // Feeds the driver, before it goes on, every whole frame the connection
-    // has already sent: frames a peer wrote earlier on another connection must
-    // not be overtaken by what the driver is about to do.
+    // Frames a peer wrote earlier on another connection must not be overtaken
+    // by what the driver is about to do.
     virtual void drain(ConnectionId id) = 0;
 };
 

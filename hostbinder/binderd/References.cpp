@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "Limits.h"
+
 namespace android::binderd {
 
 using namespace hostbinder;
@@ -21,7 +23,12 @@ uint64_t offsetAt(const TransactionView& view, size_t index) {
 
 }  // namespace
 
-bool Driver::objectsValid(const Process& from, const TransactionView& view) const {
+bool Driver::objectsValid(const Process& from, const Process& to, const TransactionView& view) const {
+    // Counted as if every object were new to both tables.
+    const size_t count = view.header.offsetsCount;
+    if (to.handles.size() + count > kMaxHandlesPerProcess || from.nodes.size() + count > kMaxNodesPerProcess) {
+        return false;
+    }
     uint64_t nextFree = 0;
     for (size_t i = 0; i < view.header.offsetsCount; ++i) {
         const uint64_t offset = offsetAt(view, i);
@@ -157,11 +164,13 @@ bool Driver::requestDeath(Process& process, uint32_t handle) {
     if (it == process.handles.end()) {
         return false;
     }
-    Node& node = *it->second.node;
-    if (node.owner == nullptr) {
+    HandleRef& ref = it->second;
+    if (ref.node->owner == nullptr) {
         mOutbox.send(process.control, kDeadBinder, &handle, sizeof(handle));
-    } else {
-        node.deathWatchers.emplace_back(process.token, handle);
+    } else if (!ref.deathRequested) {
+        // One pending request per handle, as the kernel keeps one per reference.
+        ref.deathRequested = true;
+        ref.node->deathWatchers.emplace_back(process.token, handle);
     }
     return true;
 }
@@ -171,10 +180,10 @@ bool Driver::clearDeath(Process& process, uint32_t handle) {
     if (it == process.handles.end()) {
         return handle == 0;
     }
-    auto& watchers = it->second.node->deathWatchers;
-    auto watcher = std::find(watchers.begin(), watchers.end(), std::make_pair(process.token, handle));
-    if (watcher != watchers.end()) {
-        watchers.erase(watcher);
+    if (it->second.deathRequested) {
+        it->second.deathRequested = false;
+        auto& watchers = it->second.node->deathWatchers;
+        watchers.erase(std::find(watchers.begin(), watchers.end(), std::make_pair(process.token, handle)));
     }
     return true;
 }
@@ -183,9 +192,14 @@ void Driver::notifyDeath(Node& node) {
     node.owner = nullptr;
     for (const auto& [token, handle] : node.deathWatchers) {
         auto watcher = mProcesses.find(token);
-        if (watcher != mProcesses.end()) {
-            mOutbox.send(watcher->second->control, kDeadBinder, &handle, sizeof(handle));
+        if (watcher == mProcesses.end()) {
+            continue;
         }
+        auto ref = watcher->second->handles.find(handle);
+        if (ref != watcher->second->handles.end()) {
+            ref->second.deathRequested = false;
+        }
+        mOutbox.send(watcher->second->control, kDeadBinder, &handle, sizeof(handle));
     }
     node.deathWatchers.clear();
     while (!node.onewayQueue.empty()) {

@@ -31,7 +31,8 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
     Process& receiver = *target->owner;
     const bool oneway = (view.header.flags & kFlagOneway) != 0;
     const size_t size = size_t{view.header.dataSize} + size_t{view.header.offsetsCount} * sizeof(uint64_t);
-    if (!objectsValid(sender, view) || (oneway && !onewayFits(receiver, size))) {
+    if (!objectsValid(sender, receiver, view) ||
+        (&receiver != &mServiceManager && !bufferFits(receiver, size, oneway))) {
         refuse(thread, FAILED_TRANSACTION);
         return true;
     }
@@ -58,6 +59,8 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
     }
     transaction->from = &thread;
     thread.awaiting = transaction;
+    transaction->charged = true;
+    receiver.pendingBytes += size;
     // A call back into a process that is waiting in this chain goes to the
     // thread that waits, not to its pool.
     for (auto it = thread.serving.rbegin(); it != thread.serving.rend(); ++it) {
@@ -92,10 +95,11 @@ bool Driver::finishReply(Thread& thread, const TransactionView& view) {
     }
     std::shared_ptr<Transaction> call = thread.serving.back();
     thread.serving.pop_back();
+    releaseCall(*call);
     Thread* caller = call->from;
     if (caller != nullptr) {
         status_t status = view.header.status;
-        if (status == OK && !objectsValid(*thread.process, view)) {
+        if (status == OK && !objectsValid(*thread.process, *caller->process, view)) {
             status = FAILED_TRANSACTION;
         }
         deliverReply(*call, status, thread.process, status == OK ? &view : nullptr);
@@ -179,7 +183,21 @@ void Driver::refuse(Thread& thread, status_t status) {
     mOutbox.send(thread.connection, kRefused, &status, sizeof(status));
 }
 
+bool Driver::bufferFits(const Process& receiver, size_t size, bool oneway) const {
+    const size_t oneways = receiver.queuedOnewayBytes + receiver.reservedOnewayBytes;
+    return receiver.pendingBytes + oneways + size <= kMaxTransactionBytes &&
+           (!oneway || oneways + size <= kMaxQueuedOnewayBytes);
+}
+
+void Driver::releaseCall(Transaction& call) {
+    if (call.charged && call.target->owner != nullptr) {
+        call.target->owner->pendingBytes -= call.size();
+    }
+    call.charged = false;
+}
+
 void Driver::abandon(const std::shared_ptr<Transaction>& transaction) {
+    releaseCall(*transaction);
     if (transaction->from != nullptr) {
         deliverReply(*transaction, DEAD_OBJECT, nullptr, nullptr);
     }

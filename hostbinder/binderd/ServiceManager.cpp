@@ -9,6 +9,9 @@
 
 #include <binder/Parcel.h>
 #include <binder/Status.h>
+#include <log/log.h>
+
+#include "Limits.h"
 
 namespace android::binderd {
 
@@ -16,24 +19,14 @@ using namespace hostbinder;
 
 namespace {
 
+constexpr const char* kTag = "binderd";
 constexpr auto kLookupWait = std::chrono::seconds(5);
-constexpr size_t kMaxNameLength = 127;
 constexpr uint32_t kObjectFlags = 0x13 | FLAT_BINDER_FLAG_ACCEPTS_FDS;
 constexpr int32_t kStabilitySystem = 12;
 
 const String16& serviceManagerDescriptor() {
     static const String16 descriptor("android.os.IServiceManager");
     return descriptor;
-}
-
-bool validName(const std::u16string& name) {
-    if (name.empty() || name.size() > kMaxNameLength) {
-        return false;
-    }
-    return std::all_of(name.begin(), name.end(), [](char16_t c) {
-        return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || (c >= u'0' && c <= u'9') || c == u'_' ||
-               c == u'.' || c == u'-' || c == u'/';
-    });
 }
 
 std::u16string toU16(const String16& text) { return std::u16string(text.string(), text.size()); }
@@ -83,37 +76,33 @@ void Driver::serveServiceManager(Thread& caller, const std::shared_ptr<Transacti
             case kGetService:
             case kCheckService: {
                 const std::u16string name = toU16(data.readString16());
-                if (mServices.count(name) == 0 && request->header.code == kGetService) {
-                    mLookupWaiters.push_back({request, name, Clock::now() + kLookupWait});
-                    releaseRequestHandles(*request, 0);
+                releaseRequestHandles(*request, 0);
+                Process& process = *caller.process;
+                if (mRegistry.find(name) == nullptr && request->header.code == kGetService &&
+                    process.lookupWaiters < kMaxLookupWaitersPerProcess) {
+                    // The request's bytes are not needed to answer it.
+                    request->data = {};
+                    request->offsets = {};
+                    ++process.lookupWaiters;
+                    mLookupWaiters.push_back({request, name, Clock::now() + kLookupWait, process.token});
                     return;
                 }
                 answerLookup(caller, request, name);
-                releaseRequestHandles(*request, 0);
                 return;
             }
             case kAddService: {
                 const std::u16string name = toU16(data.readString16());
                 const uint32_t handle = readHandle(data);
-                if (handle == 0 || !validName(name)) {
-                    binder::Status::fromExceptionCode(binder::Status::EX_ILLEGAL_ARGUMENT, "invalid service")
-                        .writeToParcel(&reply);
-                    break;
-                }
-                auto previous = mServices.find(name);
-                if (previous != mServices.end()) {
-                    releaseHandle(mServiceManager, previous->second.handle, 1);
-                }
-                const Process& registrant = *caller.process;
-                mServices[name] = ServiceEntry{handle, registrant.token};
-                keptHandle = handle;
-                binder::Status::ok().writeToParcel(&reply);
+                std::string message;
+                const int32_t exception = addService(*caller.process, name, handle, &message);
+                binder::Status::fromExceptionCode(exception, String8(message.c_str())).writeToParcel(&reply);
+                keptHandle = exception == binder::Status::EX_NONE ? handle : 0;
                 break;
             }
             case kListServices:
                 binder::Status::ok().writeToParcel(&reply);
-                reply.writeInt32(static_cast<int32_t>(mServices.size()));
-                for (const auto& entry : mServices) {
+                reply.writeInt32(static_cast<int32_t>(mRegistry.entries().size()));
+                for (const auto& entry : mRegistry.entries()) {
                     reply.writeString16(entry.first.data(), entry.first.size());
                 }
                 break;
@@ -129,24 +118,64 @@ void Driver::serveServiceManager(Thread& caller, const std::shared_ptr<Transacti
     replyFromServiceManager(caller, request, reply, status);
     releaseRequestHandles(*request, keptHandle);
     if (keptHandle != 0) {
-        // Waiters for the name get it now that it exists.
-        auto waiting = mLookupWaiters.begin();
-        while (waiting != mLookupWaiters.end()) {
-            if (mServices.count(waiting->name) != 0 && waiting->request->from != nullptr) {
-                answerLookup(*waiting->request->from, waiting->request, waiting->name);
-                waiting = mLookupWaiters.erase(waiting);
-            } else {
-                ++waiting;
-            }
+        answerWaiters();
+    }
+}
+
+int32_t Driver::addService(const Process& registrant, const std::u16string& name, uint32_t handle,
+                           std::string* message) {
+    if (handle == 0) {
+        *message = "a null binder cannot be added";
+        return binder::Status::EX_ILLEGAL_ARGUMENT;
+    }
+    ServiceRegistry::Entry previous;
+    switch (mRegistry.add(name, handle, {registrant.token, registrant.pid, registrant.uid}, &previous)) {
+        case ServiceRegistry::Added::kReplaced:
+            releaseHandle(mServiceManager, previous.handle, 1);
+            [[fallthrough]];
+        case ServiceRegistry::Added::kNew:
+            return binder::Status::EX_NONE;
+        case ServiceRegistry::Added::kInvalidName:
+            *message = "a name is 1 to 127 characters of [A-Za-z0-9_.-/]";
+            return binder::Status::EX_ILLEGAL_ARGUMENT;
+        case ServiceRegistry::Added::kTaken:
+            *message = "the name belongs to process " + std::to_string(previous.owner.pid);
+            __android_log_print(ANDROID_LOG_WARN, kTag, "process %d may not take a service name of process %d",
+                                registrant.pid, previous.owner.pid);
+            return binder::Status::EX_SECURITY;
+        case ServiceRegistry::Added::kTooMany:
+            break;
+    }
+    *message = "too many service names";
+    return binder::Status::EX_ILLEGAL_STATE;
+}
+
+void Driver::answerWaiters() {
+    auto waiting = mLookupWaiters.begin();
+    while (waiting != mLookupWaiters.end()) {
+        if (mRegistry.find(waiting->name) != nullptr && waiting->request->from != nullptr) {
+            const LookupWaiter waiter = *waiting;
+            waiting = dropWaiter(waiting);
+            answerLookup(*waiter.request->from, waiter.request, waiter.name);
+        } else {
+            ++waiting;
         }
     }
+}
+
+std::vector<Driver::LookupWaiter>::iterator Driver::dropWaiter(std::vector<LookupWaiter>::iterator it) {
+    auto process = mProcesses.find(it->process);
+    if (process != mProcesses.end()) {
+        --process->second->lookupWaiters;
+    }
+    return mLookupWaiters.erase(it);
 }
 
 void Driver::answerLookup(Thread& caller, const std::shared_ptr<Transaction>& request, const std::u16string& name) {
     Parcel reply;
     binder::Status::ok().writeToParcel(&reply);
-    auto found = mServices.find(name);
-    writeBinder(&reply, found == mServices.end() ? 0 : found->second.handle);
+    const ServiceRegistry::Entry* found = mRegistry.find(name);
+    writeBinder(&reply, found == nullptr ? 0 : found->handle);
     replyFromServiceManager(caller, request, reply, OK);
 }
 
@@ -154,6 +183,10 @@ void Driver::replyFromServiceManager(Thread& caller, const std::shared_ptr<Trans
                                      const Parcel& reply, status_t status) {
     if (request->from != &caller) {
         return;
+    }
+    // Never a reply the caller could not read.
+    if (reply.dataSize() + reply.objectsCount() * sizeof(uint64_t) > kMaxTransactionBytes) {
+        status = FAILED_TRANSACTION;
     }
     TransactionView view{};
     view.header.status = status;
@@ -182,13 +215,8 @@ void Driver::releaseRequestHandles(const Transaction& request, uint32_t keptHand
 }
 
 void Driver::removeServicesOf(const Process& process) {
-    for (auto it = mServices.begin(); it != mServices.end();) {
-        if (it->second.registrant == process.token) {
-            releaseHandle(mServiceManager, it->second.handle, 1);
-            it = mServices.erase(it);
-        } else {
-            ++it;
-        }
+    for (uint32_t handle : mRegistry.removeOwner(process.token)) {
+        releaseHandle(mServiceManager, handle, 1);
     }
 }
 
@@ -196,13 +224,11 @@ void Driver::expireTimers(Clock::time_point now) {
     auto waiting = mLookupWaiters.begin();
     while (waiting != mLookupWaiters.end()) {
         if (waiting->request->from == nullptr) {
-            waiting = mLookupWaiters.erase(waiting);
+            waiting = dropWaiter(waiting);
         } else if (waiting->deadline <= now) {
-            Thread& caller = *waiting->request->from;
-            std::shared_ptr<Transaction> request = waiting->request;
-            std::u16string name = waiting->name;
-            waiting = mLookupWaiters.erase(waiting);
-            answerLookup(caller, request, name);
+            const LookupWaiter waiter = *waiting;
+            waiting = dropWaiter(waiting);
+            answerLookup(*waiter.request->from, waiter.request, waiter.name);
         } else {
             ++waiting;
         }

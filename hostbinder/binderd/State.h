@@ -30,7 +30,8 @@ struct Node {
     // The thread running the node's current one-way call, once delivered.
     Thread* onewayThread = nullptr;
     std::deque<std::shared_ptr<struct Transaction>> onewayQueue;
-    // (process token, handle) of every death request, one entry per request.
+    // (process token, handle) of every pending death request: at most one
+    // per process, as each process has one handle for the node.
     std::vector<std::pair<uint64_t, uint32_t>> deathWatchers;
 };
 
@@ -42,6 +43,8 @@ struct Transaction {
     std::vector<uint64_t> offsets;
     // Owner-bound binders in the data, kept alive until delivery.
     std::vector<std::shared_ptr<Node>> transit;
+    // A two-way call counted in its receiver's pendingBytes until it ends.
+    bool charged = false;
     bool oneway() const { return (header.flags & 1u) != 0; }
     size_t size() const { return data.size() + offsets.size() * sizeof(uint64_t); }
 };
@@ -49,6 +52,7 @@ struct Transaction {
 struct HandleRef {
     std::shared_ptr<Node> node;
     uint32_t count = 0;
+    bool deathRequested = false;
 };
 
 // Room reserved for a thread's one-way calls in the receiver's buffer.
@@ -89,10 +93,14 @@ struct Process {
     std::deque<std::shared_ptr<Transaction>> todo;
     std::deque<Thread*> idleLoopers;
     std::vector<Thread*> threads;
-    // One-way calls accepted for this process and not yet finished, and the
-    // credit other threads hold for more.
+    // Two-way calls queued for or delivered to this process and not yet
+    // answered; one-way calls accepted for it and not yet finished; and the
+    // credit other threads hold for more. Together they are its buffer.
+    size_t pendingBytes = 0;
     size_t queuedOnewayBytes = 0;
     size_t reservedOnewayBytes = 0;
+    // getService calls of this process waiting for a name.
+    size_t lookupWaiters = 0;
     // Credit revocations sent to this process so far.
     uint64_t revocations = 0;
 };

@@ -9,22 +9,65 @@
 
 namespace android::hostbinder {
 
-std::unique_ptr<Connection> Connection::open(const std::string& path) {
+namespace {
+
+void setTimeouts(int fd, std::chrono::seconds timeout) {
+    const timeval interval{static_cast<time_t>(timeout.count()), 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &interval, sizeof(interval));
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &interval, sizeof(interval));
+}
+
+}  // namespace
+
+std::unique_ptr<Connection> Connection::connect(const std::string& path, uint32_t helloCommand, const void* hello,
+                                                size_t size, std::vector<uint8_t>* welcome, std::string* error) {
+    error->clear();
     sockaddr_un address{};
     if (path.size() >= sizeof(address.sun_path)) {
+        *error = "the socket path " + path + " is too long";
         return nullptr;
     }
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
+        *error = std::string("cannot open a socket: ") + std::strerror(errno);
         return nullptr;
     }
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    const std::string silent = "binderd at " + path + " did not answer";
+    // A stopped binderd fills its listen queue: connect then waits too.
+    setTimeouts(fd, kHelloTimeout);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        const int failure = errno;
         close(fd);
+        if (failure == EAGAIN || failure == ETIMEDOUT) {
+            *error = silent;
+        } else if (failure != ENOENT && failure != ECONNREFUSED) {
+            *error = "cannot connect to binderd at " + path + ": " + std::strerror(failure);
+        }
         return nullptr;
     }
-    return std::unique_ptr<Connection>(new Connection(fd));
+    std::unique_ptr<Connection> connection(new Connection(fd));
+    // A refused connection may be closed before the hello is written; the
+    // refusal is still there to read.
+    connection->send(helloCommand, hello, size);
+    uint32_t command = 0;
+    if (!connection->receive(&command, welcome)) {
+        *error = errno == EAGAIN ? silent : "binderd at " + path + " closed the connection";
+        return nullptr;
+    }
+    uint32_t reason = 0;
+    if (command == kConnectionRefused && welcome->size() == sizeof(reason)) {
+        std::memcpy(&reason, welcome->data(), sizeof(reason));
+        *error = "binderd at " + path + " refused this process: " + refusalText(reason);
+        return nullptr;
+    }
+    if (command != kWelcome) {
+        *error = "binderd at " + path + " answered the hello with frame " + std::to_string(command);
+        return nullptr;
+    }
+    setTimeouts(fd, std::chrono::seconds(0));
+    return connection;
 }
 
 Connection::Connection(int fd) : mFd(fd) {}

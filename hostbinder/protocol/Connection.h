@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -14,8 +15,15 @@ namespace android::hostbinder {
 // from several threads; receives from one thread at a time.
 class Connection {
 public:
-    // Null when nothing listens at `path`.
-    static std::unique_ptr<Connection> open(const std::string& path);
+    // How long binderd has to take a connection and answer its hello.
+    static constexpr std::chrono::seconds kHelloTimeout{5};
+
+    // Connects to binderd at `path` and says hello: binderd must take the
+    // connection (its kWelcome payload goes to `welcome`) or refuse it in
+    // time. Null otherwise, with the reason in `error`; `error` stays empty
+    // when nothing listens at `path` (binderd is simply not running).
+    static std::unique_ptr<Connection> connect(const std::string& path, uint32_t helloCommand, const void* hello,
+                                               size_t size, std::vector<uint8_t>* welcome, std::string* error);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;

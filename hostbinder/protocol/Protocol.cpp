@@ -1,5 +1,6 @@
 #include "Protocol.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -74,6 +75,21 @@ void appendTransaction(std::vector<uint8_t>* out, uint32_t command, const Transa
     }
 }
 
+const char* refusalText(uint32_t reason) {
+    switch (reason) {
+        case kRefusedByPolicy:
+            return "this user may not use it";
+        case kTooManyConnections:
+            return "too many connections";
+        case kOutOfDescriptors:
+            return "it ran out of file descriptors";
+        case kNoHello:
+            return "no hello in time";
+        default:
+            return "unknown reason";
+    }
+}
+
 std::string defaultSocketPath() {
     if (const char* explicitPath = std::getenv("HOSTBINDER_SOCKET"); explicitPath && *explicitPath) {
         return explicitPath;
@@ -82,6 +98,34 @@ std::string defaultSocketPath() {
         return std::string(runtimeDir) + "/hostbinder/binder";
     }
     return "/tmp/hostbinder-" + std::to_string(getuid()) + "/binder";
+}
+
+bool socketChosenByUser() {
+    const char* explicitPath = std::getenv("HOSTBINDER_SOCKET");
+    return explicitPath != nullptr && *explicitPath != 0;
+}
+
+std::string unsafeSocketReason(const std::string& path, bool chosenByUser) {
+    struct stat status{};
+    if (chosenByUser) {
+        // Absent is not unsafe: nothing listens there.
+        return stat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode) ? path + " is not a socket" : "";
+    }
+    const std::string::size_type slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    if (lstat(folder.c_str(), &status) != 0) {
+        return "";
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        return "its folder " + folder + " is not a directory (a symlink?)";
+    }
+    if (status.st_uid != getuid() && status.st_uid != 0) {
+        return "its folder " + folder + " belongs to uid " + std::to_string(status.st_uid);
+    }
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        return "its folder " + folder + " is writable by others";
+    }
+    return "";
 }
 
 }  // namespace android::hostbinder

@@ -23,6 +23,10 @@
 // (kCreditRevoked, ahead of any death notice on the same control connection).
 // On the receiving side, one-way calls of a node that a thread is already
 // serving are sent to that thread ahead of time; it runs them in order.
+//
+// Every hello is answered (kWelcome), so a client knows within its timeout
+// whether binderd took the connection; a connection binderd turns away gets
+// kConnectionRefused with the reason before it is closed.
 
 #include <cstddef>
 #include <cstdint>
@@ -60,7 +64,7 @@ enum Command : uint32_t {
     kSetMaxThreads,      // u32
     kOnewayCredited,     // TransactionHeader (one-way, no objects) + data, paid from credit
     // binderd -> process
-    kWelcome = 100,         // HelloThread (the session token)
+    kWelcome = 100,         // HelloThread (the session token) to a process; empty to a thread
     kIncomingTransaction,   // TransactionHeader (target = cookie) + data + offsets
     kIncomingReply,         // TransactionHeader (status) + data + offsets
     kTransactionComplete,   // OnewayAccepted: a one-way call was accepted
@@ -69,7 +73,17 @@ enum Command : uint32_t {
     kDeadBinder,            // u32 handle
     kSpawnLooper,           // empty
     kCreditRevoked,         // u64: revocations so far; older grants are void
+    kConnectionRefused,     // u32 RefusalReason, then binderd closes the connection
 };
+
+enum RefusalReason : uint32_t {
+    kRefusedByPolicy = 1,   // the peer's uid may not use this binderd
+    kTooManyConnections,    // a bound on connections of the process, its uid or in total
+    kOutOfDescriptors,      // binderd reached its descriptor limit
+    kNoHello,               // the hello did not arrive in time
+};
+// What a refusal means, for messages.
+const char* refusalText(uint32_t reason);
 
 // Transaction codes of the service manager at handle 0 (the platform's
 // IServiceManager protocol), spoken by the client and answered by binderd.
@@ -167,5 +181,11 @@ void appendTransaction(std::vector<uint8_t>* out, uint32_t command, const Transa
 // Where binderd listens: $HOSTBINDER_SOCKET, else
 // $XDG_RUNTIME_DIR/hostbinder/binder, else /tmp/hostbinder-<uid>/binder.
 std::string defaultSocketPath();
+// Whether the path is the user's explicit choice ($HOSTBINDER_SOCKET).
+bool socketChosenByUser();
+// Why a client must not connect to `path`, or "" when it may: a socket the
+// user chose only has to be a socket; a default one must sit in a folder of
+// the user's own (or root's) that no one else can write.
+std::string unsafeSocketReason(const std::string& path, bool chosenByUser);
 
 }  // namespace android::hostbinder

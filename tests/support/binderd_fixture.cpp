@@ -96,22 +96,24 @@ std::string Channel::next(std::chrono::milliseconds timeout) {
             mPending.erase(0, newline + 1);
             return line;
         }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
-            return "";
-        }
+        // A zero timeout still looks once.
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         pollfd readable{mRead, POLLIN, 0};
-        if (poll(&readable, 1, static_cast<int>(left.count())) > 0) {
+        if (poll(&readable, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) > 0) {
             char buffer[256];
             const ssize_t n = read(mRead, buffer, sizeof(buffer));
             if (n > 0) {
                 mPending.append(buffer, static_cast<size_t>(n));
+                continue;
             }
+        }
+        if (left.count() <= 0) {
+            return "";
         }
     }
 }
 
-BinderdSession::BinderdSession() {
+BinderdSession::BinderdSession(std::vector<std::string> options) : mOptions(std::move(options)) {
     char pattern[] = "/tmp/hostbinder-test-XXXXXX";
     if (mkdtemp(pattern) == nullptr) {
         mError = "mkdtemp failed";
@@ -124,11 +126,16 @@ BinderdSession::BinderdSession() {
 }
 
 bool BinderdSession::startBinderd() {
+    std::vector<const char*> argv{"binderd", "--socket", mSocketPath.c_str()};
+    for (const std::string& option : mOptions) {
+        argv.push_back(option.c_str());
+    }
+    argv.push_back(nullptr);
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child == 0) {
         dieWithParent(parent);
-        execl(TIVRA_BINDERD_PATH, "binderd", "--socket", mSocketPath.c_str(), static_cast<char*>(nullptr));
+        execv(TIVRA_BINDERD_PATH, const_cast<char* const*>(argv.data()));
         _exit(127);
     }
     mBinderd = child;

@@ -37,7 +37,8 @@ private:
 // removed when the object goes, whatever the test's outcome.
 class BinderdSession {
 public:
-    BinderdSession();
+    // `options` go to binderd after its --socket.
+    explicit BinderdSession(std::vector<std::string> options = {});
     ~BinderdSession();
     BinderdSession(const BinderdSession&) = delete;
     BinderdSession& operator=(const BinderdSession&) = delete;
@@ -64,6 +65,7 @@ private:
     std::string mDirectory;
     std::string mSocketPath;
     std::string mError;
+    std::vector<std::string> mOptions;
     pid_t mBinderd = -1;
     std::vector<pid_t> mChildren;
 };

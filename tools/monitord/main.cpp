@@ -11,6 +11,7 @@
 
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
+#include <binder/Status.h>
 #include <utils/String16.h>
 
 #include "control_commands.h"
@@ -141,8 +142,14 @@ int main(int argc, char** argv) {
 
     android::ProcessState::self()->startThreadPool();
     const android::sp<android::IServiceManager> manager = android::defaultServiceManager();
-    if (manager == nullptr ||
-        manager->addService(android::String16(kServiceName), service) != android::OK ||
+    const android::status_t added =
+        manager == nullptr ? android::DEAD_OBJECT : manager->addService(android::String16(kServiceName), service);
+    // EX_SECURITY, as addService returns it: another live process owns the name.
+    if (added == android::binder::Status::EX_SECURITY) {
+        std::fprintf(stderr, "tivra-monitord: \"%s\" is already registered by another process\n", kServiceName);
+        return 1;
+    }
+    if (added != android::OK ||
         manager->addService(android::String16(tivra_control::kControlServiceName), control) != android::OK) {
         std::fprintf(stderr,
                      "tivra-monitord: cannot register with binderd: is it running? Start it with 'binderd' "

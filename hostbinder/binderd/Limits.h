@@ -1,0 +1,57 @@
+#pragma once
+
+// Every bound binderd keeps on what its peers can make it hold, in one place
+// (docs/binderd.md lists them with what happens beyond each). A "process" is
+// a peer pid as SO_PEERCRED gives it, so its connections count before they
+// say hello. Per-process bounds keep one process from starving another of
+// the same uid; per-uid bounds keep one uid from starving another.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+#include "protocol/Protocol.h"
+
+namespace android::binderd {
+
+constexpr size_t kMiB = 1024 * 1024;
+
+// Connections; beyond a bound the new connection is refused
+// (kConnectionRefused). The total also stays below the descriptor limit.
+constexpr size_t kMaxConnections = 16384;
+constexpr size_t kMaxConnectionsPerUid = 4096;
+constexpr size_t kMaxConnectionsPerProcess = 256;  // its control connection and its threads
+// A connection that has not said hello by then is closed.
+constexpr std::chrono::seconds kHelloDeadline{5};
+
+// Bytes binderd buffers for connections: the part of a frame read so far
+// (held in a buffer sized to that frame) and frames not yet written. The
+// connection whose frame would go beyond a bound is cut.
+constexpr size_t kMaxBufferedPerConnection = 4 * kMiB;
+constexpr size_t kMaxBufferedPerProcess = 32 * kMiB;
+constexpr size_t kMaxBufferedPerUid = 128 * kMiB;
+constexpr size_t kMaxBuffered = 512 * kMiB;
+
+// Transactions queued for or delivered to a process and not yet finished,
+// two-way and one-way together: hostbinder::kMaxTransactionBytes, one-way
+// within hostbinder::kMaxQueuedOnewayBytes. Beyond: FAILED_TRANSACTION.
+
+// A process's thread pool, whatever it asks for.
+constexpr uint32_t kMaxPoolThreads = 128;
+// Handles a process holds and nodes (local binders known to others) it owns;
+// a transaction that could take either beyond fails with FAILED_TRANSACTION.
+constexpr size_t kMaxHandlesPerProcess = 32768;
+constexpr size_t kMaxNodesPerProcess = 32768;
+
+// Service names: beyond a count addService fails with EX_ILLEGAL_STATE. The
+// total keeps a listServices reply (each name at most 127 characters, so 260
+// bytes) within one transaction.
+constexpr size_t kMaxNamesPerProcess = 256;
+constexpr size_t kMaxNamesPerUid = 1024;
+constexpr size_t kMaxNames = 4000;
+static_assert(8 + kMaxNames * 260 <= hostbinder::kMaxTransactionBytes);
+// getService calls of one process waiting for a name; beyond, a lookup
+// answers at once, as checkService.
+constexpr size_t kMaxLookupWaitersPerProcess = 32;
+
+}  // namespace android::binderd

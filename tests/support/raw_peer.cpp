@@ -1,0 +1,205 @@
+#include "raw_peer.h"
+
+#include <linux/android/binder.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include <binder/Parcel.h>
+#include <utils/String16.h>
+
+namespace tivra_test {
+
+using namespace android::hostbinder;
+
+RawPeer::RawPeer(const std::string& path) : mFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    if (mFd >= 0 && connect(mFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        close();
+    }
+}
+
+RawPeer::~RawPeer() { close(); }
+
+void RawPeer::close() {
+    if (mFd >= 0) {
+        ::close(mFd);
+        mFd = -1;
+    }
+}
+
+bool RawPeer::sendBytes(const void* bytes, size_t size) {
+    const auto* cursor = static_cast<const uint8_t*>(bytes);
+    while (size > 0) {
+        const ssize_t n = send(mFd, cursor, size, MSG_NOSIGNAL);
+        if (n <= 0) {
+            return false;
+        }
+        cursor += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool RawPeer::sendFrame(uint32_t command, const void* payload, size_t size) {
+    std::vector<uint8_t> frame;
+    appendFrame(&frame, command, payload, size);
+    return sendBytes(frame.data(), frame.size());
+}
+
+bool RawPeer::sendTransaction(uint64_t handle, uint32_t code, const std::vector<uint8_t>& data,
+                              const std::vector<uint64_t>& offsets, uint32_t flags) {
+    TransactionHeader header{};
+    header.target = handle;
+    header.code = code;
+    header.flags = flags;
+    header.dataSize = static_cast<uint32_t>(data.size());
+    header.offsetsCount = static_cast<uint32_t>(offsets.size());
+    std::vector<uint8_t> frame;
+    appendTransaction(&frame, kTransaction, header, data.data(), offsets.data());
+    return sendBytes(frame.data(), frame.size());
+}
+
+void RawPeer::finishSending() { shutdown(mFd, SHUT_WR); }
+
+int64_t RawPeer::nextCommand(std::vector<uint8_t>* payload, std::chrono::milliseconds timeout) {
+    FrameHeader header;
+    if (!readExactly(&header, sizeof(header), timeout)) {
+        return mClosed ? 0 : -1;
+    }
+    payload->resize(header.payloadSize);
+    if (!readExactly(payload->data(), payload->size(), timeout)) {
+        return mClosed ? 0 : -1;
+    }
+    return header.command;
+}
+
+bool RawPeer::closedByBinderd(std::chrono::milliseconds timeout) {
+    pollfd hangup{mFd, POLLRDHUP, 0};
+    return poll(&hangup, 1, static_cast<int>(timeout.count())) > 0 && (hangup.revents & (POLLRDHUP | POLLHUP)) != 0;
+}
+
+bool RawPeer::readExactly(void* out, size_t size, std::chrono::milliseconds timeout) {
+    auto* bytes = static_cast<uint8_t*>(out);
+    while (size > 0) {
+        pollfd readable{mFd, POLLIN, 0};
+        if (poll(&readable, 1, static_cast<int>(timeout.count())) <= 0) {
+            return false;
+        }
+        const ssize_t n = recv(mFd, bytes, size, 0);
+        if (n <= 0) {
+            mClosed = true;
+            return false;
+        }
+        bytes += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+RawSession::RawSession(const std::string& path) : mControl(path), mThread(path) {
+    const HelloProcess hello{15, 0};
+    std::vector<uint8_t> welcome;
+    if (!mControl.sendFrame(kHelloProcess, &hello, sizeof(hello)) || mControl.nextCommand(&welcome) != kWelcome ||
+        welcome.size() != sizeof(mToken)) {
+        return;
+    }
+    std::memcpy(&mToken, welcome.data(), sizeof(mToken));
+    mReady = addThread(mThread);
+}
+
+bool RawSession::addThread(RawPeer& peer) const {
+    return peer.sendFrame(kHelloThread, &mToken, sizeof(mToken));
+}
+
+int64_t RawSession::answer(std::vector<uint8_t>* reply, std::chrono::milliseconds timeout) {
+    std::vector<uint8_t> payload;
+    for (;;) {
+        const int64_t command = mThread.nextCommand(&payload, timeout);
+        if (command <= 0) {
+            return -1;
+        }
+        int32_t status = 0;
+        if (command == kRefused && payload.size() == sizeof(status)) {
+            std::memcpy(&status, payload.data(), sizeof(status));
+            return status;
+        }
+        TransactionView view;
+        if (command == kIncomingReply &&
+            parseTransaction({kIncomingReply, payload.data(), static_cast<uint32_t>(payload.size())}, &view)) {
+            if (reply != nullptr) {
+                reply->assign(view.data, view.data + view.header.dataSize + view.header.offsetsCount * 8);
+            }
+            return view.header.status;
+        }
+        // Anything else (a thread welcome) is not the answer.
+    }
+}
+
+namespace {
+
+std::vector<uint8_t> bytesOf(const android::Parcel& parcel) {
+    return std::vector<uint8_t>(parcel.data(), parcel.data() + parcel.dataSize());
+}
+
+// The interface token, then the name when one is given.
+std::vector<uint8_t> serviceManagerRequest(const std::string* name) {
+    android::Parcel data;
+    data.writeInterfaceToken(android::String16("android.os.IServiceManager"));
+    if (name != nullptr) {
+        data.writeString16(android::String16(name->c_str()));
+    } else {
+        data.writeInt32(0);
+    }
+    return bytesOf(data);
+}
+
+int32_t exceptionOf(const std::vector<uint8_t>& reply) {
+    int32_t exception = INT32_MIN;
+    if (reply.size() >= sizeof(exception)) {
+        std::memcpy(&exception, reply.data(), sizeof(exception));
+    }
+    return exception;
+}
+
+}  // namespace
+
+int32_t RawSession::addService(const std::string& name, uint64_t address) {
+    std::vector<uint8_t> bytes = serviceManagerRequest(&name);
+    flat_binder_object object{};
+    object.hdr.type = BINDER_TYPE_BINDER;
+    object.flags = 0x113;
+    object.binder = address;
+    object.cookie = address;
+    const uint64_t offset = bytes.size();
+    bytes.resize(bytes.size() + sizeof(object) + 3 * sizeof(int32_t), 0);
+    std::memcpy(bytes.data() + offset, &object, sizeof(object));
+    const int32_t stability = 12;
+    std::memcpy(bytes.data() + offset + sizeof(object), &stability, sizeof(stability));
+    std::vector<uint8_t> reply;
+    if (!mThread.sendTransaction(0, kAddService, bytes, {offset})) {
+        return INT32_MIN;
+    }
+    const int64_t status = answer(&reply);
+    return status == 0 ? exceptionOf(reply) : static_cast<int32_t>(status);
+}
+
+uint32_t RawSession::checkService(const std::string& name) {
+    std::vector<uint8_t> reply;
+    if (!mThread.sendTransaction(0, kCheckService, serviceManagerRequest(&name)) || answer(&reply) != 0 || exceptionOf(reply) != 0 ||
+        reply.size() < sizeof(int32_t) + sizeof(flat_binder_object)) {
+        return 0;
+    }
+    flat_binder_object object;
+    std::memcpy(&object, reply.data() + sizeof(int32_t), sizeof(object));
+    return object.hdr.type == BINDER_TYPE_HANDLE ? object.handle : 0;
+}
+
+std::vector<uint8_t> RawSession::listServicesRequest() { return serviceManagerRequest(nullptr); }
+
+}  // namespace tivra_test
