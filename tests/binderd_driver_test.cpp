@@ -485,30 +485,35 @@ TEST_F(DriverFrames, AWatcherHearsEveryCallAndReplyWithItsTargetAndInterface) {
 
 TEST_F(DriverFrames, AWatcherThatFallsBehindLosesRecordsAndHearsHowMany) {
     constexpr ConnectionId kWatcher = 9;
+    constexpr size_t kBound = android::binderd::kMaxWatcherBacklog;
     driver.onConnect(kWatcher, 300, geteuid());
     ASSERT_TRUE(feed(kWatcher, kHelloMonitor, {}));
-    outbox.backlogs[kWatcher] = android::binderd::kMaxWatcherBacklog;
-    for (uint32_t code = 1; code <= 3; ++code) {
-        ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(code)));
+    // Full, then still more than half full: records are counted, not sent.
+    for (const size_t backlog : {kBound, kBound / 2}) {
+        outbox.backlogs[kWatcher] = backlog;
+        for (uint32_t code = 1; code <= 2; ++code) {
+            ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(code)));
+        }
+        driver.catchUpWatchers();
     }
-    driver.catchUpWatchers();
     EXPECT_TRUE(heardBy(outbox.sent, kWatcher).empty());
     // Its socket took what waited: first the count, then what comes next.
     outbox.backlogs[kWatcher] = 0;
-    ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(4)));
-    driver.catchUpWatchers();
-    const std::vector<Heard> heard = heardBy(outbox.sent, kWatcher);
+    ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(5)));
+    std::vector<Heard> heard = heardBy(outbox.sent, kWatcher);
     ASSERT_EQ(heard.size(), 2u);
     EXPECT_EQ(heard[0].record.kind, 0u);
-    EXPECT_EQ(heard[0].record.id, 3u);
-    EXPECT_EQ(heard[1].record.code, 4u);
+    EXPECT_EQ(heard[0].record.id, 4u);
+    EXPECT_EQ(heard[1].record.code, 5u);
     // With nothing new to send, the count still goes out once there is room.
-    outbox.backlogs[kWatcher] = android::binderd::kMaxWatcherBacklog;
-    ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(5)));
+    outbox.backlogs[kWatcher] = kBound;
+    ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(6)));
     outbox.backlogs[kWatcher] = 0;
     driver.catchUpWatchers();
-    ASSERT_EQ(heardBy(outbox.sent, kWatcher).size(), 3u);
-    EXPECT_EQ(heardBy(outbox.sent, kWatcher)[2].record.id, 1u);
+    heard = heardBy(outbox.sent, kWatcher);
+    ASSERT_EQ(heard.size(), 3u);
+    EXPECT_EQ(heard[2].record.kind, 0u);
+    EXPECT_EQ(heard[2].record.id, 1u);
 }
 
 TEST(TrafficReport, OnlyTheOwnerAndRootMayWatchAndWatchersAreBounded) {

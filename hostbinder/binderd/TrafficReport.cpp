@@ -100,20 +100,18 @@ void TrafficReport::catchUp() {
     }
 }
 
-bool TrafficReport::fits(ConnectionId id, size_t bytes) {
-    if (mOutbox.backlog(id) + bytes <= kMaxWatcherBacklog) {
-        return true;
-    }
-    // What the socket takes now frees room.
-    mOutbox.writeNow(id);
-    return mOutbox.backlog(id) + bytes <= kMaxWatcherBacklog;
-}
-
 bool TrafficReport::makeRoom(Watcher& watcher, size_t bytes) {
     if (watcher.lost == 0) {
-        return fits(watcher.id, bytes);
+        if (mOutbox.backlog(watcher.id) + bytes <= kMaxWatcherBacklog) {
+            return true;
+        }
+        // What the socket takes now frees room.
+        mOutbox.writeNow(watcher.id);
+        return mOutbox.backlog(watcher.id) + bytes <= kMaxWatcherBacklog;
     }
-    if (!fits(watcher.id, kLostFrameBytes + bytes)) {
+    // A watcher that fell behind resumes once half of its backlog is gone,
+    // so that it hears of its losses in few, large counts.
+    if (mOutbox.backlog(watcher.id) + kLostFrameBytes + bytes > kMaxWatcherBacklog / 2) {
         return false;
     }
     mOutbox.send(watcher.id, kTrafficLost, &watcher.lost, sizeof(watcher.lost));

@@ -15,7 +15,7 @@ namespace android::binderd {
 // The connections watching the traffic and what each is sent. A watcher that
 // does not read loses records instead of holding binderd back or growing its
 // memory: past its backlog bound a record is counted, not queued, and the
-// count goes out once there is room again, ahead of further records.
+// count goes out once half of the backlog is gone, ahead of further records.
 //
 // Nothing here runs while nobody watches: the driver asks watched() first.
 class TrafficReport {
@@ -44,7 +44,6 @@ private:
 
     // Whether `bytes` more fit the watcher's backlog, once it heard of its losses.
     bool makeRoom(Watcher& watcher, size_t bytes);
-    bool fits(ConnectionId id, size_t bytes);
 
     Outbox& mOutbox;
     const uid_t mOwner;
