@@ -1,7 +1,8 @@
 // binderd's driver fed frame by frame, so that the order in which frames of
 // different connections arrive is the test's to choose: one-way calls paid
 // from credit that a thread wrote before its process released the handle, or
-// before the process ended, must be taken in first.
+// before the process ended, must be taken in first. Watchers of the traffic
+// are fed the same way, with a backlog the test chooses.
 #include <gtest/gtest.h>
 #include <linux/android/binder.h>
 
@@ -577,4 +578,25 @@ TEST(TrafficReport, TheInterfaceDescriptorIsReadOnlyFromAWellFormedToken) {
         EXPECT_EQ(found != nullptr, !c.descriptor.empty());
         EXPECT_EQ(descriptor, c.descriptor);
     }
+}
+
+TEST(ServiceRegistry, ANameIsFoundByItsHandleWhileItIsRegistered) {
+    using android::binderd::ServiceRegistry;
+    ServiceRegistry registry;
+    ServiceRegistry::Entry previous;
+    const ServiceRegistry::Owner one{1, 100, 1000}, two{2, 200, 1000};
+    ASSERT_EQ(registry.add(u"a", 5, one, &previous), ServiceRegistry::Added::kNew);
+    ASSERT_EQ(registry.add(u"b", 5, one, &previous), ServiceRegistry::Added::kNew);
+    ASSERT_EQ(registry.add(u"c", 6, two, &previous), ServiceRegistry::Added::kNew);
+    ASSERT_EQ(registry.add(u"a", 7, one, &previous), ServiceRegistry::Added::kReplaced);
+    const auto nameOf = [&](uint32_t handle) {
+        const std::u16string* name = registry.nameOf(handle);
+        return name == nullptr ? std::u16string(u"-") : *name;
+    };
+    EXPECT_EQ(nameOf(5), u"b");
+    EXPECT_EQ(nameOf(7), u"a");
+    registry.removeOwner(1);
+    EXPECT_EQ(nameOf(5), u"-");
+    EXPECT_EQ(nameOf(7), u"-");
+    EXPECT_EQ(nameOf(6), u"c");
 }

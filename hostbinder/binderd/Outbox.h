@@ -35,7 +35,7 @@ public:
     // once it is gone.
     virtual size_t backlog(ConnectionId id) const = 0;
     // Writes what is queued for the connection, as far as its socket takes it
-    // at once.
+    // at once; a connection found broken is closed, as by a send.
     virtual void writeNow(ConnectionId id) = 0;
     // Frames a peer wrote earlier on another connection must not be overtaken
     // by what the driver is about to do.

@@ -115,9 +115,6 @@ bool Driver::finishReply(Thread& thread, const TransactionView& view) {
 
 void Driver::deliverReply(Transaction& call, status_t status, Process* from, const TransactionView* view) {
     Thread& caller = *call.from;
-    if (mTraffic.watched()) {
-        reportReply(call, status, from, *caller.process, view);
-    }
     call.from = nullptr;
     caller.awaiting = nullptr;
     Transaction reply;
@@ -129,6 +126,9 @@ void Driver::deliverReply(Transaction& call, status_t status, Process* from, con
     reply.header.offsetsCount = static_cast<uint32_t>(reply.offsets.size());
     mOutbox.sendTransaction(caller.connection, kIncomingReply, reply.header, reply.data.data(),
                             reply.offsets.data());
+    if (mTraffic.watched()) {
+        reportReply(call, status, from, *caller.process, view);
+    }
 }
 
 void Driver::enqueueWork(Process& process, const std::shared_ptr<Transaction>& transaction) {
