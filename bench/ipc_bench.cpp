@@ -4,6 +4,8 @@
 //   c) a two-way Binder transaction through binderd, 64 bytes each way;
 //   d) one-way Binder transactions to one node, counted by the receiver;
 //   e) a two-way Binder transaction of 100 KiB each way;
+//   c, d and e again while a watcher reads binderd's traffic report (rows
+//   ending in "_watched", counting the records it read and lost);
 //   and binderd's resident memory before and after 1,000,000 transactions.
 // The bench starts its own binderd on a private socket and every helper
 // process itself. Pinned figures: `taskset -c 0 ipc_bench`; every helper
@@ -15,6 +17,7 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -29,6 +32,7 @@
 #include "epoll_relay.h"
 #include "resident_memory.h"
 #include "stream_echo.h"
+#include "traffic_watcher.h"
 
 namespace {
 
@@ -224,6 +228,20 @@ void binderdMemory(benchmark::State& state, const sp<IBinder>& service, pid_t bi
     state.counters["binderd_rss_growth_KiB"] = static_cast<double>(after - before);
 }
 
+// Runs a benchmark while a watcher reads binderd's report of the traffic.
+void watched(benchmark::State& state, const std::string& socketPath,
+             const std::function<void(benchmark::State&)>& benchmark) {
+    tivra_bench::TrafficWatcher watcher(socketPath);
+    if (!watcher.attached()) {
+        state.SkipWithError("binderd took no watcher");
+        return;
+    }
+    benchmark(state);
+    watcher.stop();
+    state.counters["watcher_records"] = static_cast<double>(watcher.records());
+    state.counters["watcher_lost"] = static_cast<double>(watcher.lost());
+}
+
 // Warm-up, then five repetitions reported as mean, median and spread. Wall
 // time, not this process's CPU time: the work happens in other processes.
 benchmark::internal::Benchmark* repeated(benchmark::internal::Benchmark* benchmark) {
@@ -265,6 +283,20 @@ int main(int argc, char** argv) {
     repeated(benchmark::RegisterBenchmark("c_binder_two_way_64B", binderRoundTrips, service, kMessageBytes))->UseRealTime();
     repeated(benchmark::RegisterBenchmark("d_binder_one_way_64B", onewayThroughput, service))->UseManualTime();
     repeated(benchmark::RegisterBenchmark("e_binder_two_way_100KiB", binderRoundTrips, service, kLargeBytes))->UseRealTime();
+    const std::string socket = session.socketPath();
+    repeated(benchmark::RegisterBenchmark("c_binder_two_way_64B_watched", watched, socket,
+                                          [service](benchmark::State& state) {
+                                              binderRoundTrips(state, service, kMessageBytes);
+                                          }))
+        ->UseRealTime();
+    repeated(benchmark::RegisterBenchmark("d_binder_one_way_64B_watched", watched, socket,
+                                          [service](benchmark::State& state) { onewayThroughput(state, service); }))
+        ->UseManualTime();
+    repeated(benchmark::RegisterBenchmark("e_binder_two_way_100KiB_watched", watched, socket,
+                                          [service](benchmark::State& state) {
+                                              binderRoundTrips(state, service, kLargeBytes);
+                                          }))
+        ->UseRealTime();
     benchmark::RegisterBenchmark("binderd_memory_1M_transactions", binderdMemory, service, session.binderdPid())
         ->Iterations(kMemoryTransactions)
         ->UseRealTime()

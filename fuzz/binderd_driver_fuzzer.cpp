@@ -5,8 +5,10 @@
 //
 // Input: records of [selector byte][frame bytes]. The selector's low two bits
 // pick the connection; bit 2 disconnects it instead; bit 3 lets pending
-// service lookups time out. A HelloThread whose token is below 4 is given the
-// token of that connection's last welcome, so thread sessions can be reached.
+// service lookups time out and watchers catch up. A HelloThread whose token is
+// below 4 is given the token of that connection's last welcome, so thread
+// sessions can be reached; any connection may watch the traffic, and every
+// other watcher is too far behind to be sent anything.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -41,11 +43,16 @@ public:
         for (uint32_t i = 0; i < header.offsetsCount; ++i) sink = sink ^ static_cast<uint8_t>(offsets[i]);
     }
     void cut(ConnectionId id) override { mCut.insert(id); }
+    void finish(ConnectionId id) override { mFinished.insert(id); }
+    // Watchers are always behind, half of the time by too much.
+    size_t backlog(ConnectionId id) const override { return id % 2 == 0 ? 0 : 1024 * 1024; }
+    void writeNow(ConnectionId) override {}
     // The input's order is the arrival order: nothing is waiting elsewhere.
     void drain(ConnectionId) override {}
 
     std::map<ConnectionId, uint64_t> mTokens;
     std::set<ConnectionId> mCut;
+    std::set<ConnectionId> mFinished;
 };
 
 }  // namespace
@@ -55,7 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)quiet;
 
     RecordingOutbox outbox;
-    android::binderd::Driver driver(outbox, false);
+    // Every connection's uid may watch the traffic.
+    android::binderd::Driver driver(outbox, false, 1000);
     // Connection slot i currently has id `ids[i]`; ids are never reused.
     ConnectionId ids[kConnections];
     ConnectionId nextId = 0;
@@ -71,6 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const size_t slot = selector & 3;
         if (selector & 8) {
             driver.expireTimers(android::binderd::Driver::Clock::time_point::max());
+            driver.catchUpWatchers();
         }
         const bool wasCut = outbox.mCut.erase(ids[slot]) != 0;
         if (selector & 4 || wasCut) {
@@ -95,7 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 frame.payload = patched;
             }
         }
-        if (!driver.onFrame(ids[slot], frame)) {
+        if (!driver.onFrame(ids[slot], frame) || outbox.mFinished.erase(ids[slot]) != 0) {
             outbox.mCut.erase(ids[slot]);
             driver.onDisconnect(ids[slot]);
             connect(slot);

@@ -5,7 +5,7 @@ namespace solvane {
 namespace pravik {
 namespace service {
 
-TIVRA_FRAME_DEFINE_INTERFACE(DeviceChangeListener, "com.solvane.pravik.service.IDeviceChangeListener",
+TIVRA_FRAME_DEFINE_INTERFACE(DeviceChangeListener, kDeviceChangeListenerDescriptor,
                              TIVRA_DEVICE_CHANGE_LISTENER_TRANSACTIONS)
 
 }  // namespace service

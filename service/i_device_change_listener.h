@@ -8,6 +8,8 @@ namespace solvane {
 namespace pravik {
 namespace service {
 
+constexpr char kDeviceChangeListenerDescriptor[] = "com.solvane.pravik.service.IDeviceChangeListener";
+
 // A device came online or went offline; one-way calls from the service.
 #define TIVRA_DEVICE_CHANGE_LISTENER_TRANSACTIONS(X, C)                                                    \
     X(C, 1, onDeviceOnline, frame::kOneWay, (const deviceinfo::DeviceInfoExternal& deviceInfo), (deviceInfo)) \

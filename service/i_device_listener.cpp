@@ -5,7 +5,7 @@ namespace solvane {
 namespace pravik {
 namespace service {
 
-TIVRA_FRAME_DEFINE_INTERFACE(DeviceListener, "com.solvane.pravik.service.IDeviceListener",
+TIVRA_FRAME_DEFINE_INTERFACE(DeviceListener, kDeviceListenerDescriptor,
                              TIVRA_DEVICE_LISTENER_TRANSACTIONS)
 
 }  // namespace service

@@ -9,6 +9,8 @@ namespace solvane {
 namespace pravik {
 namespace service {
 
+constexpr char kDeviceListenerDescriptor[] = "com.solvane.pravik.service.IDeviceListener";
+
 // A node came online, went offline or changed; one-way calls from the service.
 #define TIVRA_DEVICE_LISTENER_TRANSACTIONS(X, C)                                                         \
     X(C, 1, onDeviceOnline, frame::kOneWay, (const deviceinfo::NodeBasicInfoInner& nodeInfo), (nodeInfo))  \

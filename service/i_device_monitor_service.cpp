@@ -5,7 +5,7 @@ namespace solvane {
 namespace pravik {
 namespace service {
 
-TIVRA_FRAME_DEFINE_INTERFACE(DeviceMonitorService, "com.solvane.pravik.service.IDeviceMonitorService",
+TIVRA_FRAME_DEFINE_INTERFACE(DeviceMonitorService, kDeviceMonitorServiceDescriptor,
                              TIVRA_DEVICE_MONITOR_SERVICE_TRANSACTIONS)
 
 }  // namespace service

@@ -13,6 +13,8 @@ namespace solvane {
 namespace pravik {
 namespace service {
 
+constexpr char kDeviceMonitorServiceDescriptor[] = "com.solvane.pravik.service.IDeviceMonitorService";
+
 // The device monitor service: 44 two-way transactions, codes in row order.
 #define TIVRA_DEVICE_MONITOR_SERVICE_TRANSACTIONS(X, C)                                                       \
     X(C, 1, addOnDeviceChangeListener, frame::kTwoWay,                                                        \

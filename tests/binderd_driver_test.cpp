@@ -1,7 +1,8 @@
 // binderd's driver fed frame by frame, so that the order in which frames of
 // different connections arrive is the test's to choose: one-way calls paid
 // from credit that a thread wrote before its process released the handle, or
-// before the process ended, must be taken in first.
+// before the process ended, must be taken in first. Watchers of the traffic
+// are fed the same way, with a backlog the test chooses.
 #include <gtest/gtest.h>
 #include <linux/android/binder.h>
 
@@ -56,6 +57,12 @@ public:
         sent.push_back({to, command, std::vector<uint8_t>(frame.begin() + sizeof(FrameHeader), frame.end())});
     }
     void cut(ConnectionId) override {}
+    void finish(ConnectionId id) override { finished.push_back(id); }
+    size_t backlog(ConnectionId id) const override {
+        auto it = backlogs.find(id);
+        return it == backlogs.end() ? 0 : it->second;
+    }
+    void writeNow(ConnectionId) override {}
     void drain(ConnectionId id) override {
         auto& frames = unread[id];
         while (!frames.empty()) {
@@ -67,6 +74,8 @@ public:
 
     android::binderd::Driver* driver = nullptr;
     std::vector<Sent> sent;
+    std::vector<ConnectionId> finished;
+    std::map<ConnectionId, size_t> backlogs;  // as the test sets them
     std::map<ConnectionId, std::deque<std::pair<uint32_t, std::vector<uint8_t>>>> unread;
 };
 
@@ -376,4 +385,218 @@ TEST_F(DriverFrames, LookupsWaitingForANameAreBoundedPerProcess) {
         ASSERT_TRUE(feed(thread, kTransaction, serviceManagerCall(kGetService, "absent", nullptr)));
         EXPECT_EQ(framesTo(thread, kIncomingReply), i < waiters ? 0u : 1u) << "lookup " << i;
     }
+}
+
+// --- watching the traffic ---
+
+namespace {
+
+// What a watcher heard: a record with its texts, or (kind 0) a loss count in `id`.
+struct Heard {
+    TrafficRecord record{};
+    std::u16string name;
+    std::u16string descriptor;
+};
+
+std::vector<Heard> heardBy(const std::vector<Sent>& sent, ConnectionId watcher) {
+    std::vector<Heard> heard;
+    for (const Sent& frame : sent) {
+        Heard one;
+        if (frame.to != watcher) {
+            continue;
+        }
+        if (frame.command == kTrafficLost) {
+            std::memcpy(&one.record.id, frame.payload.data(), sizeof(uint64_t));
+        } else if (frame.command == kTrafficRecord) {
+            std::memcpy(&one.record, frame.payload.data(), sizeof(one.record));
+            const auto* text = reinterpret_cast<const char16_t*>(frame.payload.data() + sizeof(one.record));
+            one.name.assign(text, one.record.nameUnits);
+            one.descriptor.assign(text + one.record.nameUnits, one.record.descriptorUnits);
+            EXPECT_EQ(frame.payload.size(), sizeof(one.record) + 2 * (one.name.size() + one.descriptor.size()));
+        } else {
+            continue;
+        }
+        heard.push_back(one);
+    }
+    return heard;
+}
+
+}  // namespace
+
+TEST_F(DriverFrames, AWatcherHearsEveryCallAndReplyWithItsTargetAndInterface) {
+    constexpr ConnectionId kWatcher = 9;
+    driver.onConnect(kWatcher, 300, geteuid());
+    ASSERT_TRUE(feed(kWatcher, kHelloMonitor, {}));
+    ASSERT_EQ(framesTo(kWatcher, kWelcome), 1u);
+
+    Parcel data;
+    data.writeInterfaceToken(String16("tivra.test.IThing"));
+    data.writeInt32(5);
+    ASSERT_TRUE(feed(kClientThread, kTransaction, transactionPayload(handle, 9, 0, data)));
+    TransactionHeader reply{};
+    reply.status = -38;
+    ASSERT_TRUE(feed(kServiceLooper, kReply, bytesOf(reply)));
+    // A handle the client does not hold: binderd answers at once.
+    ASSERT_TRUE(feed(kClientThread, kTransaction, transactionPayload(handle + 7, 3, kFlagOneway, data)));
+    ASSERT_TRUE(feed(kClientThread, kTransaction, serviceManagerCall(kCheckService, "svc", nullptr)));
+
+    struct Expected {
+        uint32_t kind;
+        pid_t from;
+        pid_t to;
+        uint32_t target;
+        const char16_t* name;
+        const char16_t* descriptor;
+        uint32_t code;
+        int32_t status;
+        bool oneway;
+    };
+    const pid_t binderd = getpid();
+    const std::vector<Expected> expected{
+        {kTrafficCall, 100, 200, kTargetNode, u"svc", u"tivra.test.IThing", 9, 0, false},
+        {kTrafficReply, 200, 100, kTargetNode, u"svc", u"tivra.test.IThing", 9, -38, false},
+        {kTrafficCall, 100, 0, kTargetUnknown, u"", u"tivra.test.IThing", 3, 0, true},
+        {kTrafficReply, binderd, 100, kTargetUnknown, u"", u"tivra.test.IThing", 3, FAILED_TRANSACTION, true},
+        {kTrafficCall, 100, binderd, kTargetServiceManager, u"", u"android.os.IServiceManager", kCheckService, 0,
+         false},
+        {kTrafficReply, binderd, 100, kTargetServiceManager, u"", u"android.os.IServiceManager", kCheckService, OK,
+         false},
+    };
+    const std::vector<Heard> heard = heardBy(outbox.sent, kWatcher);
+    ASSERT_EQ(heard.size(), expected.size());
+    for (size_t i = 0; i < heard.size(); ++i) {
+        SCOPED_TRACE(i);
+        const TrafficRecord& record = heard[i].record;
+        EXPECT_EQ(record.kind, expected[i].kind);
+        EXPECT_EQ(record.senderPid, expected[i].from);
+        EXPECT_EQ(record.receiverPid, expected[i].to);
+        EXPECT_EQ(record.target, expected[i].target);
+        EXPECT_EQ(heard[i].name, expected[i].name);
+        EXPECT_EQ(heard[i].descriptor, expected[i].descriptor);
+        EXPECT_EQ(record.code, expected[i].code);
+        EXPECT_EQ(record.status, expected[i].status);
+        EXPECT_EQ((record.flags & kFlagOneway) != 0, expected[i].oneway);
+        EXPECT_GT(record.timeNanos, 0);
+        // A reply carries the id of its call.
+        EXPECT_EQ(record.id, heard[i - i % 2].record.id);
+    }
+    EXPECT_EQ(heard[0].record.dataSize, data.dataSize());
+    EXPECT_NE(heard[0].record.id, heard[2].record.id);
+}
+
+TEST_F(DriverFrames, AWatcherThatFallsBehindLosesRecordsAndHearsHowMany) {
+    constexpr ConnectionId kWatcher = 9;
+    constexpr size_t kBound = android::binderd::kMaxWatcherBacklog;
+    driver.onConnect(kWatcher, 300, geteuid());
+    ASSERT_TRUE(feed(kWatcher, kHelloMonitor, {}));
+    // Full, then still more than half full: records are counted, not sent.
+    for (const size_t backlog : {kBound, kBound / 2}) {
+        outbox.backlogs[kWatcher] = backlog;
+        for (uint32_t code = 1; code <= 2; ++code) {
+            ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(code)));
+        }
+        driver.catchUpWatchers();
+    }
+    EXPECT_TRUE(heardBy(outbox.sent, kWatcher).empty());
+    // Its socket took what waited: first the count, then what comes next.
+    outbox.backlogs[kWatcher] = 0;
+    ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(5)));
+    std::vector<Heard> heard = heardBy(outbox.sent, kWatcher);
+    ASSERT_EQ(heard.size(), 2u);
+    EXPECT_EQ(heard[0].record.kind, 0u);
+    EXPECT_EQ(heard[0].record.id, 4u);
+    EXPECT_EQ(heard[1].record.code, 5u);
+    // With nothing new to send, the count still goes out once there is room.
+    outbox.backlogs[kWatcher] = kBound;
+    ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(6)));
+    outbox.backlogs[kWatcher] = 0;
+    driver.catchUpWatchers();
+    heard = heardBy(outbox.sent, kWatcher);
+    ASSERT_EQ(heard.size(), 3u);
+    EXPECT_EQ(heard[2].record.kind, 0u);
+    EXPECT_EQ(heard[2].record.id, 1u);
+}
+
+TEST(TrafficReport, OnlyTheOwnerAndRootMayWatchAndWatchersAreBounded) {
+    struct NoOutput : android::binderd::Outbox {
+        void send(ConnectionId, uint32_t, const void*, size_t) override {}
+        void sendTransaction(ConnectionId, uint32_t, const TransactionHeader&, const uint8_t*,
+                             const uint64_t*) override {}
+        void cut(ConnectionId) override {}
+        void finish(ConnectionId) override {}
+        size_t backlog(ConnectionId) const override { return 0; }
+        void writeNow(ConnectionId) override {}
+        void drain(ConnectionId) override {}
+    } outbox;
+    android::binderd::TrafficReport report(outbox, 1000);
+    EXPECT_EQ(report.admit(1, 1001), kNotAllowedToWatch);
+    EXPECT_FALSE(report.watched());
+    EXPECT_EQ(report.admit(2, 0), 0u);
+    for (ConnectionId id = 3; id < 2 + android::binderd::kMaxWatchers; ++id) {
+        ASSERT_EQ(report.admit(id, 1000), 0u);
+    }
+    EXPECT_EQ(report.admit(100, 1000), kTooManyConnections);
+    report.forget(2);
+    EXPECT_EQ(report.admit(100, 1000), 0u);
+}
+
+TEST(TrafficReport, TheInterfaceDescriptorIsReadOnlyFromAWellFormedToken) {
+    const auto token = [](const char* header, int32_t length, const std::u16string& units, bool terminated) {
+        std::vector<uint8_t> bytes(8, 0);
+        bytes.insert(bytes.end(), header, header + 4);
+        bytes.resize(16);
+        std::memcpy(bytes.data() + 12, &length, sizeof(length));
+        const auto* text = reinterpret_cast<const uint8_t*>(units.data());
+        bytes.insert(bytes.end(), text, text + units.size() * 2);
+        bytes.insert(bytes.end(), {terminated ? uint8_t{0} : uint8_t{'x'}, 0});
+        return bytes;
+    };
+    const std::u16string longest(android::binderd::kMaxReportedDescriptorUnits, u'a');
+    struct Case {
+        const char* name;
+        std::vector<uint8_t> parcel;
+        std::u16string descriptor;  // empty: none
+    };
+    const std::vector<Case> cases{
+        {"well formed", token("SYST", 3, u"a.I", true), u"a.I"},
+        {"the longest reported", token("VNDR", static_cast<int32_t>(longest.size()), longest, true), longest},
+        {"one unit too long", token("SYST", static_cast<int32_t>(longest.size() + 1), longest + u"a", true), u""},
+        {"no header", token("sy\0T", 3, u"a.I", true), u""},
+        {"negative length", token("SYST", -1, u"a.I", true), u""},
+        {"length beyond the parcel", token("SYST", 4, u"a.I", true), u""},
+        {"no terminator", token("SYST", 3, u"a.I", false), u""},
+        {"too short", std::vector<uint8_t>(15, 'A'), u""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        size_t units = 0;
+        const uint8_t* found = android::binderd::interfaceDescriptor(c.parcel.data(), c.parcel.size(), &units);
+        std::u16string descriptor(units, u'\0');
+        if (found != nullptr) {
+            std::memcpy(descriptor.data(), found, units * 2);
+        }
+        EXPECT_EQ(found != nullptr, !c.descriptor.empty());
+        EXPECT_EQ(descriptor, c.descriptor);
+    }
+}
+
+TEST(ServiceRegistry, ANameIsFoundByItsHandleWhileItIsRegistered) {
+    using android::binderd::ServiceRegistry;
+    ServiceRegistry registry;
+    ServiceRegistry::Entry previous;
+    const ServiceRegistry::Owner one{1, 100, 1000}, two{2, 200, 1000};
+    ASSERT_EQ(registry.add(u"a", 5, one, &previous), ServiceRegistry::Added::kNew);
+    ASSERT_EQ(registry.add(u"b", 5, one, &previous), ServiceRegistry::Added::kNew);
+    ASSERT_EQ(registry.add(u"c", 6, two, &previous), ServiceRegistry::Added::kNew);
+    ASSERT_EQ(registry.add(u"a", 7, one, &previous), ServiceRegistry::Added::kReplaced);
+    const auto nameOf = [&](uint32_t handle) {
+        const std::u16string* name = registry.nameOf(handle);
+        return name == nullptr ? std::u16string(u"-") : *name;
+    };
+    EXPECT_EQ(nameOf(5), u"b");
+    EXPECT_EQ(nameOf(7), u"a");
+    registry.removeOwner(1);
+    EXPECT_EQ(nameOf(5), u"-");
+    EXPECT_EQ(nameOf(7), u"-");
+    EXPECT_EQ(nameOf(6), u"c");
 }

@@ -53,6 +53,7 @@ start_monitord() {
 # Nothing running: exit 3, and the advice names what to start.
 expect 3 "binderd is not running.*start it with" tivra devices
 expect 3 "cannot register with binderd" tivra-monitord
+expect 3 "binderd is not running" tivra monitor --for 1s
 "$binderd" --socket "$HOSTBINDER_SOCKET" 2>"$work/binderd.log" &
 pids+=($!)
 wait_for test -S "$HOSTBINDER_SOCKET" || fail "binderd did not come up"
@@ -74,6 +75,7 @@ expect 2 "unknown command 'bogus'" tivra bogus
 expect 2 "tivra devices: too many arguments" tivra devices extra
 expect 2 "tivra node: expected NODE_ID" tivra node
 expect 2 "unexpected argument 'now'" tivra watch now
+expect 2 "--pid must be a process id, not 'me'" tivra monitor --pid me
 expect 2 "unknown command 'bogus' \(accepted: clear-faults, counts, " tivra sim bogus
 expect 2 "KIND must be 1, 2 or 3, not '9'" tivra sim node-changed node-tv-19c2 9
 expect 2 "unknown fault kind 'sometimes' \(accepted: exception, transport, refuse, corruptReply\)" \
@@ -84,7 +86,7 @@ expect 2 "option '--scenario' needs a value" tivra-monitord --scenario
 expect 1 "bad scenario: $work/none.json: cannot open" tivra-monitord --scenario="$work/none.json"
 # Bad input: an argument that is not UTF-8.
 expect 2 "argument 2 is not valid UTF-8" tivra node $'\xff\xfe'
-for command in local-device devices local-node node nodes ext udid uuid watch sim services \
+for command in local-device devices local-node node nodes ext udid uuid watch sim services monitor \
                "sim device-online" "sim device-offline" "sim node-online" "sim node-offline" "sim node-changed" \
                "sim fault" "sim clear-faults" "sim counts" "sim listeners" "sim raw" "sim stop"; do
   # shellcheck disable=SC2086
@@ -130,6 +132,29 @@ for row in "客厅电视 8 dev-cjk" $'Cafe\xcc\x81_Lamp 9 dev-cafe'; do
   printf -v padding '%*s' $((id_column - 1 - width)) ''
   grep -qF "$name$padding$id " "$work/devices.out" || fail "'$name' is not aligned: $(cat "$work/devices.out")"
 done
+
+# monitor: binderd's traffic, each call with its reply, the methods named;
+# a filter keeps the service manager's lookups out.
+"$tivra_bin" monitor --json >"$work/monitor.out" 2>&1 &
+monitor_pid=$!
+pids+=("$monitor_pid")
+"$tivra_bin" monitor --for 4s --service PravikDeviceMonitorService >"$work/monitor-human.out" 2>"$work/monitor-human.err" &
+pids+=($!)
+wait_for grep -q '"event":"watching"' "$work/monitor.out" && wait_for grep -q "watching the traffic" "$work/monitor-human.err" ||
+  fail "monitor did not start: $(cat "$work/monitor.out" "$work/monitor-human.err")"
+tivra devices >/dev/null
+method='"method":"IDeviceMonitorService.getAllDevices"'
+wait_for grep -q "\"event\":\"reply\",.*$method" "$work/monitor.out" || fail "monitor --json missed a reply"
+call_id=$(sed -n "s/.*\"event\":\"call\",.*\"id\":\([0-9]*\),.*$method.*/\1/p" "$work/monitor.out")
+[ -n "$call_id" ] && grep -q "\"event\":\"reply\",.*\"id\":$call_id,.*$method.*\"statusName\":\"OK\"" "$work/monitor.out" ||
+  fail "monitor --json did not show getAllDevices and its reply: $(cat "$work/monitor.out")"
+kill -INT "$monitor_pid"
+wait "$monitor_pid" || fail "monitor ended with $? on Ctrl-C"
+tail -1 "$work/monitor.out" | grep -q '"event":"stopped"' || fail "monitor did not say it stopped"
+wait $! || fail "monitor --for ended with $?"
+grep -qE "^[0-9:.]+  #[0-9]+ call   [0-9]+/[0-9]+ -> [0-9]+/[0-9]+  PravikDeviceMonitorService  IDeviceMonitorService.getAllDevices  two-way  [0-9]+ B$" \
+  "$work/monitor-human.out" && ! grep -q servicemanager "$work/monitor-human.out" ||
+  fail "monitor --service did not show the call alone: $(cat "$work/monitor-human.out")"
 
 # watch: the banner goes to stderr, events to stdout.
 tivra watch --for 200ms >"$work/watch-human.out" 2>"$work/watch-human.err"

@@ -292,9 +292,9 @@ TEST(BinderdCommandLine, DefaultSocketLivesInAPrivateRuntimeFolder) {
 
 // --- who may connect ---
 
-// The answer to a process hello from a child running as `uid`: the command,
-// or the refusal's reason plus 1000.
-int64_t helloAs(uid_t uid, BinderdSession& session) {
+// The answer to a process hello (or a watcher's) from a child running as
+// `uid`: 0 when welcomed, else the refusal's reason.
+int64_t helloAs(uid_t uid, BinderdSession& session, uint32_t command = kHelloProcess) {
     const pid_t child = session.spawn([&] {
         if (setgid(uid) != 0 || setuid(uid) != 0) {
             return 255;
@@ -302,7 +302,7 @@ int64_t helloAs(uid_t uid, BinderdSession& session) {
         RawPeer peer(session.socketPath());
         const HelloProcess hello{15, 0};
         std::vector<uint8_t> payload;
-        peer.sendFrame(kHelloProcess, &hello, sizeof(hello));
+        peer.sendFrame(command, &hello, command == kHelloProcess ? sizeof(hello) : 0);
         const int64_t command = peer.nextCommand(&payload);
         uint32_t reason = 0;
         if (command == kConnectionRefused && payload.size() == sizeof(reason)) {
@@ -323,6 +323,9 @@ TEST(BinderdAccess, PeersAreAdmittedByTheirCredentials) {
     EXPECT_EQ(helloAs(0, session), 0);
     EXPECT_EQ(helloAs(kAllowedUid, session), 0);
     EXPECT_EQ(helloAs(kOtherUid, session), kRefusedByPolicy);
+    // Only binderd's own user and root may watch the traffic.
+    EXPECT_EQ(helloAs(0, session, kHelloMonitor), 0);
+    EXPECT_EQ(helloAs(kAllowedUid, session, kHelloMonitor), kNotAllowedToWatch);
 }
 
 // --- the client library's side ---

@@ -14,8 +14,11 @@ namespace {
 constexpr const char* kTag = "binderd";
 }  // namespace
 
-Driver::Driver(Outbox& outbox, bool verbose)
-    : mOutbox(outbox), mVerbose(verbose), mTokens(std::random_device{}()) {
+Driver::Driver(Outbox& outbox, bool verbose, uid_t owner)
+    : mOutbox(outbox), mVerbose(verbose), mTokens(std::random_device{}()), mTraffic(outbox, owner) {
+    // binderd itself answers for the service manager.
+    mServiceManager.pid = getpid();
+    mServiceManager.uid = geteuid();
     mServiceManager.maxThreads = 0;
     mContextNode = std::make_shared<Node>();
     mContextNode->owner = &mServiceManager;
@@ -43,7 +46,8 @@ bool Driver::onFrame(ConnectionId id, const Frame& frame) {
     if (peer.thread != nullptr) {
         return onThreadFrame(*peer.thread, frame);
     }
-    return startSession(id, peer, frame);
+    // A watcher only listens.
+    return !peer.watcher && startSession(id, peer, frame);
 }
 
 bool Driver::startSession(ConnectionId id, Peer& peer, const Frame& frame) {
@@ -88,6 +92,9 @@ bool Driver::startSession(ConnectionId id, Peer& peer, const Frame& frame) {
         mThreads.emplace(id, std::move(thread));
         mOutbox.send(id, kWelcome, nullptr, 0);
         return true;
+    }
+    if (frame.command == kHelloMonitor) {
+        return startWatching(id, peer, frame);
     }
     return false;
 }
@@ -157,6 +164,8 @@ void Driver::onDisconnect(ConnectionId id) {
         processDied(*peer.process);
     } else if (peer.thread != nullptr) {
         threadGone(*peer.thread);
+    } else if (peer.watcher) {
+        mTraffic.forget(id);
     }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <map>
@@ -14,6 +15,7 @@
 #include "Outbox.h"
 #include "ServiceRegistry.h"
 #include "State.h"
+#include "TrafficReport.h"
 
 namespace android {
 class Parcel;
@@ -23,12 +25,14 @@ namespace android::binderd {
 
 // The driver's whole state and behaviour, fed one frame at a time by the event
 // loop: sessions, routing of transactions, object translation, references,
-// death notices and the service manager at handle 0.
+// death notices, the service manager at handle 0 and reports to the
+// connections watching the traffic.
 class Driver {
 public:
     using Clock = std::chrono::steady_clock;
 
-    Driver(Outbox& outbox, bool verbose);
+    // `owner` (with root) may watch the traffic.
+    Driver(Outbox& outbox, bool verbose, uid_t owner = geteuid());
     ~Driver();
 
     void onConnect(ConnectionId id, pid_t pid, uid_t uid);
@@ -43,12 +47,20 @@ public:
 
     size_t processCount() const { return mProcesses.size(); }
 
+    // Once a round: watchers that lost records hear how many, where there is room.
+    void catchUpWatchers() {
+        if (mTraffic.watched()) {
+            mTraffic.catchUp();
+        }
+    }
+
 private:
     struct Peer {
         pid_t pid = 0;
         uid_t uid = 0;
         Process* process = nullptr;  // set for a control connection
         Thread* thread = nullptr;    // set for a thread connection
+        bool watcher = false;        // set for a connection watching the traffic
     };
 
     // --- sessions (Driver.cpp) ---
@@ -73,7 +85,9 @@ private:
     void keepTransit(Thread& thread, Transaction& transaction);
     void sendIncoming(Thread& thread, const Transaction& transaction);
     void becomeIdle(Thread& thread);
-    void refuse(Thread& thread, status_t status);
+    // The call goes no further: the sender hears `status`. `target` is null
+    // when the handle names nothing.
+    void refuse(Thread& thread, const hostbinder::TransactionView& view, const Node* target, status_t status);
     void abandon(const std::shared_ptr<Transaction>& transaction);
     void releaseTransit(Thread& thread);
 
@@ -120,6 +134,16 @@ private:
     bool clearDeath(Process& process, uint32_t handle);
     void notifyDeath(Node& node);
 
+    // --- reports to watchers (Traffic.cpp), called only while watched ---
+    bool startWatching(ConnectionId id, Peer& peer, const hostbinder::Frame& frame);
+    void reportCall(const Process& sender, const Transaction& call, uint32_t handle);
+    void reportReply(const Transaction& call, status_t status, const Process* from, const Process& to,
+                     const hostbinder::TransactionView* view);
+    void reportRefusal(const Thread& thread, const hostbinder::TransactionView& view, const Node* target,
+                       status_t status);
+    // Fills in the record's target and returns its service name, if any.
+    const std::u16string* describeTarget(const Node* target, hostbinder::TrafficRecord* record) const;
+
     // --- service manager (ServiceManager.cpp) ---
     void serveServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request);
     void replyFromServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request, const Parcel& reply,
@@ -153,6 +177,8 @@ private:
     std::shared_ptr<Node> mContextNode;
     ServiceRegistry mRegistry;
     std::vector<LookupWaiter> mLookupWaiters;
+    TrafficReport mTraffic;
+    uint64_t mLastTransactionId = 0;
 };
 
 }  // namespace android::binderd

@@ -130,6 +130,7 @@ bool EventLoop::runOnce(int timeoutMs) {
     }
     const Clock::time_point now = Clock::now();
     mDriver.expireTimers(now);
+    mDriver.catchUpWatchers();
     expireHellos(now);
     settle();
     flushDirty();
@@ -287,8 +288,7 @@ void EventLoop::expireHellos(Clock::time_point now) {
         if (waiting) {
             const uint32_t reason = kNoHello;
             send(it->first, kConnectionRefused, &reason, sizeof(reason));
-            flush(it->first, it->second);
-            close(it->first, it->second, true);
+            finish(it->first);
         }
     }
 }
@@ -327,6 +327,14 @@ void EventLoop::cut(ConnectionId id) {
     auto it = mConnections.find(id);
     if (it != mConnections.end()) {
         close(id, it->second, false);
+    }
+}
+
+void EventLoop::finish(ConnectionId id) {
+    auto it = mConnections.find(id);
+    if (it != mConnections.end()) {
+        flush(id, it->second);
+        close(id, it->second, true);
     }
 }
 
@@ -537,6 +545,18 @@ void EventLoop::sendTransaction(ConnectionId to, uint32_t command, const Transac
     const size_t size = sizeof(FrameHeader) + sizeof(header) + header.dataSize + header.offsetsCount * sizeof(uint64_t);
     if (Connection* connection = outputTo(to, size)) {
         appendTransaction(&connection->out, command, header, data, offsets);
+    }
+}
+
+size_t EventLoop::backlog(ConnectionId id) const {
+    auto it = mConnections.find(id);
+    return it == mConnections.end() || !it->second.open ? 0 : it->second.out.size() - it->second.outStart;
+}
+
+void EventLoop::writeNow(ConnectionId id) {
+    auto it = mConnections.find(id);
+    if (it != mConnections.end()) {
+        flush(id, it->second);
     }
 }
 

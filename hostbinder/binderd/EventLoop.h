@@ -41,6 +41,9 @@ public:
     void sendTransaction(ConnectionId to, uint32_t command, const hostbinder::TransactionHeader& header,
                          const uint8_t* data, const uint64_t* offsets) override;
     void cut(ConnectionId id) override;
+    void finish(ConnectionId id) override;
+    size_t backlog(ConnectionId id) const override;
+    void writeNow(ConnectionId id) override;
     void drain(ConnectionId id) override;
 
 private:

@@ -54,4 +54,13 @@ static_assert(8 + kMaxNames * 260 <= hostbinder::kMaxTransactionBytes);
 // answers at once, as checkService.
 constexpr size_t kMaxLookupWaitersPerProcess = 32;
 
+// Watching the traffic (only binderd's own uid and root may): connections
+// that watch at once, beyond which the next is refused; and the records
+// waiting in binderd for a watcher's socket to take them, beyond which its
+// records are dropped and counted until half of them are gone. An interface
+// descriptor longer than its bound is not reported.
+constexpr size_t kMaxWatchers = 64;
+constexpr size_t kMaxWatcherBacklog = 256 * 1024;
+constexpr size_t kMaxReportedDescriptorUnits = 256;
+
 }  // namespace android::binderd

@@ -19,6 +19,8 @@ using ConnectionId = uint64_t;
 //   driver may name any id it still knows.
 // - cut() closes a connection without telling the driver back: the driver
 //   cuts only what it has already forgotten or is forgetting.
+// - finish() writes what is queued for a connection, as far as its socket
+//   takes it at once, and closes it; the driver hears of it after the frame.
 // - drain() is the one re-entry: it feeds the driver, before it goes on, the
 //   whole frames the connection has already sent.
 class Outbox {
@@ -28,6 +30,13 @@ public:
     virtual void sendTransaction(ConnectionId to, uint32_t command, const hostbinder::TransactionHeader& header,
                                  const uint8_t* data, const uint64_t* offsets) = 0;
     virtual void cut(ConnectionId id) = 0;
+    virtual void finish(ConnectionId id) = 0;
+    // Bytes queued for the connection that its socket has not taken yet; 0
+    // once it is gone.
+    virtual size_t backlog(ConnectionId id) const = 0;
+    // Writes what is queued for the connection, as far as its socket takes it
+    // at once; a connection found broken is closed, as by a send.
+    virtual void writeNow(ConnectionId id) = 0;
     // Frames a peer wrote earlier on another connection must not be overtaken
     // by what the driver is about to do.
     virtual void drain(ConnectionId id) = 0;

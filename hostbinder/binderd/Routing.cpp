@@ -19,13 +19,13 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
         auto handle = view.header.target <= UINT32_MAX ? sender.handles.find(static_cast<uint32_t>(view.header.target))
                                                         : sender.handles.end();
         if (handle == sender.handles.end()) {
-            refuse(thread, FAILED_TRANSACTION);
+            refuse(thread, view, nullptr, FAILED_TRANSACTION);
             return true;
         }
         target = handle->second.node;
     }
     if (target->owner == nullptr) {
-        refuse(thread, DEAD_OBJECT);
+        refuse(thread, view, target.get(), DEAD_OBJECT);
         return true;
     }
     Process& receiver = *target->owner;
@@ -33,7 +33,7 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
     const size_t size = size_t{view.header.dataSize} + size_t{view.header.offsetsCount} * sizeof(uint64_t);
     if (!objectsValid(sender, receiver, view) ||
         (&receiver != &mServiceManager && !bufferFits(receiver, size, oneway))) {
-        refuse(thread, FAILED_TRANSACTION);
+        refuse(thread, view, target.get(), FAILED_TRANSACTION);
         return true;
     }
     std::vector<std::shared_ptr<Node>> transit;
@@ -85,7 +85,11 @@ std::shared_ptr<Transaction> Driver::makeTransaction(Process& sender, const std:
     transaction->header.flags = view.header.flags & kFlagOneway;
     transaction->header.senderPid = sender.pid;
     transaction->header.senderUid = sender.uid;
+    transaction->id = ++mLastTransactionId;
     takeNodeRef(*target);
+    if (mTraffic.watched()) {
+        reportCall(sender, *transaction, static_cast<uint32_t>(view.header.target));
+    }
     return transaction;
 }
 
@@ -122,6 +126,9 @@ void Driver::deliverReply(Transaction& call, status_t status, Process* from, con
     reply.header.offsetsCount = static_cast<uint32_t>(reply.offsets.size());
     mOutbox.sendTransaction(caller.connection, kIncomingReply, reply.header, reply.data.data(),
                             reply.offsets.data());
+    if (mTraffic.watched()) {
+        reportReply(call, status, from, *caller.process, view);
+    }
 }
 
 void Driver::enqueueWork(Process& process, const std::shared_ptr<Transaction>& transaction) {
@@ -179,7 +186,10 @@ void Driver::becomeIdle(Thread& thread) {
     process.idleLoopers.push_back(&thread);
 }
 
-void Driver::refuse(Thread& thread, status_t status) {
+void Driver::refuse(Thread& thread, const TransactionView& view, const Node* target, status_t status) {
+    if (mTraffic.watched()) {
+        reportRefusal(thread, view, target, status);
+    }
     mOutbox.send(thread.connection, kRefused, &status, sizeof(status));
 }
 

@@ -39,7 +39,9 @@ ServiceRegistry::Added ServiceRegistry::add(const std::u16string& name, uint32_t
         if (existing->second.owner.token != owner.token) {
             return Added::kTaken;
         }
+        unindex(existing->second.handle, existing->first);
         existing->second.handle = handle;
+        mNamesOfHandle.emplace(handle, &existing->first);
         return Added::kReplaced;
     }
     if (countOf(mNamesOfProcess, owner.token) >= kMaxNamesPerProcess ||
@@ -48,13 +50,29 @@ ServiceRegistry::Added ServiceRegistry::add(const std::u16string& name, uint32_t
     }
     ++mNamesOfProcess[owner.token];
     ++mNamesOfUid[owner.uid];
-    mEntries.emplace(name, Entry{handle, owner});
+    const auto added = mEntries.emplace(name, Entry{handle, owner}).first;
+    mNamesOfHandle.emplace(handle, &added->first);
     return Added::kNew;
 }
 
 const ServiceRegistry::Entry* ServiceRegistry::find(const std::u16string& name) const {
     auto it = mEntries.find(name);
     return it == mEntries.end() ? nullptr : &it->second;
+}
+
+const std::u16string* ServiceRegistry::nameOf(uint32_t handle) const {
+    auto it = mNamesOfHandle.find(handle);
+    return it == mNamesOfHandle.end() ? nullptr : it->second;
+}
+
+void ServiceRegistry::unindex(uint32_t handle, const std::u16string& name) {
+    const auto [first, last] = mNamesOfHandle.equal_range(handle);
+    for (auto it = first; it != last; ++it) {
+        if (it->second == &name) {
+            mNamesOfHandle.erase(it);
+            return;
+        }
+    }
 }
 
 std::vector<uint32_t> ServiceRegistry::removeOwner(uint64_t token) {
@@ -69,6 +87,7 @@ std::vector<uint32_t> ServiceRegistry::removeOwner(uint64_t token) {
             continue;
         }
         handles.push_back(it->second.handle);
+        unindex(it->second.handle, it->first);
         auto ofUid = mNamesOfUid.find(it->second.owner.uid);
         if (--ofUid->second == 0) {
             mNamesOfUid.erase(ofUid);

@@ -30,8 +30,15 @@ public:
         kTooMany,      // a bound on names of the process, its uid or in total
     };
 
+    ServiceRegistry() = default;
+    // The index by handle points into the entries.
+    ServiceRegistry(const ServiceRegistry&) = delete;
+    ServiceRegistry& operator=(const ServiceRegistry&) = delete;
+
     Added add(const std::u16string& name, uint32_t handle, const Owner& owner, Entry* previous);
     const Entry* find(const std::u16string& name) const;
+    // A name registered for the binder at `handle`, or null.
+    const std::u16string* nameOf(uint32_t handle) const;
     // Forgets every name of the process and returns their handles.
     std::vector<uint32_t> removeOwner(uint64_t token);
     const std::map<std::u16string, Entry>& entries() const { return mEntries; }
@@ -39,7 +46,11 @@ public:
     static bool validName(const std::u16string& name);
 
 private:
+    void unindex(uint32_t handle, const std::u16string& name);
+
     std::map<std::u16string, Entry> mEntries;
+    // The names by handle, each pointing into mEntries.
+    std::multimap<uint32_t, const std::u16string*> mNamesOfHandle;
     std::map<uint64_t, size_t> mNamesOfProcess;
     std::map<uid_t, size_t> mNamesOfUid;
 };

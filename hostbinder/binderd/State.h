@@ -36,6 +36,7 @@ struct Node {
 };
 
 struct Transaction {
+    uint64_t id = 0;  // binderd's serial number, for watchers
     Thread* from = nullptr;  // the waiting thread; null for one-way or once it left
     std::shared_ptr<Node> target;
     hostbinder::TransactionHeader header{};

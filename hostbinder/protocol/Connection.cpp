@@ -20,7 +20,8 @@ void setTimeouts(int fd, std::chrono::seconds timeout) {
 }  // namespace
 
 std::unique_ptr<Connection> Connection::connect(const std::string& path, uint32_t helloCommand, const void* hello,
-                                                size_t size, std::vector<uint8_t>* welcome, std::string* error) {
+                                                size_t size, std::vector<uint8_t>* welcome, std::string* error,
+                                                uint32_t* refusal) {
     error->clear();
     sockaddr_un address{};
     if (path.size() >= sizeof(address.sun_path)) {
@@ -60,6 +61,9 @@ std::unique_ptr<Connection> Connection::connect(const std::string& path, uint32_
     if (command == kConnectionRefused && welcome->size() == sizeof(reason)) {
         std::memcpy(&reason, welcome->data(), sizeof(reason));
         *error = "binderd at " + path + " refused this process: " + refusalText(reason);
+        if (refusal != nullptr) {
+            *refusal = reason;
+        }
         return nullptr;
     }
     if (command != kWelcome) {

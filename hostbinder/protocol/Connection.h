@@ -21,9 +21,11 @@ public:
     // Connects to binderd at `path` and says hello: binderd must take the
     // connection (its kWelcome payload goes to `welcome`) or refuse it in
     // time. Null otherwise, with the reason in `error`; `error` stays empty
-    // when nothing listens at `path` (binderd is simply not running).
+    // when nothing listens at `path` (binderd is simply not running). When
+    // binderd refused the connection, its RefusalReason goes to `refusal`.
     static std::unique_ptr<Connection> connect(const std::string& path, uint32_t helloCommand, const void* hello,
-                                               size_t size, std::vector<uint8_t>* welcome, std::string* error);
+                                               size_t size, std::vector<uint8_t>* welcome, std::string* error,
+                                               uint32_t* refusal = nullptr);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;

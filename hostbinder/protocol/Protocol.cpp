@@ -85,6 +85,8 @@ const char* refusalText(uint32_t reason) {
             return "it ran out of file descriptors";
         case kNoHello:
             return "no hello in time";
+        case kNotAllowedToWatch:
+            return "only binderd's own user and root may watch its traffic";
         default:
             return "unknown reason";
     }

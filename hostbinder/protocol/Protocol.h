@@ -27,6 +27,11 @@
 // Every hello is answered (kWelcome), so a client knows within its timeout
 // whether binderd took the connection; a connection binderd turns away gets
 // kConnectionRefused with the reason before it is closed.
+//
+// A connection that says kHelloMonitor watches the traffic: binderd writes it
+// one TrafficRecord per transaction and per reply it routes. A watcher that
+// does not keep up loses records rather than holding binderd back; it is told
+// how many (kTrafficLost) before the next record that reaches it.
 
 #include <cstddef>
 #include <cstdint>
@@ -63,6 +68,7 @@ enum Command : uint32_t {
     kClearDeath,         // HandleCount (count ignored)
     kSetMaxThreads,      // u32
     kOnewayCredited,     // TransactionHeader (one-way, no objects) + data, paid from credit
+    kHelloMonitor,       // empty: this connection watches the traffic
     // binderd -> process
     kWelcome = 100,         // HelloThread (the session token) to a process; empty to a thread
     kIncomingTransaction,   // TransactionHeader (target = cookie) + data + offsets
@@ -74,6 +80,8 @@ enum Command : uint32_t {
     kSpawnLooper,           // empty
     kCreditRevoked,         // u64: revocations so far; older grants are void
     kConnectionRefused,     // u32 RefusalReason, then binderd closes the connection
+    kTrafficRecord,         // TrafficRecord + service name + interface descriptor, to a watcher
+    kTrafficLost,           // u64: records dropped since the watcher last heard, to a watcher
 };
 
 enum RefusalReason : uint32_t {
@@ -81,6 +89,7 @@ enum RefusalReason : uint32_t {
     kTooManyConnections,    // a bound on connections of the process, its uid or in total
     kOutOfDescriptors,      // binderd reached its descriptor limit
     kNoHello,               // the hello did not arrive in time
+    kNotAllowedToWatch,     // only binderd's own uid and root may watch the traffic
 };
 // What a refusal means, for messages.
 const char* refusalText(uint32_t reason);
@@ -124,6 +133,42 @@ struct OnewayAccepted {
     uint32_t reserved;
     // ...valid while the process has seen no more revocations than this.
     uint64_t revocations;
+};
+
+enum TrafficKind : uint32_t {
+    kTrafficCall = 1,  // a transaction; one binderd refused is followed by its reply from binderd
+    kTrafficReply,     // the answer a caller gets: the receiver's, or binderd's on refusal or death
+};
+
+enum TrafficTarget : uint32_t {
+    kTargetUnknown = 0,     // a handle the caller does not hold
+    kTargetServiceManager,  // handle 0, answered by binderd
+    kTargetNode,            // a binder of some process, `node` being its address there
+};
+
+// What a watcher hears of one call or reply. The payload goes on with the
+// target's service name (nameUnits UTF-16 units; none when the target is not
+// registered) and the interface descriptor read from the call's parcel
+// (descriptorUnits units; none when the parcel starts with no interface token).
+struct TrafficRecord {
+    int64_t timeNanos;  // CLOCK_REALTIME
+    uint64_t id;        // the call's; its reply carries the same
+    uint64_t node;
+    uint32_t kind;    // TrafficKind
+    uint32_t target;  // TrafficTarget
+    uint32_t handle;  // the target as the caller named it
+    uint32_t code;    // the call's, in its reply too
+    uint32_t flags;   // kFlagOneway
+    int32_t status;   // a reply's status_t
+    int32_t senderPid;
+    uint32_t senderUid;
+    int32_t receiverPid;  // 0 when the target is unknown or its owner died
+    uint32_t receiverUid;
+    uint32_t dataSize;
+    uint32_t objects;
+    uint16_t nameUnits;
+    uint16_t descriptorUnits;
+    uint32_t reserved;
 };
 
 struct TransactionHeader {

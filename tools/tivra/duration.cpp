@@ -28,4 +28,14 @@ std::optional<std::chrono::milliseconds> ParseDuration(const std::string& text) 
     return std::chrono::milliseconds(std::llround(millis));
 }
 
+CommandOption ForOption(const std::string& command, std::optional<std::chrono::milliseconds>* limit) {
+    return {"for", "DURATION", [command, limit](const std::string& value) {
+                *limit = ParseDuration(value);
+                if (!*limit) {
+                    UsageError(command, "bad duration '" + value + "' (for example 500ms, 10s or 2m; at most a day)");
+                }
+                return limit->has_value();
+            }};
+}
+
 }  // namespace tivra_cli

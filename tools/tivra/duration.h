@@ -4,10 +4,15 @@
 #include <optional>
 #include <string>
 
+#include "command_line.h"
+
 namespace tivra_cli {
 
 // "10s", "500ms", "2m" or a plain number of seconds ("1.5"); nothing when the
 // text is not a duration of at most a day.
 std::optional<std::chrono::milliseconds> ParseDuration(const std::string& text);
+
+// `--for DURATION` of `command` ("tivra watch"), stored in `limit`.
+CommandOption ForOption(const std::string& command, std::optional<std::chrono::milliseconds>* limit);
 
 }  // namespace tivra_cli

@@ -6,6 +6,7 @@
 
 #include "command_line.h"
 #include "exit_codes.h"
+#include "monitor_command.h"
 #include "query_commands.h"
 #include "sim_command.h"
 #include "text_width.h"
@@ -31,9 +32,10 @@ constexpr const char* kUsage =
     "Host tools:\n"
     "  sim COMMAND ...        drive a running tivra-monitord (tivra sim --help)\n"
     "  services               what binderd has registered\n"
+    "  monitor [FILTERS]      the transactions passing through binderd (tivra monitor --help)\n"
     "\n"
     "Options (before or after the command):\n"
-    "  --json         machine output: compact JSON (one object per line for watch)\n"
+    "  --json         machine output: compact JSON (one object per line for watch and monitor)\n"
     "  --pretty       indented JSON (implies --json)\n"
     "  -v, --verbose  show the library's log lines on stderr\n"
     "  -h, --help     show help (also after a command: tivra watch --help)\n"
@@ -63,6 +65,9 @@ int Run(const std::vector<std::string>& args) {
     }
     if (command == "sim") {
         return tivra_cli::RunSim(rest, options);
+    }
+    if (command == "monitor") {
+        return tivra_cli::RunMonitor(rest, options);
     }
     if (command == "services") {
         return tivra_cli::RunServices(rest, options);

@@ -1,5 +1,5 @@
 # bash completion for tivra(1): commands, sim commands, options, and node ids
-# asked of the running service.
+# and service names asked of the running service and binderd.
 
 _tivra_node_ids() {
     local tivra=$1
@@ -10,7 +10,7 @@ _tivra_node_ids() {
 _tivra() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
     local options="--json --pretty --verbose --help --version"
-    local commands="local-device devices local-node node nodes ext udid uuid watch sim services"
+    local commands="local-device devices local-node node nodes ext udid uuid watch sim services monitor"
     local sim_commands="device-online device-offline node-online node-offline node-changed fault clear-faults
                         counts listeners raw stop"
     local keys="DEVICE_NAME DEVICE_TYPE VERSION_TYPE NETWORK_TYPE CONN_CAP BR_MAC IS_SUPPORT_P2P IS_P2P_ENABLED
@@ -21,19 +21,24 @@ _tivra() {
     local words=() i
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
-            --for | --code | --times | --message) ((i++)) ;;
+            --for | --code | --times | --message | --service | --pid | --interface) ((i++)) ;;
             -*) ;;
             *) words+=("${COMP_WORDS[i]}") ;;
         esac
     done
     case $prev in
         --for) mapfile -t COMPREPLY < <(compgen -W "500ms 10s 1m" -- "$cur"); return ;;
-        --code | --times | --message) return ;;
+        --service) mapfile -t COMPREPLY < <(compgen -W "$("${COMP_WORDS[0]}" services 2>/dev/null)" -- "$cur"); return ;;
+        --interface)
+            mapfile -t COMPREPLY < <(compgen -W "IDeviceMonitorService IDeviceChangeListener IDeviceListener" -- "$cur")
+            return ;;
+        --code | --times | --message | --pid) return ;;
     esac
 
     if [[ $cur == -* ]]; then
         case "${words[0]:-}:${words[1]:-}" in
             watch:*) options+=" --for" ;;
+            monitor:*) options+=" --for --service --pid --interface --oneway --twoway" ;;
             sim:fault) options+=" --code --times --message" ;;
         esac
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")

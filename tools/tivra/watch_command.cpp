@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -14,6 +13,7 @@
 
 #include "command_line.h"
 #include "duration.h"
+#include "event_time.h"
 #include "exit_codes.h"
 #include "record_output.h"
 #include "service_diagnosis.h"
@@ -48,42 +48,6 @@ public:
     }
 
 private:
-    struct LocalTime {
-        std::tm fields{};
-        int millis = 0;
-    };
-
-    static LocalTime Local(std::chrono::system_clock::time_point when) {
-        LocalTime local;
-        const std::time_t seconds = std::chrono::system_clock::to_time_t(when);
-        localtime_r(&seconds, &local.fields);
-        local.millis = static_cast<int>(
-            std::chrono::duration_cast<std::chrono::milliseconds>(when.time_since_epoch()).count() % 1000);
-        return local;
-    }
-
-    // 17:07:01.123
-    static std::string TimeOfDay(std::chrono::system_clock::time_point when) {
-        const LocalTime local = Local(when);
-        char text[32];
-        std::snprintf(text, sizeof(text), "%02d:%02d:%02d.%03d", local.fields.tm_hour, local.fields.tm_min,
-                      local.fields.tm_sec, local.millis);
-        return text;
-    }
-
-    // 2025-11-23T17:07:01.123+01:00
-    static std::string Rfc3339(std::chrono::system_clock::time_point when) {
-        const LocalTime local = Local(when);
-        char date[32];
-        std::strftime(date, sizeof(date), "%Y-%m-%dT%H:%M:%S", &local.fields);
-        const long offset = local.fields.tm_gmtoff / 60;
-        const long magnitude = offset < 0 ? -offset : offset;
-        char text[64];
-        std::snprintf(text, sizeof(text), "%s.%03d%c%02ld:%02ld", date, local.millis, offset < 0 ? '-' : '+',
-                      magnitude / 60, magnitude % 60);
-        return text;
-    }
-
     std::mutex mutex_;
     const Options options_;
 };
@@ -156,18 +120,11 @@ bool RegisterAll(TivraAdapter& adapter, const std::shared_ptr<DevicePrinter>& de
 
 int RunWatch(const std::vector<std::string>& args, Options& options) {
     std::optional<std::chrono::milliseconds> limit;
-    const CommandOption forOption{"for", "DURATION", [&limit](const std::string& value) {
-        limit = ParseDuration(value);
-        if (!limit) {
-            UsageError("tivra watch", "bad duration '" + value + "' (for example 500ms, 10s or 2m; at most a day)");
-        }
-        return limit.has_value();
-    }};
     const Parsed parsed = Parse({"tivra watch",
                                  "Usage: tivra watch [--for DURATION] [--json|--pretty]\n"
                                  "Prints device and node events until Ctrl-C or for DURATION (500ms, 10s, 2m).\n"
                                  "When the service dies, says so, waits for it and registers again.\n",
-                                 {forOption}},
+                                 {ForOption("tivra watch", &limit)}},
                                 args, options);
     if (parsed.exit) {
         return *parsed.exit;
