@@ -92,17 +92,32 @@ protected:
         check.writeInterfaceToken(String16("android.os.IServiceManager"));
         check.writeString16(String16("svc"));
         ASSERT_TRUE(feed(kClientThread, kTransaction, transactionPayload(0, kCheckService, 0, check)));
-        const Sent& reply = sent(kClientThread, kIncomingReply);
-        TransactionView view;
-        ASSERT_TRUE(parseTransaction(Frame{kIncomingReply, reply.payload.data(),
-                                           static_cast<uint32_t>(reply.payload.size())}, &view));
-        ASSERT_EQ(view.header.offsetsCount, 1u);
+        handle = handleIn(sent(kClientThread, kIncomingReply));
+        ASSERT_NE(handle, 0u);
+    }
+
+    static TransactionView viewOf(const Sent& frame) {
+        TransactionView view{};
+        EXPECT_TRUE(parseTransaction(
+            Frame{frame.command, frame.payload.data(), static_cast<uint32_t>(frame.payload.size())}, &view));
+        return view;
+    }
+
+    // The handle of the first object a delivered transaction or reply
+    // carries, and its stability level; 0 when it carries none.
+    static uint32_t handleIn(const Sent& frame, int32_t* stability = nullptr) {
+        const TransactionView view = viewOf(frame);
+        if (view.header.offsetsCount == 0) {
+            return 0;
+        }
         uint64_t offset = 0;
         std::memcpy(&offset, view.offsets, sizeof(offset));
         flat_binder_object found;
         std::memcpy(&found, view.data + offset, sizeof(found));
-        handle = found.handle;
-        ASSERT_NE(handle, 0u);
+        if (stability != nullptr) {
+            std::memcpy(stability, view.data + offset + sizeof(found), sizeof(*stability));
+        }
+        return found.handle;
     }
 
     void startProcess(ConnectionId control, ConnectionId thread, pid_t pid) {
@@ -180,21 +195,31 @@ protected:
         return transactionPayload(0, code, 0, data);
     }
 
-    // The status of the last reply to `thread`, or the exception code its
-    // parcel starts with when the status is OK.
+    // The status of the last reply to `thread`, or the int32 its parcel
+    // starts with (a service manager's exception code) when the status is OK.
     int32_t lastAnswer(ConnectionId thread) {
-        const Sent& reply = sent(thread, kIncomingReply);
-        TransactionView view;
-        if (!parseTransaction(Frame{kIncomingReply, reply.payload.data(), static_cast<uint32_t>(reply.payload.size())},
-                              &view)) {
-            return INT32_MIN;
-        }
-        int32_t exception = 0;
-        if (view.header.status != OK || view.header.dataSize < sizeof(exception)) {
+        const TransactionView view = viewOf(sent(thread, kIncomingReply));
+        int32_t first = 0;
+        if (view.header.status != OK || view.header.dataSize < sizeof(first)) {
             return view.header.status;
         }
-        std::memcpy(&exception, view.data, sizeof(exception));
-        return exception;
+        std::memcpy(&first, view.data, sizeof(first));
+        return first;
+    }
+
+    // A two-way call carrying `value` and, when given, a binder; or its reply.
+    bool callWith(ConnectionId thread, uint32_t target, int32_t value, const sp<IBinder>& binder = nullptr) {
+        Parcel data;
+        data.writeInt32(value);
+        if (binder != nullptr) {
+            data.writeStrongBinder(binder);
+        }
+        return feed(thread, kTransaction, transactionPayload(target, 1, 0, data));
+    }
+    bool replyWith(ConnectionId thread, int32_t value) {
+        Parcel data;
+        data.writeInt32(value);
+        return feed(thread, kReply, transactionPayload(0, 0, 0, data));
     }
 
     int32_t addService(ConnectionId thread, const std::string& name, const sp<IBinder>& binder) {
@@ -376,4 +401,55 @@ TEST_F(DriverFrames, LookupsWaitingForANameAreBoundedPerProcess) {
         ASSERT_TRUE(feed(thread, kTransaction, serviceManagerCall(kGetService, "absent", nullptr)));
         EXPECT_EQ(framesTo(thread, kIncomingReply), i < waiters ? 0u : 1u) << "lookup " << i;
     }
+}
+
+TEST_F(DriverFrames, CallsBackAlongAChainReachTheThreadThatWaitsUpToADepthBound) {
+    const sp<IBinder> clientObject = new BBinder();
+    ASSERT_TRUE(callWith(kClientThread, handle, 1, clientObject));
+    const uint32_t clientHandle = handleIn(sent(kServiceLooper, kIncomingTransaction));
+    // A one-way call midway goes to the node's pool, not to the thread that waits.
+    ASSERT_TRUE(feed(kServiceLooper, kTransaction, transactionPayload(clientHandle, 1, kFlagOneway, Parcel())));
+    EXPECT_EQ(framesTo(kClientThread, kIncomingTransaction), 0u);
+    EXPECT_EQ(framesTo(kClientControl, kSpawnLooper), 1u);
+    // The two threads call each other back, one level deeper each time.
+    auto caller = [](uint32_t depth) { return depth % 2 == 0 ? kServiceLooper : kClientThread; };
+    auto callee = [](uint32_t depth) { return depth % 2 == 0 ? kClientThread : kServiceLooper; };
+    for (uint32_t depth = 2; depth <= android::binderd::kMaxCallDepth; ++depth) {
+        ASSERT_TRUE(callWith(caller(depth), depth % 2 == 0 ? clientHandle : handle, static_cast<int32_t>(depth)));
+        ASSERT_EQ(outbox.sent.back().to, callee(depth)) << "depth " << depth;
+        ASSERT_EQ(outbox.sent.back().command, kIncomingTransaction);
+    }
+    ASSERT_TRUE(callWith(kClientThread, handle, 0));
+    int32_t refused = 0;
+    std::memcpy(&refused, sent(kClientThread, kRefused).payload.data(), sizeof(refused));
+    EXPECT_EQ(refused, FAILED_TRANSACTION);
+    // A thread that waits answers nothing; each level's answer reaches its caller.
+    EXPECT_FALSE(replyWith(kServiceLooper, 0));
+    for (uint32_t depth = android::binderd::kMaxCallDepth; depth >= 1; --depth) {
+        ASSERT_TRUE(replyWith(callee(depth), static_cast<int32_t>(depth)));
+        ASSERT_EQ(lastAnswer(caller(depth)), static_cast<int32_t>(depth));
+    }
+}
+
+TEST_F(DriverFrames, AnOuterCallsFailureWaitsUntilTheInnerLevelsAreDone) {
+    constexpr ConnectionId kThirdControl = 5, kThirdLooper = 6;
+    startProcess(kThirdControl, kThirdLooper, 300);
+    ASSERT_EQ(addService(kThirdLooper, "third", new BBinder()), kExNone);
+    ASSERT_TRUE(feed(kThirdLooper, kEnterLooper, {}));
+    ASSERT_TRUE(feed(kClientThread, kTransaction, serviceManagerCall(kCheckService, "third", nullptr)));
+    const uint32_t third = handleIn(sent(kClientThread, kIncomingReply));
+    // The client calls the service, which calls it back; the call back goes
+    // on to the third process.
+    ASSERT_TRUE(callWith(kClientThread, handle, 1, new BBinder()));
+    ASSERT_TRUE(callWith(kServiceLooper, handleIn(sent(kServiceLooper, kIncomingTransaction)), 2));
+    ASSERT_TRUE(callWith(kClientThread, third, 3));
+    const size_t replies = framesTo(kClientThread, kIncomingReply);
+    // The service's thread goes: the first call has failed, but its failure
+    // would reach the level of the third call.
+    driver.onDisconnect(kServiceLooper);
+    EXPECT_EQ(framesTo(kClientThread, kIncomingReply), replies);
+    ASSERT_TRUE(replyWith(kThirdLooper, 30));
+    EXPECT_EQ(lastAnswer(kClientThread), 30);
+    ASSERT_TRUE(replyWith(kClientThread, 20));
+    EXPECT_EQ(lastAnswer(kClientThread), DEAD_OBJECT);
 }

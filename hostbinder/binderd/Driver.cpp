@@ -165,9 +165,10 @@ void Driver::threadGone(Thread& thread) {
     releaseTransit(thread);
     endCredit(thread);
     requeuePipeline(thread);
-    if (thread.awaiting != nullptr) {
-        thread.awaiting->from = nullptr;
+    for (OutgoingCall& outgoing : thread.awaiting) {
+        outgoing.call->from = nullptr;
     }
+    thread.awaiting.clear();
     // Everyone waiting on this thread's work learns that it will never come.
     for (auto it = thread.serving.rbegin(); it != thread.serving.rend(); ++it) {
         abandon(*it);

@@ -64,8 +64,15 @@ private:
     std::shared_ptr<Transaction> makeTransaction(Process& sender, const std::shared_ptr<Node>& target,
                                                  const hostbinder::TransactionView& view,
                                                  std::vector<std::shared_ptr<Node>>* transit);
+    // The thread now waits for `call`, above whatever it serves.
+    void awaitReply(Thread& thread, const std::shared_ptr<Transaction>& call);
     bool finishReply(Thread& thread, const hostbinder::TransactionView& view);
+    // The reply goes to its caller when the call is the caller's innermost
+    // level; otherwise the call fails once the caller is back at it.
     void deliverReply(Transaction& call, status_t status, Process* from, const hostbinder::TransactionView* view);
+    // The thread finished a call it served: the failure of the call it is
+    // back to waiting for, if one came meanwhile, goes out now.
+    void resumeWaiting(Thread& thread);
     void enqueueWork(Process& process, const std::shared_ptr<Transaction>& transaction);
     void deliver(Thread& thread, const std::shared_ptr<Transaction>& transaction);
     // Owner-bound binders of a transaction the thread is about to run stay
@@ -110,6 +117,9 @@ private:
     // binders are kept alive in `transit`.
     void translate(Process& from, Process& to, const hostbinder::TransactionView& view, Transaction* out,
                    std::vector<std::shared_ptr<Node>>* transit);
+    // For a valid parcel dropped undelivered: the references the sender gave
+    // with its own binders go back.
+    void returnSendRefs(const Process& from, const hostbinder::TransactionView& view);
     std::shared_ptr<Node> nodeFor(Process& owner, uint64_t address, uint64_t cookie);
     uint32_t addHandleRef(Process& process, const std::shared_ptr<Node>& node);
     bool releaseHandle(Process& process, uint32_t handle, uint32_t count);

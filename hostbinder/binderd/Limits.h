@@ -36,6 +36,11 @@ constexpr size_t kMaxBuffered = 512 * kMiB;
 // two-way and one-way together: hostbinder::kMaxTransactionBytes, one-way
 // within hostbinder::kMaxQueuedOnewayBytes. Beyond: FAILED_TRANSACTION.
 
+// Two-way calls in one chain (a call made while serving one, and so on), and
+// so on each thread's stack of calls waiting for their replies; a deeper
+// call fails with FAILED_TRANSACTION.
+constexpr uint32_t kMaxCallDepth = 64;
+
 // A process's thread pool, whatever it asks for.
 constexpr uint32_t kMaxPoolThreads = 128;
 // Handles a process holds and nodes (local binders known to others) it owns;
