@@ -11,6 +11,7 @@
 #include <map>
 
 #include <binder/Binder.h>
+#include <binder/BpBinder.h>
 #include <binder/Parcel.h>
 
 #include "Driver.h"
@@ -21,7 +22,7 @@ namespace {
 using namespace android;
 using namespace android::hostbinder;
 using android::binderd::ConnectionId;
-constexpr int32_t kExNone = 0, kExSecurity = -1, kExIllegalArgument = -3, kExIllegalState = -5;
+constexpr int32_t kExNone = 0, kExSecurity = -1, kExIllegalArgument = -3, kExNullPointer = -4, kExIllegalState = -5;
 
 struct Sent {
     ConnectionId to;
@@ -185,14 +186,26 @@ protected:
         ASSERT_TRUE(feed(id, kHelloThread, sent(kClientControl, kWelcome).payload));
     }
 
-    std::vector<uint8_t> serviceManagerCall(uint32_t code, const std::string& name, const sp<IBinder>& binder) {
+    // A call of the service manager naming `name` and, for the calls that
+    // take one, `binder` with its stability level.
+    std::vector<uint8_t> serviceManagerCall(uint32_t code, const std::string& name, const sp<IBinder>& binder,
+                                            int32_t stability = 12) {
         Parcel data;
         data.writeInterfaceToken(String16("android.os.IServiceManager"));
         data.writeString16(String16(name.c_str()));
-        if (code == kAddService) {
+        if (code == kAddService || code == kRegisterForNotifications || code == kUnregisterForNotifications) {
             data.writeStrongBinder(binder);
+            data.setDataPosition(data.dataSize() - sizeof(stability));
+            data.writeInt32(binder == nullptr ? 0 : stability);
         }
         return transactionPayload(0, code, 0, data);
+    }
+
+    // The answer to a call of the service manager (see lastAnswer).
+    int32_t answerTo(ConnectionId thread, uint32_t code, const std::string& name, const sp<IBinder>& binder,
+                     int32_t stability = 12) {
+        return feed(thread, kTransaction, serviceManagerCall(code, name, binder, stability)) ? lastAnswer(thread)
+                                                                                             : INT32_MIN;
     }
 
     // The status of the last reply to `thread`, or the int32 its parcel
@@ -223,8 +236,7 @@ protected:
     }
 
     int32_t addService(ConnectionId thread, const std::string& name, const sp<IBinder>& binder) {
-        return feed(thread, kTransaction, serviceManagerCall(kAddService, name, binder)) ? lastAnswer(thread)
-                                                                                          : INT32_MIN;
+        return answerTo(thread, kAddService, name, binder);
     }
 
     // binderd's answer to a call of `size` bytes from `thread`: 0 when it
@@ -321,26 +333,38 @@ TEST_F(DriverFrames, ServiceNamesBelongToTheirLiveRegistrant) {
         ConnectionId from;
         std::string service;
         int32_t exception;
+        int32_t stability = 12;  // registered, and handed out with lookups
     };
     const std::vector<Case> cases{
         {"another process takes a live name", kClientThread, "svc", kExSecurity},
-        {"the owner replaces its binder", kServiceLooper, "svc", kExNone},
+        {"the owner replaces its binder with a vendor one", kServiceLooper, "svc", kExNone, 3},
         {"empty name", kClientThread, "", kExIllegalArgument},
         {"128 characters", kClientThread, std::string(128, 'a'), kExIllegalArgument},
         {"a character outside the set", kClientThread, "bad name", kExIllegalArgument},
         {"127 characters of the set", kClientThread, std::string(120, 'a') + "_.-/A9z", kExNone},
+        {"a stability level no binder has", kClientThread, "odd.level", BAD_TYPE, 5},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_EQ(addService(c.from, c.service, other), c.exception);
+        EXPECT_EQ(answerTo(c.from, kAddService, c.service, other, c.stability), c.exception);
+        if (c.exception == kExNone) {
+            int32_t stability = 0;
+            ASSERT_TRUE(feed(kClientThread, kTransaction, serviceManagerCall(kCheckService, c.service, nullptr)));
+            EXPECT_NE(handleIn(sent(kClientThread, kIncomingReply), &stability), 0u);
+            EXPECT_EQ(stability, c.stability);
+        }
     }
     // Once its owner is gone the name is free.
     driver.onDisconnect(kServiceControl);
     EXPECT_EQ(addService(kClientThread, "svc", other), kExNone);
 }
 
-TEST_F(DriverFrames, AProcessRegistersABoundedNumberOfNames) {
+TEST_F(DriverFrames, AProcessRegistersABoundedNumberOfNamesAndCallbacks) {
     const sp<IBinder> other = new BBinder();
+    for (size_t i = 0; i < android::binderd::kMaxCallbacksPerProcess; ++i) {
+        ASSERT_EQ(answerTo(kClientThread, kRegisterForNotifications, "absent", other), kExNone);
+    }
+    EXPECT_EQ(answerTo(kClientThread, kRegisterForNotifications, "absent", other), kExIllegalState);
     for (size_t i = 0; i < android::binderd::kMaxNamesPerProcess; ++i) {
         ASSERT_EQ(addService(kClientThread, "name" + std::to_string(i), other), kExNone);
     }
@@ -452,4 +476,72 @@ TEST_F(DriverFrames, AnOuterCallsFailureWaitsUntilTheInnerLevelsAreDone) {
     EXPECT_EQ(lastAnswer(kClientThread), 30);
     ASSERT_TRUE(replyWith(kClientThread, 20));
     EXPECT_EQ(lastAnswer(kClientThread), DEAD_OBJECT);
+}
+
+TEST_F(DriverFrames, CallbacksHearOfTheirNameFromBinderdAtOnceAndOnEveryAdd) {
+    constexpr ConnectionId kClientLooper = 7;
+    addClientThread(kClientLooper);
+    ASSERT_TRUE(feed(kClientLooper, kEnterLooper, {}));
+    const sp<IBinder> callback = new BBinder();
+    // The names the callback heard of since the last row, each from binderd.
+    auto heard = [&, seen = size_t{0}]() mutable {
+        std::vector<std::string> names;
+        for (; seen < outbox.sent.size(); ++seen) {
+            const Sent& frame = outbox.sent[seen];
+            if (frame.to != kClientLooper || frame.command != kIncomingTransaction) {
+                continue;
+            }
+            const TransactionView view = viewOf(frame);
+            Parcel data;
+            data.setData(view.data, view.header.dataSize);
+            EXPECT_TRUE(data.enforceInterface(String16("android.os.IServiceCallback")));
+            EXPECT_EQ(view.header.code, 1u);
+            EXPECT_EQ(view.header.flags, kFlagOneway);
+            EXPECT_EQ(view.header.senderPid, getpid());
+            EXPECT_NE(handleIn(frame), 0u);
+            names.push_back(String8(data.readString16()).string());
+            EXPECT_TRUE(feed(kClientLooper, kOnewayDone, {}));
+        }
+        return names;
+    };
+    using Names = std::vector<std::string>;
+    struct Case {
+        const char* name;
+        ConnectionId from;
+        uint32_t code;
+        std::string service;
+        sp<IBinder> binder;
+        int32_t exception;
+        Names heard;
+    };
+    const std::vector<Case> cases{
+        {"a registered name is told at once", kClientThread, kRegisterForNotifications, "svc", callback, kExNone,
+         {"svc"}},
+        {"a name not yet registered", kClientThread, kRegisterForNotifications, "later", callback, kExNone, {}},
+        {"its registration", kServiceLooper, kAddService, "later", object, kExNone, {"later"}},
+        {"every later one", kServiceLooper, kAddService, "later", object, kExNone, {"later"}},
+        {"a null callback", kClientThread, kRegisterForNotifications, "later", nullptr, kExNullPointer, {}},
+        {"an invalid name", kClientThread, kRegisterForNotifications, "bad name", callback, kExIllegalArgument, {}},
+        {"unregistered", kClientThread, kUnregisterForNotifications, "later", callback, kExNone, {}},
+        {"no longer told", kServiceLooper, kAddService, "later", object, kExNone, {}},
+        {"unregistered twice", kClientThread, kUnregisterForNotifications, "later", callback, kExIllegalState, {}},
+        {"a callback never registered", kClientThread, kUnregisterForNotifications, "svc", object, kExIllegalState,
+         {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(answerTo(c.from, c.code, c.service, c.binder), c.exception);
+        EXPECT_EQ(heard(), c.heard);
+    }
+    // The service registers the client's callback too; when the service
+    // goes, so does its registration.
+    ASSERT_TRUE(callWith(kClientThread, handle, 0, callback));
+    const sp<IBinder> forwarded =
+        BpBinder::create(static_cast<int32_t>(handleIn(sent(kServiceLooper, kIncomingTransaction))));
+    EXPECT_EQ(answerTo(kServiceLooper, kRegisterForNotifications, "later", forwarded), kExNone);
+    EXPECT_EQ(heard(), Names{"later"});
+    ASSERT_TRUE(replyWith(kServiceLooper, 0));
+    driver.onDisconnect(kServiceControl);
+    EXPECT_EQ(addService(kClientThread, "later", object), kExNone);
+    EXPECT_EQ(heard(), Names{});
 }

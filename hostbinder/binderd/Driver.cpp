@@ -1,5 +1,7 @@
 #include "Driver.h"
 
+#include <unistd.h>
+
 #include <log/log.h>
 
 #include <algorithm>
@@ -17,6 +19,9 @@ constexpr const char* kTag = "binderd";
 Driver::Driver(Outbox& outbox, bool verbose)
     : mOutbox(outbox), mVerbose(verbose), mTokens(std::random_device{}()) {
     mServiceManager.maxThreads = 0;
+    // The calls the service manager makes come from binderd itself.
+    mServiceManager.pid = getpid();
+    mServiceManager.uid = getuid();
     mContextNode = std::make_shared<Node>();
     mContextNode->owner = &mServiceManager;
     // Never released: the context object lives as long as binderd.

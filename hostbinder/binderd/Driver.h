@@ -134,11 +134,17 @@ private:
     void serveServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request);
     void replyFromServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request, const Parcel& reply,
                                  status_t status);
-    // addService's answer: the exception code, with a message beside it.
-    int32_t addService(const Process& registrant, const std::u16string& name, uint32_t handle,
-                       std::string* message);
+    // Each call's answer: the exception code, with a message beside it.
+    int32_t addService(const ServiceRegistry::Owner& registrant, const std::u16string& name, uint32_t handle,
+                       int32_t stability, std::string* message);
+    int32_t registerCallback(const ServiceRegistry::Owner& registrant, const std::u16string& name, uint32_t handle,
+                             std::string* message);
+    int32_t unregisterCallback(const std::u16string& name, uint32_t handle, std::string* message);
+    // Tells the callback at `callback` of the service under `name`, one-way.
+    void notifyRegistration(const std::u16string& name, uint32_t callback);
     void answerLookup(Thread& caller, const std::shared_ptr<Transaction>& request, const std::u16string& name);
     void answerWaiters();
+    // Its names, and the callbacks it registered or that it owns.
     void removeServicesOf(const Process& process);
     void releaseRequestHandles(const Transaction& request, uint32_t keptHandle);
 

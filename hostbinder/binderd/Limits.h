@@ -58,5 +58,12 @@ static_assert(8 + kMaxNames * 260 <= hostbinder::kMaxTransactionBytes);
 // getService calls of one process waiting for a name; beyond, a lookup
 // answers at once, as checkService.
 constexpr size_t kMaxLookupWaitersPerProcess = 32;
+// Callbacks registered for names (registerForNotifications); beyond a count
+// the registration fails with EX_ILLEGAL_STATE. Names and callbacks together
+// leave most of the service manager's handle table to the binders in transit.
+constexpr size_t kMaxCallbacksPerProcess = 256;
+constexpr size_t kMaxCallbacksPerUid = 1024;
+constexpr size_t kMaxCallbacks = 8192;
+static_assert(kMaxNames + kMaxCallbacks <= kMaxHandlesPerProcess / 2);
 
 }  // namespace android::binderd
