@@ -68,18 +68,27 @@ TEST_F(HostBinderIpc, ServiceManagerRegistersListsAndForgetsServicesOfDeadProces
     }));
 }
 
-TEST_F(HostBinderIpc, GetServiceWaitsForALaterRegistrationButCheckServiceDoesNot) {
+TEST_F(HostBinderIpc, GetServiceAndWaitForServiceWaitForALaterRegistrationButCheckServiceDoesNot) {
     Channel waiting;
-    const pid_t client = session.spawn([&waiting] {
-        CHILD_CHECK(lookUpTestService() == nullptr);
-        waiting.post("looking");
-        CHILD_CHECK(defaultServiceManager()->getService(kTestServiceName) != nullptr);
-        return 0;
-    });
+    std::vector<pid_t> clients;
+    for (bool notified : {false, true}) {
+        clients.push_back(session.spawn([&waiting, notified] {
+            CHILD_CHECK(lookUpTestService() == nullptr);
+            waiting.post("looking");
+            // No thread pool started: binderd asks for the thread that hears of the name.
+            const sp<IServiceManager> manager = defaultServiceManager();
+            CHILD_CHECK((notified ? manager->waitForService(kTestServiceName)
+                                  : manager->getService(kTestServiceName)) != nullptr);
+            return 0;
+        }));
+    }
+    ASSERT_EQ(waiting.next(), "looking");
     ASSERT_EQ(waiting.next(), "looking");
     startService();
     ASSERT_EQ(events.next(), "ready");
-    expectChildPasses(client);
+    for (pid_t client : clients) {
+        expectChildPasses(client);
+    }
 }
 
 TEST_F(HostBinderIpc, TwoWayCallsCarryDataAndTheCallersIdentity) {
