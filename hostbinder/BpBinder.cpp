@@ -78,7 +78,8 @@ status_t BpBinder::linkToDeath(const sp<DeathRecipient>& recipient, void* cookie
             std::lock_guard<std::mutex> lock(mLock);
             mObituaries.clear();
             mDeathRequested = false;
-            mAlive = false;
+            // The context object outlives any one binderd session.
+            mAlive = mHandle == 0;
             return status;
         }
     }

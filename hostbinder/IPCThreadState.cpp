@@ -100,7 +100,12 @@ bool IPCThreadState::connect() {
         return false;
     }
     mGeneration = generation;
+    ++mConnectionSerial;
     return true;
+}
+
+bool IPCThreadState::stillConnected(uint64_t serial) const {
+    return mConnection != nullptr && mConnectionSerial == serial;
 }
 
 status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
@@ -154,9 +159,12 @@ bool IPCThreadState::paidFromCredit(int32_t handle, const Parcel& data) {
 }
 
 status_t IPCThreadState::waitForResponse(Parcel* reply) {
+    // A call served while waiting may lose the connection, or make a new
+    // one: either way this call's reply can no longer come.
+    const uint64_t serial = mConnectionSerial;
     uint32_t command = 0;
     std::vector<uint8_t> payload;
-    while (mConnection->receive(&command, &payload)) {
+    while (stillConnected(serial) && mConnection->receive(&command, &payload)) {
         const hostbinder::Frame frame{command, payload.data(), static_cast<uint32_t>(payload.size())};
         switch (command) {
             case hostbinder::kTransactionComplete: {
@@ -196,7 +204,9 @@ status_t IPCThreadState::waitForResponse(Parcel* reply) {
                 break;
         }
     }
-    connectionLost();
+    if (stillConnected(serial)) {
+        connectionLost();
+    }
     return DEAD_OBJECT;
 }
 
@@ -212,6 +222,7 @@ void IPCThreadState::executeTransaction(const hostbinder::Frame& frame) {
     }
     Parcel data;
     fillParcel(view, &data);
+    const uint64_t serial = mConnectionSerial;
     const pid_t outerPid = mCallingPid;
     const uid_t outerUid = mCallingUid;
     mCallingPid = view.header.senderPid;
@@ -224,7 +235,8 @@ void IPCThreadState::executeTransaction(const hostbinder::Frame& frame) {
     status_t status = target->transact(view.header.code, data, &reply, view.header.flags);
     mCallingPid = outerPid;
     mCallingUid = outerUid;
-    if (mConnection == nullptr) {
+    // The answer belongs on the connection the call came on, if it still stands.
+    if (!stillConnected(serial)) {
         return;
     }
     if (oneway) {
@@ -251,9 +263,10 @@ void IPCThreadState::joinThreadPool(bool /*isMain*/) {
     if (!connect() || !mConnection->send(hostbinder::kEnterLooper, nullptr, 0)) {
         return;
     }
+    const uint64_t serial = mConnectionSerial;
     uint32_t command = 0;
     std::vector<uint8_t> payload;
-    while (mConnection != nullptr) {
+    while (stillConnected(serial)) {
         if (!mOnewayAhead.empty()) {
             payload = std::move(mOnewayAhead.front());
             mOnewayAhead.pop_front();

@@ -262,13 +262,20 @@ void ProcessState::onSessionLost(uint64_t generation) {
         }
         mControl.reset();
         mSessionEnded.notify_all();
-        for (auto& [handle, entry] : mHandles) {
-            sp<IBinder> proxy = entry.proxy.promote();
+        for (auto it = mHandles.begin(); it != mHandles.end();) {
+            sp<IBinder> proxy = it->second.proxy.promote();
             if (proxy != nullptr) {
                 proxies.push_back(proxy);
             }
+            // The context object's proxy serves the next session too, and
+            // hears of its end as well.
+            if (it->first == 0) {
+                it->second.deliveries = 0;
+                ++it;
+            } else {
+                it = mHandles.erase(it);
+            }
         }
-        mHandles.clear();
         nodeRefs.swap(mNodeRefs);
     }
     for (const sp<IBinder>& proxy : proxies) {

@@ -1,8 +1,10 @@
 // The client side of the service manager at handle 0.
 #include <binder/IServiceManager.h>
 
+#include <condition_variable>
 #include <mutex>
 
+#include <android/os/BnServiceCallback.h>
 #include <binder/IPCThreadState.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
@@ -28,6 +30,39 @@ namespace {
 
 using namespace hostbinder;
 
+// Hears of one name, or of binderd going away, whichever comes first.
+class RegistrationWaiter : public os::BnServiceCallback, public IBinder::DeathRecipient {
+public:
+    binder::Status onRegistration(const std::string& /*name*/, const sp<IBinder>& binder) override {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (!mDone) {
+            mBinder = binder;
+            mDone = true;
+        }
+        mChanged.notify_all();
+        return binder::Status::ok();
+    }
+
+    void binderDied(const wp<IBinder>& /*who*/) override {
+        std::lock_guard<std::mutex> lock(mLock);
+        mDone = true;
+        mChanged.notify_all();
+    }
+
+    // The registered binder, or null once binderd went away.
+    sp<IBinder> wait() {
+        std::unique_lock<std::mutex> lock(mLock);
+        mChanged.wait(lock, [this] { return mDone; });
+        return mBinder;
+    }
+
+private:
+    std::mutex mLock;
+    std::condition_variable mChanged;
+    bool mDone = false;
+    sp<IBinder> mBinder;
+};
+
 class BpServiceManager : public BpInterface<IServiceManager> {
 public:
     explicit BpServiceManager(const sp<IBinder>& remote) : BpInterface<IServiceManager>(remote) {}
@@ -43,17 +78,47 @@ public:
         data.writeStrongBinder(service);
         data.writeBool(allowIsolated);
         data.writeInt32(dumpsysFlags);
+        return statusCall(kAddService, "addService", name, data);
+    }
+
+    status_t registerForNotifications(const String16& name, const sp<os::IServiceCallback>& callback) override {
+        return callbackCall(kRegisterForNotifications, "registerForNotifications", name, callback);
+    }
+
+    status_t unregisterForNotifications(const String16& name, const sp<os::IServiceCallback>& callback) override {
+        return callbackCall(kUnregisterForNotifications, "unregisterForNotifications", name, callback);
+    }
+
+    sp<IBinder> waitForService(const String16& name) override {
+        if (sp<IBinder> found = checkService(name); found != nullptr) {
+            return found;
+        }
+        // Linked before registering: a registration binderd forgets as it
+        // goes must not leave the wait without an end.
+        const sp<RegistrationWaiter> waiter = new RegistrationWaiter();
+        if (remote()->linkToDeath(waiter) != OK) {
+            return nullptr;
+        }
+        sp<IBinder> found;
+        if (registerForNotifications(name, waiter) == OK) {
+            found = waiter->wait();
+            if (found != nullptr) {
+                unregisterForNotifications(name, waiter);
+            }
+        }
+        remote()->unlinkToDeath(waiter);
+        return found;
+    }
+
+    bool isDeclared(const String16& name) override {
+        Parcel data;
+        data.writeInterfaceToken(descriptor);
+        data.writeString16(name);
         Parcel reply;
         binder::Status status;
-        const status_t transport = call(kAddService, data, &reply, &status);
-        if (transport != OK) {
-            return transport;
-        }
-        if (!status.isOk()) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "addService %s: %s", String8(name).string(),
-                                status.toString8().string());
-        }
-        return status.isOk() ? OK : status.exceptionCode();
+        bool declared = false;
+        return call(kIsDeclared, data, &reply, &status) == OK && status.isOk() && reply.readBool(&declared) == OK &&
+               declared;
     }
 
     Vector<String16> listServices(int dumpsysFlags) override {
@@ -81,6 +146,31 @@ public:
     }
 
 private:
+    // A call answered by a status alone: OK, else the transport error or the
+    // exception code.
+    status_t statusCall(uint32_t code, const char* what, const String16& name, const Parcel& data) {
+        Parcel reply;
+        binder::Status status;
+        const status_t transport = call(code, data, &reply, &status);
+        if (transport != OK) {
+            return transport;
+        }
+        if (!status.isOk()) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s %s: %s", what, String8(name).string(),
+                                status.toString8().string());
+        }
+        return status.isOk() ? OK : status.exceptionCode();
+    }
+
+    status_t callbackCall(uint32_t code, const char* what, const String16& name,
+                          const sp<os::IServiceCallback>& callback) {
+        Parcel data;
+        data.writeInterfaceToken(descriptor);
+        data.writeString16(name);
+        data.writeStrongBinder(IInterface::asBinder(callback));
+        return statusCall(code, what, name, data);
+    }
+
     status_t call(uint32_t code, const Parcel& data, Parcel* reply, binder::Status* status) const {
         const status_t transport = remote()->transact(code, data, reply);
         if (transport != OK) {

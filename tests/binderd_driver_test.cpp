@@ -12,6 +12,7 @@
 #include <map>
 
 #include <binder/Binder.h>
+#include <binder/BpBinder.h>
 #include <binder/Parcel.h>
 
 #include "Driver.h"
@@ -22,7 +23,7 @@ namespace {
 using namespace android;
 using namespace android::hostbinder;
 using android::binderd::ConnectionId;
-constexpr int32_t kExNone = 0, kExSecurity = -1, kExIllegalArgument = -3, kExIllegalState = -5;
+constexpr int32_t kExNone = 0, kExSecurity = -1, kExIllegalArgument = -3, kExNullPointer = -4, kExIllegalState = -5;
 
 struct Sent {
     ConnectionId to;
@@ -101,17 +102,32 @@ protected:
         check.writeInterfaceToken(String16("android.os.IServiceManager"));
         check.writeString16(String16("svc"));
         ASSERT_TRUE(feed(kClientThread, kTransaction, transactionPayload(0, kCheckService, 0, check)));
-        const Sent& reply = sent(kClientThread, kIncomingReply);
-        TransactionView view;
-        ASSERT_TRUE(parseTransaction(Frame{kIncomingReply, reply.payload.data(),
-                                           static_cast<uint32_t>(reply.payload.size())}, &view));
-        ASSERT_EQ(view.header.offsetsCount, 1u);
+        handle = handleIn(sent(kClientThread, kIncomingReply));
+        ASSERT_NE(handle, 0u);
+    }
+
+    static TransactionView viewOf(const Sent& frame) {
+        TransactionView view{};
+        EXPECT_TRUE(parseTransaction(
+            Frame{frame.command, frame.payload.data(), static_cast<uint32_t>(frame.payload.size())}, &view));
+        return view;
+    }
+
+    // The handle of the first object a delivered transaction or reply
+    // carries, and its stability level; 0 when it carries none.
+    static uint32_t handleIn(const Sent& frame, int32_t* stability = nullptr) {
+        const TransactionView view = viewOf(frame);
+        if (view.header.offsetsCount == 0) {
+            return 0;
+        }
         uint64_t offset = 0;
         std::memcpy(&offset, view.offsets, sizeof(offset));
         flat_binder_object found;
         std::memcpy(&found, view.data + offset, sizeof(found));
-        handle = found.handle;
-        ASSERT_NE(handle, 0u);
+        if (stability != nullptr) {
+            std::memcpy(stability, view.data + offset + sizeof(found), sizeof(*stability));
+        }
+        return found.handle;
     }
 
     void startProcess(ConnectionId control, ConnectionId thread, pid_t pid) {
@@ -179,36 +195,57 @@ protected:
         ASSERT_TRUE(feed(id, kHelloThread, sent(kClientControl, kWelcome).payload));
     }
 
-    std::vector<uint8_t> serviceManagerCall(uint32_t code, const std::string& name, const sp<IBinder>& binder) {
+    // A call of the service manager naming `name` and, for the calls that
+    // take one, `binder` with its stability level.
+    std::vector<uint8_t> serviceManagerCall(uint32_t code, const std::string& name, const sp<IBinder>& binder,
+                                            int32_t stability = 12) {
         Parcel data;
         data.writeInterfaceToken(String16("android.os.IServiceManager"));
         data.writeString16(String16(name.c_str()));
-        if (code == kAddService) {
+        if (code == kAddService || code == kRegisterForNotifications || code == kUnregisterForNotifications) {
             data.writeStrongBinder(binder);
+            data.setDataPosition(data.dataSize() - sizeof(stability));
+            data.writeInt32(binder == nullptr ? 0 : stability);
         }
         return transactionPayload(0, code, 0, data);
     }
 
-    // The status of the last reply to `thread`, or the exception code its
-    // parcel starts with when the status is OK.
+    // The answer to a call of the service manager (see lastAnswer).
+    int32_t answerTo(ConnectionId thread, uint32_t code, const std::string& name, const sp<IBinder>& binder,
+                     int32_t stability = 12) {
+        return feed(thread, kTransaction, serviceManagerCall(code, name, binder, stability)) ? lastAnswer(thread)
+                                                                                             : INT32_MIN;
+    }
+
+    // The status of the last reply to `thread`, or the int32 its parcel
+    // starts with (a service manager's exception code) when the status is OK.
     int32_t lastAnswer(ConnectionId thread) {
-        const Sent& reply = sent(thread, kIncomingReply);
-        TransactionView view;
-        if (!parseTransaction(Frame{kIncomingReply, reply.payload.data(), static_cast<uint32_t>(reply.payload.size())},
-                              &view)) {
-            return INT32_MIN;
-        }
-        int32_t exception = 0;
-        if (view.header.status != OK || view.header.dataSize < sizeof(exception)) {
+        const TransactionView view = viewOf(sent(thread, kIncomingReply));
+        int32_t first = 0;
+        if (view.header.status != OK || view.header.dataSize < sizeof(first)) {
             return view.header.status;
         }
-        std::memcpy(&exception, view.data, sizeof(exception));
-        return exception;
+        std::memcpy(&first, view.data, sizeof(first));
+        return first;
+    }
+
+    // A two-way call carrying `value` and, when given, a binder; or its reply.
+    bool callWith(ConnectionId thread, uint32_t target, int32_t value, const sp<IBinder>& binder = nullptr) {
+        Parcel data;
+        data.writeInt32(value);
+        if (binder != nullptr) {
+            data.writeStrongBinder(binder);
+        }
+        return feed(thread, kTransaction, transactionPayload(target, 1, 0, data));
+    }
+    bool replyWith(ConnectionId thread, int32_t value) {
+        Parcel data;
+        data.writeInt32(value);
+        return feed(thread, kReply, transactionPayload(0, 0, 0, data));
     }
 
     int32_t addService(ConnectionId thread, const std::string& name, const sp<IBinder>& binder) {
-        return feed(thread, kTransaction, serviceManagerCall(kAddService, name, binder)) ? lastAnswer(thread)
-                                                                                          : INT32_MIN;
+        return answerTo(thread, kAddService, name, binder);
     }
 
     // binderd's answer to a call of `size` bytes from `thread`: 0 when it
@@ -305,26 +342,38 @@ TEST_F(DriverFrames, ServiceNamesBelongToTheirLiveRegistrant) {
         ConnectionId from;
         std::string service;
         int32_t exception;
+        int32_t stability = 12;  // registered, and handed out with lookups
     };
     const std::vector<Case> cases{
         {"another process takes a live name", kClientThread, "svc", kExSecurity},
-        {"the owner replaces its binder", kServiceLooper, "svc", kExNone},
+        {"the owner replaces its binder with a vendor one", kServiceLooper, "svc", kExNone, 3},
         {"empty name", kClientThread, "", kExIllegalArgument},
         {"128 characters", kClientThread, std::string(128, 'a'), kExIllegalArgument},
         {"a character outside the set", kClientThread, "bad name", kExIllegalArgument},
         {"127 characters of the set", kClientThread, std::string(120, 'a') + "_.-/A9z", kExNone},
+        {"a stability level no binder has", kClientThread, "odd.level", BAD_TYPE, 5},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_EQ(addService(c.from, c.service, other), c.exception);
+        EXPECT_EQ(answerTo(c.from, kAddService, c.service, other, c.stability), c.exception);
+        if (c.exception == kExNone) {
+            int32_t stability = 0;
+            ASSERT_TRUE(feed(kClientThread, kTransaction, serviceManagerCall(kCheckService, c.service, nullptr)));
+            EXPECT_NE(handleIn(sent(kClientThread, kIncomingReply), &stability), 0u);
+            EXPECT_EQ(stability, c.stability);
+        }
     }
     // Once its owner is gone the name is free.
     driver.onDisconnect(kServiceControl);
     EXPECT_EQ(addService(kClientThread, "svc", other), kExNone);
 }
 
-TEST_F(DriverFrames, AProcessRegistersABoundedNumberOfNames) {
+TEST_F(DriverFrames, AProcessRegistersABoundedNumberOfNamesAndCallbacks) {
     const sp<IBinder> other = new BBinder();
+    for (size_t i = 0; i < android::binderd::kMaxCallbacksPerProcess; ++i) {
+        ASSERT_EQ(answerTo(kClientThread, kRegisterForNotifications, "absent", other), kExNone);
+    }
+    EXPECT_EQ(answerTo(kClientThread, kRegisterForNotifications, "absent", other), kExIllegalState);
     for (size_t i = 0; i < android::binderd::kMaxNamesPerProcess; ++i) {
         ASSERT_EQ(addService(kClientThread, "name" + std::to_string(i), other), kExNone);
     }
@@ -585,10 +634,10 @@ TEST(ServiceRegistry, ANameIsFoundByItsHandleWhileItIsRegistered) {
     ServiceRegistry registry;
     ServiceRegistry::Entry previous;
     const ServiceRegistry::Owner one{1, 100, 1000}, two{2, 200, 1000};
-    ASSERT_EQ(registry.add(u"a", 5, one, &previous), ServiceRegistry::Added::kNew);
-    ASSERT_EQ(registry.add(u"b", 5, one, &previous), ServiceRegistry::Added::kNew);
-    ASSERT_EQ(registry.add(u"c", 6, two, &previous), ServiceRegistry::Added::kNew);
-    ASSERT_EQ(registry.add(u"a", 7, one, &previous), ServiceRegistry::Added::kReplaced);
+    ASSERT_EQ(registry.add(u"a", {5, 12, one}, &previous), ServiceRegistry::Added::kNew);
+    ASSERT_EQ(registry.add(u"b", {5, 12, one}, &previous), ServiceRegistry::Added::kNew);
+    ASSERT_EQ(registry.add(u"c", {6, 12, two}, &previous), ServiceRegistry::Added::kNew);
+    ASSERT_EQ(registry.add(u"a", {7, 12, one}, &previous), ServiceRegistry::Added::kReplaced);
     const auto nameOf = [&](uint32_t handle) {
         const std::u16string* name = registry.nameOf(handle);
         return name == nullptr ? std::u16string(u"-") : *name;
@@ -599,4 +648,123 @@ TEST(ServiceRegistry, ANameIsFoundByItsHandleWhileItIsRegistered) {
     EXPECT_EQ(nameOf(5), u"-");
     EXPECT_EQ(nameOf(7), u"-");
     EXPECT_EQ(nameOf(6), u"c");
+}
+
+TEST_F(DriverFrames, CallsBackAlongAChainReachTheThreadThatWaitsUpToADepthBound) {
+    const sp<IBinder> clientObject = new BBinder();
+    ASSERT_TRUE(callWith(kClientThread, handle, 1, clientObject));
+    const uint32_t clientHandle = handleIn(sent(kServiceLooper, kIncomingTransaction));
+    // A one-way call midway goes to the node's pool, not to the thread that waits.
+    ASSERT_TRUE(feed(kServiceLooper, kTransaction, transactionPayload(clientHandle, 1, kFlagOneway, Parcel())));
+    EXPECT_EQ(framesTo(kClientThread, kIncomingTransaction), 0u);
+    EXPECT_EQ(framesTo(kClientControl, kSpawnLooper), 1u);
+    // The two threads call each other back, one level deeper each time.
+    auto caller = [](uint32_t depth) { return depth % 2 == 0 ? kServiceLooper : kClientThread; };
+    auto callee = [](uint32_t depth) { return depth % 2 == 0 ? kClientThread : kServiceLooper; };
+    for (uint32_t depth = 2; depth <= android::binderd::kMaxCallDepth; ++depth) {
+        ASSERT_TRUE(callWith(caller(depth), depth % 2 == 0 ? clientHandle : handle, static_cast<int32_t>(depth)));
+        ASSERT_EQ(outbox.sent.back().to, callee(depth)) << "depth " << depth;
+        ASSERT_EQ(outbox.sent.back().command, kIncomingTransaction);
+    }
+    ASSERT_TRUE(callWith(kClientThread, handle, 0));
+    int32_t refused = 0;
+    std::memcpy(&refused, sent(kClientThread, kRefused).payload.data(), sizeof(refused));
+    EXPECT_EQ(refused, FAILED_TRANSACTION);
+    // A thread that waits answers nothing; each level's answer reaches its caller.
+    EXPECT_FALSE(replyWith(kServiceLooper, 0));
+    for (uint32_t depth = android::binderd::kMaxCallDepth; depth >= 1; --depth) {
+        ASSERT_TRUE(replyWith(callee(depth), static_cast<int32_t>(depth)));
+        ASSERT_EQ(lastAnswer(caller(depth)), static_cast<int32_t>(depth));
+    }
+}
+
+TEST_F(DriverFrames, AnOuterCallsFailureWaitsUntilTheInnerLevelsAreDone) {
+    constexpr ConnectionId kThirdControl = 5, kThirdLooper = 6;
+    startProcess(kThirdControl, kThirdLooper, 300);
+    ASSERT_EQ(addService(kThirdLooper, "third", new BBinder()), kExNone);
+    ASSERT_TRUE(feed(kThirdLooper, kEnterLooper, {}));
+    ASSERT_TRUE(feed(kClientThread, kTransaction, serviceManagerCall(kCheckService, "third", nullptr)));
+    const uint32_t third = handleIn(sent(kClientThread, kIncomingReply));
+    // The client calls the service, which calls it back; the call back goes
+    // on to the third process.
+    ASSERT_TRUE(callWith(kClientThread, handle, 1, new BBinder()));
+    ASSERT_TRUE(callWith(kServiceLooper, handleIn(sent(kServiceLooper, kIncomingTransaction)), 2));
+    ASSERT_TRUE(callWith(kClientThread, third, 3));
+    const size_t replies = framesTo(kClientThread, kIncomingReply);
+    // The service's thread goes: the first call has failed, but its failure
+    // would reach the level of the third call.
+    driver.onDisconnect(kServiceLooper);
+    EXPECT_EQ(framesTo(kClientThread, kIncomingReply), replies);
+    ASSERT_TRUE(replyWith(kThirdLooper, 30));
+    EXPECT_EQ(lastAnswer(kClientThread), 30);
+    ASSERT_TRUE(replyWith(kClientThread, 20));
+    EXPECT_EQ(lastAnswer(kClientThread), DEAD_OBJECT);
+}
+
+TEST_F(DriverFrames, CallbacksHearOfTheirNameFromBinderdAtOnceAndOnEveryAdd) {
+    constexpr ConnectionId kClientLooper = 7;
+    addClientThread(kClientLooper);
+    ASSERT_TRUE(feed(kClientLooper, kEnterLooper, {}));
+    const sp<IBinder> callback = new BBinder();
+    // The names the callback heard of since the last row, each from binderd.
+    auto heard = [&, seen = size_t{0}]() mutable {
+        std::vector<std::string> names;
+        for (; seen < outbox.sent.size(); ++seen) {
+            const Sent& frame = outbox.sent[seen];
+            if (frame.to != kClientLooper || frame.command != kIncomingTransaction) {
+                continue;
+            }
+            const TransactionView view = viewOf(frame);
+            Parcel data;
+            data.setData(view.data, view.header.dataSize);
+            EXPECT_TRUE(data.enforceInterface(String16("android.os.IServiceCallback")));
+            EXPECT_EQ(view.header.code, 1u);
+            EXPECT_EQ(view.header.flags, kFlagOneway);
+            EXPECT_EQ(view.header.senderPid, getpid());
+            EXPECT_NE(handleIn(frame), 0u);
+            names.push_back(String8(data.readString16()).string());
+            EXPECT_TRUE(feed(kClientLooper, kOnewayDone, {}));
+        }
+        return names;
+    };
+    using Names = std::vector<std::string>;
+    struct Case {
+        const char* name;
+        ConnectionId from;
+        uint32_t code;
+        std::string service;
+        sp<IBinder> binder;
+        int32_t exception;
+        Names heard;
+    };
+    const std::vector<Case> cases{
+        {"a registered name is told at once", kClientThread, kRegisterForNotifications, "svc", callback, kExNone,
+         {"svc"}},
+        {"a name not yet registered", kClientThread, kRegisterForNotifications, "later", callback, kExNone, {}},
+        {"its registration", kServiceLooper, kAddService, "later", object, kExNone, {"later"}},
+        {"every later one", kServiceLooper, kAddService, "later", object, kExNone, {"later"}},
+        {"a null callback", kClientThread, kRegisterForNotifications, "later", nullptr, kExNullPointer, {}},
+        {"an invalid name", kClientThread, kRegisterForNotifications, "bad name", callback, kExIllegalArgument, {}},
+        {"unregistered", kClientThread, kUnregisterForNotifications, "later", callback, kExNone, {}},
+        {"no longer told", kServiceLooper, kAddService, "later", object, kExNone, {}},
+        {"unregistered twice", kClientThread, kUnregisterForNotifications, "later", callback, kExIllegalState, {}},
+        {"a callback never registered", kClientThread, kUnregisterForNotifications, "svc", object, kExIllegalState,
+         {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(answerTo(c.from, c.code, c.service, c.binder), c.exception);
+        EXPECT_EQ(heard(), c.heard);
+    }
+    // The service registers the client's callback too; when the service
+    // goes, so does its registration.
+    ASSERT_TRUE(callWith(kClientThread, handle, 0, callback));
+    const sp<IBinder> forwarded =
+        BpBinder::create(static_cast<int32_t>(handleIn(sent(kServiceLooper, kIncomingTransaction))));
+    EXPECT_EQ(answerTo(kServiceLooper, kRegisterForNotifications, "later", forwarded), kExNone);
+    EXPECT_EQ(heard(), Names{"later"});
+    ASSERT_TRUE(replyWith(kServiceLooper, 0));
+    driver.onDisconnect(kServiceControl);
+    EXPECT_EQ(addService(kClientThread, "later", object), kExNone);
+    EXPECT_EQ(heard(), Names{});
 }

@@ -2,7 +2,8 @@
 # tivra and tivra-monitord as a user meets them, against a private binderd and
 # tivra-monitord: options and exit codes on every level, bad input, table
 # widths and JSON, driving the service with `tivra sim`, and `tivra watch`
-# living through the service's death. Runs under the C locale on purpose.
+# living through the service's death and binderd's restart. Runs under the C
+# locale on purpose.
 # Usage: cli_test.sh SOURCE_DIR BUILD_DIR
 set -uo pipefail
 source_dir=$1
@@ -41,6 +42,12 @@ wait_for() {
   for _ in $(seq 100); do "$@" && return 0; sleep 0.05; done
   return 1
 }
+start_binderd() {
+  "$binderd" --socket "$HOSTBINDER_SOCKET" 2>>"$work/binderd.log" &
+  binderd_pid=$!
+  pids+=("$binderd_pid")
+  wait_for test -S "$HOSTBINDER_SOCKET" || fail "binderd did not come up"
+}
 # start_monitord [SCENARIO]: the sample unless told otherwise.
 start_monitord() {
   "$monitord_bin" --scenario "${1:-$source_dir/tools/scenarios/sample.json}" >"$work/monitord.out" 2>&1 &
@@ -54,10 +61,10 @@ start_monitord() {
 expect 3 "binderd is not running.*start it with" tivra devices
 expect 3 "cannot register with binderd" tivra-monitord
 expect 3 "binderd is not running" tivra monitor --for 1s
-"$binderd" --socket "$HOSTBINDER_SOCKET" 2>"$work/binderd.log" &
-pids+=($!)
-wait_for test -S "$HOSTBINDER_SOCKET" || fail "binderd did not come up"
+expect 3 "binderd is not running" tivra watch
+start_binderd
 expect 3 "no device monitor service is registered.*tivra-monitord" tivra local-device
+expect 3 "no device monitor service is registered" tivra watch --for 300ms
 expect 3 "tivra-monitord" tivra sim counts
 expect 0 "^$" tivra services
 
@@ -178,6 +185,14 @@ wait_for grep -q '"event":"service-back"' "$work/watch.out" || fail "watch did n
 tivra sim device-offline dev-tv-19c2 >/dev/null
 wait_for grep -q '"id":"dev-tv-19c2".*"event":"device-offline"' "$work/watch.out" ||
   fail "watch heard nothing after the service came back"
+# binderd restarts under both: tivra-monitord registers again, and watch with it.
+{ kill -TERM "$binderd_pid"; wait "$binderd_pid"; } 2>/dev/null
+start_binderd
+wait_for grep -q "registered again" "$work/monitord.out" || fail "tivra-monitord did not register with the new binderd"
+wait_for sh -c "[ \$(grep -c '\"event\":\"service-back\"' '$work/watch.out') -eq 2 ]" ||
+  fail "watch did not register again after binderd's restart"
+tivra sim node-changed node-tv-19c2 2 >/dev/null
+wait_for grep -q '"kind":2,"nodeId":"node-tv-19c2"' "$work/watch.out" || fail "watch heard nothing after binderd's restart"
 kill -INT "$watch_pid"
 wait "$watch_pid"
 status=$?

@@ -3,6 +3,9 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
 
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
@@ -65,18 +68,27 @@ TEST_F(HostBinderIpc, ServiceManagerRegistersListsAndForgetsServicesOfDeadProces
     }));
 }
 
-TEST_F(HostBinderIpc, GetServiceWaitsForALaterRegistrationButCheckServiceDoesNot) {
+TEST_F(HostBinderIpc, GetServiceAndWaitForServiceWaitForALaterRegistrationButCheckServiceDoesNot) {
     Channel waiting;
-    const pid_t client = session.spawn([&waiting] {
-        CHILD_CHECK(lookUpTestService() == nullptr);
-        waiting.post("looking");
-        CHILD_CHECK(defaultServiceManager()->getService(kTestServiceName) != nullptr);
-        return 0;
-    });
+    std::vector<pid_t> clients;
+    for (bool notified : {false, true}) {
+        clients.push_back(session.spawn([&waiting, notified] {
+            CHILD_CHECK(lookUpTestService() == nullptr);
+            waiting.post("looking");
+            // No thread pool started: binderd asks for the thread that hears of the name.
+            const sp<IServiceManager> manager = defaultServiceManager();
+            CHILD_CHECK((notified ? manager->waitForService(kTestServiceName)
+                                  : manager->getService(kTestServiceName)) != nullptr);
+            return 0;
+        }));
+    }
+    ASSERT_EQ(waiting.next(), "looking");
     ASSERT_EQ(waiting.next(), "looking");
     startService();
     ASSERT_EQ(events.next(), "ready");
-    expectChildPasses(client);
+    for (pid_t client : clients) {
+        expectChildPasses(client);
+    }
 }
 
 TEST_F(HostBinderIpc, TwoWayCallsCarryDataAndTheCallersIdentity) {
@@ -129,19 +141,124 @@ TEST_F(HostBinderIpc, OneWayCallsToANodeRunInSendOrder) {
     }));
 }
 
-TEST_F(HostBinderIpc, NestedCallBackReachesTheWaitingThreadWithoutAPool) {
-    startService();
+// One hop of a call chain through three processes. A call carries the calls
+// left to make, the index of the next hop, whether the last hop stalls, and
+// the hop of each process. A hop calls the next one and answers with the
+// answer it got plus its mark and level, and "!" when it ran on another
+// thread than the one its process waits on in the chain.
+class ChainHop : public BBinder {
+public:
+    static constexpr uint32_t kHop = IBinder::FIRST_CALL_TRANSACTION;
+
+    // The process waits on `home` when given, else on the thread of its first hop.
+    ChainHop(char mark, std::thread::id home = {}, Channel* deep = nullptr, Channel* release = nullptr)
+        : mMark(mark), mFixedHome(home), mDeep(deep), mRelease(release) {}
+
+protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        if (code != kHop) {
+            return BBinder::onTransact(code, data, reply, flags);
+        }
+        const int32_t left = data.readInt32();
+        const int32_t next = data.readInt32();
+        const int32_t stall = data.readInt32();
+        std::vector<sp<IBinder>> hops(3);
+        for (sp<IBinder>& hop : hops) {
+            if (data.readStrongBinder(&hop) != OK) {
+                return BAD_VALUE;
+            }
+        }
+        const bool home = enter();
+        String16 answer;
+        status_t status = OK;
+        if (left > 0) {
+            Parcel request;
+            request.writeInt32(left - 1);
+            request.writeInt32((next + 1) % 3);
+            request.writeInt32(stall);
+            for (const sp<IBinder>& hop : hops) {
+                request.writeStrongBinder(hop);
+            }
+            Parcel back;
+            status = hops[next]->transact(kHop, request, &back);
+            answer = back.readString16();
+        } else if (stall != 0 && mDeep != nullptr) {
+            mDeep->post("deep");
+            mRelease->next(20s);
+        }
+        leave();
+        answer += String16((std::string(1, mMark) + std::to_string(left) + (home ? "" : "!")).c_str());
+        return status != OK ? status : reply->writeString16(answer);
+    }
+
+private:
+    bool enter() {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mActive++ == 0) {
+            mHome = mFixedHome == std::thread::id() ? std::this_thread::get_id() : mFixedHome;
+        }
+        return std::this_thread::get_id() == mHome;
+    }
+    void leave() {
+        std::lock_guard<std::mutex> lock(mLock);
+        --mActive;
+    }
+
+    const char mMark;
+    const std::thread::id mFixedHome;
+    Channel* const mDeep;
+    Channel* const mRelease;
+    std::mutex mLock;
+    int mActive = 0;
+    std::thread::id mHome;
+};
+
+TEST_F(HostBinderIpc, ChainsOfNestedCallsAnswerEveryLevelAndSurviveTheLossOfBinderd) {
+    Channel deep;
+    Channel release;
+    auto serveHop = [this](char mark, Channel* stalls, Channel* release) {
+        return session.spawn([this, mark, stalls, release] {
+            CHILD_CHECK(defaultServiceManager()->addService(String16((std::string("tivra.test.hop.") + mark).c_str()),
+                                                           new ChainHop(mark, {}, stalls, release)) == OK);
+            events.post("ready");
+            IPCThreadState::self()->joinThreadPool();
+            return 0;
+        });
+    };
+    const pid_t b = serveHop('B', nullptr, nullptr);
+    const pid_t c = serveHop('C', &deep, &release);
     ASSERT_EQ(events.next(), "ready");
-    expectChildPasses(session.spawn([] {
-        sp<IBinder> service = lookUpTestService();
-        sp<TestListener> callback = new TestListener();
-        Parcel reply;
-        // No thread pool here: only the calling thread can serve the call back.
-        CHILD_CHECK(call(service, TestService::kCallBack, [&](Parcel* p) { p->writeStrongBinder(callback); }, &reply) == OK);
-        CHILD_CHECK(reply.readInt32() == 42);
-        CHILD_CHECK(callback->events() == 1 && callback->lastThread() == std::this_thread::get_id());
+    ASSERT_EQ(events.next(), "ready");
+    const pid_t a = session.spawn([] {
+        // No thread pool: the calls back into this process can run only on
+        // the thread that waits.
+        const std::vector<sp<IBinder>> hops{new ChainHop('A', std::this_thread::get_id()),
+                                            lookUpTestService(String16("tivra.test.hop.B")),
+                                            lookUpTestService(String16("tivra.test.hop.C"))};
+        // Eight calls, from here to B, C, A, B, C, A, B and C.
+        auto chain = [&hops](int32_t stall, Parcel* answer) {
+            return call(hops[1], ChainHop::kHop, [&](Parcel* p) {
+                p->writeInt32(7);
+                p->writeInt32(2);
+                p->writeInt32(stall);
+                for (const sp<IBinder>& hop : hops) {
+                    p->writeStrongBinder(hop);
+                }
+            }, answer);
+        };
+        Parcel answer;
+        CHILD_CHECK(chain(0, &answer) == OK);
+        CHILD_CHECK(answer.readString16() == String16("C0B1A2C3B4A5C6B7"));
+        // binderd goes while the chain stands at its deepest: each level fails.
+        CHILD_CHECK(chain(1, &answer) == DEAD_OBJECT);
         return 0;
-    }));
+    });
+    ASSERT_EQ(deep.next(), "deep");
+    ASSERT_TRUE(session.stopBinderd());
+    release.post("go");
+    for (pid_t process : {a, b, c}) {
+        EXPECT_EQ(session.waitExit(process), 0);
+    }
 }
 
 TEST_F(HostBinderIpc, CallbacksRunOnTheClientsThreadPool) {

@@ -1,5 +1,7 @@
 #include "Driver.h"
 
+#include <unistd.h>
+
 #include <log/log.h>
 
 #include <algorithm>
@@ -20,6 +22,9 @@ Driver::Driver(Outbox& outbox, bool verbose, uid_t owner)
     mServiceManager.pid = getpid();
     mServiceManager.uid = geteuid();
     mServiceManager.maxThreads = 0;
+    // The calls the service manager makes come from binderd itself.
+    mServiceManager.pid = getpid();
+    mServiceManager.uid = getuid();
     mContextNode = std::make_shared<Node>();
     mContextNode->owner = &mServiceManager;
     // Never released: the context object lives as long as binderd.
@@ -174,9 +179,10 @@ void Driver::threadGone(Thread& thread) {
     releaseTransit(thread);
     endCredit(thread);
     requeuePipeline(thread);
-    if (thread.awaiting != nullptr) {
-        thread.awaiting->from = nullptr;
+    for (OutgoingCall& outgoing : thread.awaiting) {
+        outgoing.call->from = nullptr;
     }
+    thread.awaiting.clear();
     // Everyone waiting on this thread's work learns that it will never come.
     for (auto it = thread.serving.rbegin(); it != thread.serving.rend(); ++it) {
         abandon(*it);

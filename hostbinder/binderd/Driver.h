@@ -76,8 +76,15 @@ private:
     std::shared_ptr<Transaction> makeTransaction(Process& sender, const std::shared_ptr<Node>& target,
                                                  const hostbinder::TransactionView& view,
                                                  std::vector<std::shared_ptr<Node>>* transit);
+    // The thread now waits for `call`, above whatever it serves.
+    void awaitReply(Thread& thread, const std::shared_ptr<Transaction>& call);
     bool finishReply(Thread& thread, const hostbinder::TransactionView& view);
+    // The reply goes to its caller when the call is the caller's innermost
+    // level; otherwise the call fails once the caller is back at it.
     void deliverReply(Transaction& call, status_t status, Process* from, const hostbinder::TransactionView* view);
+    // The thread finished a call it served: the failure of the call it is
+    // back to waiting for, if one came meanwhile, goes out now.
+    void resumeWaiting(Thread& thread);
     void enqueueWork(Process& process, const std::shared_ptr<Transaction>& transaction);
     void deliver(Thread& thread, const std::shared_ptr<Transaction>& transaction);
     // Owner-bound binders of a transaction the thread is about to run stay
@@ -124,6 +131,9 @@ private:
     // binders are kept alive in `transit`.
     void translate(Process& from, Process& to, const hostbinder::TransactionView& view, Transaction* out,
                    std::vector<std::shared_ptr<Node>>* transit);
+    // For a valid parcel dropped undelivered: the references the sender gave
+    // with its own binders go back.
+    void returnSendRefs(const Process& from, const hostbinder::TransactionView& view);
     std::shared_ptr<Node> nodeFor(Process& owner, uint64_t address, uint64_t cookie);
     uint32_t addHandleRef(Process& process, const std::shared_ptr<Node>& node);
     bool releaseHandle(Process& process, uint32_t handle, uint32_t count);
@@ -148,11 +158,17 @@ private:
     void serveServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request);
     void replyFromServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request, const Parcel& reply,
                                  status_t status);
-    // addService's answer: the exception code, with a message beside it.
-    int32_t addService(const Process& registrant, const std::u16string& name, uint32_t handle,
-                       std::string* message);
+    // Each call's answer: the exception code, with a message beside it.
+    int32_t addService(const ServiceRegistry::Owner& registrant, const std::u16string& name, uint32_t handle,
+                       int32_t stability, std::string* message);
+    int32_t registerCallback(const ServiceRegistry::Owner& registrant, const std::u16string& name, uint32_t handle,
+                             std::string* message);
+    int32_t unregisterCallback(const std::u16string& name, uint32_t handle, std::string* message);
+    // Tells the callback at `callback` of the service under `name`, one-way.
+    void notifyRegistration(const std::u16string& name, uint32_t callback);
     void answerLookup(Thread& caller, const std::shared_ptr<Transaction>& request, const std::u16string& name);
     void answerWaiters();
+    // Its names, and the callbacks it registered or that it owns.
     void removeServicesOf(const Process& process);
     void releaseRequestHandles(const Transaction& request, uint32_t keptHandle);
 

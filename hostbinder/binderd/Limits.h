@@ -36,6 +36,11 @@ constexpr size_t kMaxBuffered = 512 * kMiB;
 // two-way and one-way together: hostbinder::kMaxTransactionBytes, one-way
 // within hostbinder::kMaxQueuedOnewayBytes. Beyond: FAILED_TRANSACTION.
 
+// Two-way calls in one chain (a call made while serving one, and so on), and
+// so on each thread's stack of calls waiting for their replies; a deeper
+// call fails with FAILED_TRANSACTION.
+constexpr uint32_t kMaxCallDepth = 64;
+
 // A process's thread pool, whatever it asks for.
 constexpr uint32_t kMaxPoolThreads = 128;
 // Handles a process holds and nodes (local binders known to others) it owns;
@@ -53,6 +58,13 @@ static_assert(8 + kMaxNames * 260 <= hostbinder::kMaxTransactionBytes);
 // getService calls of one process waiting for a name; beyond, a lookup
 // answers at once, as checkService.
 constexpr size_t kMaxLookupWaitersPerProcess = 32;
+// Callbacks registered for names (registerForNotifications); beyond a count
+// the registration fails with EX_ILLEGAL_STATE. Names and callbacks together
+// leave most of the service manager's handle table to the binders in transit.
+constexpr size_t kMaxCallbacksPerProcess = 256;
+constexpr size_t kMaxCallbacksPerUid = 1024;
+constexpr size_t kMaxCallbacks = 8192;
+static_assert(kMaxNames + kMaxCallbacks <= kMaxHandlesPerProcess / 2);
 
 // Watching the traffic (only binderd's own uid and root may): connections
 // that watch at once, beyond which the next is refused; and the records

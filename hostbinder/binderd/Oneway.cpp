@@ -105,7 +105,7 @@ void Driver::fillPipeline(Node& node) {
 }
 
 bool Driver::finishOneway(Thread& thread) {
-    if (thread.serving.empty() || !thread.serving.back()->oneway()) {
+    if (thread.serving.empty() || !thread.serving.back()->oneway() || thread.waiting()) {
         return false;
     }
     std::shared_ptr<Transaction> done = thread.serving.back();

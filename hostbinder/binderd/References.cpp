@@ -92,6 +92,16 @@ void Driver::translate(Process& from, Process& to, const TransactionView& view, 
     }
 }
 
+void Driver::returnSendRefs(const Process& from, const TransactionView& view) {
+    for (size_t i = 0; i < view.header.offsetsCount; ++i) {
+        flat_binder_object object;
+        std::memcpy(&object, view.data + offsetAt(view, i), sizeof(object));
+        if (object.hdr.type == BINDER_TYPE_BINDER) {
+            mOutbox.send(from.control, kDecNode, &object.cookie, sizeof(object.cookie));
+        }
+    }
+}
+
 std::shared_ptr<Node> Driver::nodeFor(Process& owner, uint64_t address, uint64_t cookie) {
     std::shared_ptr<Node>& node = owner.nodes[address];
     if (node == nullptr) {

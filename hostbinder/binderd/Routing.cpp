@@ -1,12 +1,14 @@
 // Where each transaction and reply goes.
 #include "Driver.h"
 
+#include "Limits.h"
+
 namespace android::binderd {
 
 using namespace hostbinder;
 
 bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
-    if (thread.awaiting != nullptr) {
+    if (thread.waiting()) {
         return false;
     }
     // The thread's client dropped its one-way credit when it sent this.
@@ -31,13 +33,23 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
     Process& receiver = *target->owner;
     const bool oneway = (view.header.flags & kFlagOneway) != 0;
     const size_t size = size_t{view.header.dataSize} + size_t{view.header.offsetsCount} * sizeof(uint64_t);
+    // A two-way call made while serving one continues that call's chain.
+    std::shared_ptr<Transaction> parent;
+    if (!oneway && !thread.serving.empty() && !thread.serving.back()->oneway()) {
+        parent = thread.serving.back();
+    }
     if (!objectsValid(sender, receiver, view) ||
-        (&receiver != &mServiceManager && !bufferFits(receiver, size, oneway))) {
+        (&receiver != &mServiceManager && !bufferFits(receiver, size, oneway)) ||
+        (parent != nullptr && parent->depth >= kMaxCallDepth)) {
         refuse(thread, view, target.get(), FAILED_TRANSACTION);
         return true;
     }
     std::vector<std::shared_ptr<Node>> transit;
     std::shared_ptr<Transaction> transaction = makeTransaction(sender, target, view, &transit);
+    if (parent != nullptr) {
+        transaction->parent = parent;
+        transaction->depth = parent->depth + 1;
+    }
     if (&receiver == &mServiceManager) {
         if (oneway) {
             const OnewayAccepted accepted{0, 0, sender.revocations};
@@ -46,8 +58,7 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
             dropNodeRef(target);
             return true;
         }
-        thread.awaiting = transaction;
-        transaction->from = &thread;
+        awaitReply(thread, transaction);
         serveServiceManager(thread, transaction);
         return true;
     }
@@ -57,14 +68,13 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
         acceptOneway(thread, static_cast<uint32_t>(view.header.target), transaction);
         return true;
     }
-    transaction->from = &thread;
-    thread.awaiting = transaction;
+    awaitReply(thread, transaction);
     transaction->charged = true;
     receiver.pendingBytes += size;
-    // A call back into a process that is waiting in this chain goes to the
-    // thread that waits, not to its pool.
-    for (auto it = thread.serving.rbegin(); it != thread.serving.rend(); ++it) {
-        Thread* waiter = (*it)->from;
+    // A call back into a process that is waiting in this chain, at any level,
+    // goes to the thread that waits there, not to its pool.
+    for (std::shared_ptr<Transaction> link = parent; link != nullptr; link = link->parent.lock()) {
+        Thread* waiter = link->from;
         if (waiter != nullptr && waiter->process == &receiver) {
             deliver(*waiter, transaction);
             return true;
@@ -72,6 +82,11 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
     }
     enqueueWork(receiver, transaction);
     return true;
+}
+
+void Driver::awaitReply(Thread& thread, const std::shared_ptr<Transaction>& call) {
+    call->from = &thread;
+    thread.awaiting.push_back({call, thread.serving.size()});
 }
 
 std::shared_ptr<Transaction> Driver::makeTransaction(Process& sender, const std::shared_ptr<Node>& target,
@@ -94,11 +109,12 @@ std::shared_ptr<Transaction> Driver::makeTransaction(Process& sender, const std:
 }
 
 bool Driver::finishReply(Thread& thread, const TransactionView& view) {
-    if (thread.serving.empty() || thread.serving.back()->oneway()) {
+    if (thread.serving.empty() || thread.serving.back()->oneway() || thread.waiting()) {
         return false;
     }
     std::shared_ptr<Transaction> call = thread.serving.back();
     thread.serving.pop_back();
+    resumeWaiting(thread);
     releaseCall(*call);
     Thread* caller = call->from;
     if (caller != nullptr) {
@@ -107,6 +123,8 @@ bool Driver::finishReply(Thread& thread, const TransactionView& view) {
             status = FAILED_TRANSACTION;
         }
         deliverReply(*call, status, thread.process, status == OK ? &view : nullptr);
+    } else if (objectsValid(*thread.process, *thread.process, view)) {
+        returnSendRefs(*thread.process, view);
     }
     dropNodeRef(call->target);
     becomeIdle(thread);
@@ -116,7 +134,21 @@ bool Driver::finishReply(Thread& thread, const TransactionView& view) {
 void Driver::deliverReply(Transaction& call, status_t status, Process* from, const TransactionView* view) {
     Thread& caller = *call.from;
     call.from = nullptr;
-    caller.awaiting = nullptr;
+    if (!caller.waiting() || caller.awaiting.back().call.get() != &call) {
+        // Calls back along the chain still run above this one on the caller,
+        // so the chain broke (a thread in it went): the call fails when the
+        // caller is back at it, and the reply cannot reach a wrong level.
+        for (OutgoingCall& outgoing : caller.awaiting) {
+            if (outgoing.call.get() == &call) {
+                outgoing.failure = status == OK ? DEAD_OBJECT : status;
+            }
+        }
+        if (view != nullptr) {
+            returnSendRefs(*from, *view);
+        }
+        return;
+    }
+    caller.awaiting.pop_back();
     Transaction reply;
     reply.header.status = status;
     if (view != nullptr) {
@@ -129,6 +161,16 @@ void Driver::deliverReply(Transaction& call, status_t status, Process* from, con
     if (mTraffic.watched()) {
         reportReply(call, status, from, *caller.process, view);
     }
+}
+
+void Driver::resumeWaiting(Thread& thread) {
+    if (!thread.waiting() || thread.awaiting.back().failure == OK) {
+        return;
+    }
+    TransactionHeader header{};
+    header.status = thread.awaiting.back().failure;
+    thread.awaiting.pop_back();
+    mOutbox.sendTransaction(thread.connection, kIncomingReply, header, nullptr, nullptr);
 }
 
 void Driver::enqueueWork(Process& process, const std::shared_ptr<Transaction>& transaction) {
@@ -172,7 +214,7 @@ void Driver::sendIncoming(Thread& thread, const Transaction& transaction) {
 }
 
 void Driver::becomeIdle(Thread& thread) {
-    if (!thread.looper || !thread.serving.empty() || thread.awaiting != nullptr) {
+    if (!thread.looper || !thread.serving.empty() || !thread.awaiting.empty()) {
         return;
     }
     Process& process = *thread.process;

@@ -22,42 +22,69 @@ namespace {
 constexpr const char* kTag = "binderd";
 constexpr auto kLookupWait = std::chrono::seconds(5);
 constexpr uint32_t kObjectFlags = 0x13 | FLAT_BINDER_FLAG_ACCEPTS_FDS;
-constexpr int32_t kStabilitySystem = 12;
+// IServiceCallback's one method, one-way.
+constexpr uint32_t kOnRegistration = 1;
 
 const String16& serviceManagerDescriptor() {
     static const String16 descriptor("android.os.IServiceManager");
     return descriptor;
 }
 
-std::u16string toU16(const String16& text) { return std::u16string(text.string(), text.size()); }
-
-// Writes a binder reply field: the service's handle, or a null binder.
-void writeBinder(Parcel* reply, uint32_t handle) {
-    flat_binder_object object{};
-    object.hdr.type = handle == 0 ? BINDER_TYPE_BINDER : BINDER_TYPE_HANDLE;
-    object.flags = kObjectFlags;
-    object.handle = handle;
-    const size_t offset = reply->dataPosition();
-    reply->write(&object, sizeof(object));
-    if (handle != 0) {
-        reply->appendObject(offset);
-    }
-    reply->writeInt32(handle == 0 ? 0 : kStabilitySystem);
+const String16& serviceCallbackDescriptor() {
+    static const String16 descriptor("android.os.IServiceCallback");
+    return descriptor;
 }
 
-// The handle of the binder object at the parcel's position, or 0 when the
-// object is missing, null or not a handle of the service manager's table.
-uint32_t readHandle(const Parcel& data) {
+std::u16string toU16(const String16& text) { return std::u16string(text.string(), text.size()); }
+
+// A binder field: a handle of the service manager's table (0 for none) and
+// the stability level written after it.
+struct BinderField {
+    uint32_t handle = 0;
+    int32_t stability = 0;
+};
+
+// Writes a binder field: the handle with its level, or a null binder.
+void writeBinder(Parcel* parcel, const BinderField& binder) {
+    flat_binder_object object{};
+    object.hdr.type = binder.handle == 0 ? BINDER_TYPE_BINDER : BINDER_TYPE_HANDLE;
+    object.flags = kObjectFlags;
+    object.handle = binder.handle;
+    const size_t offset = parcel->dataPosition();
+    parcel->write(&object, sizeof(object));
+    if (binder.handle != 0) {
+        parcel->appendObject(offset);
+    }
+    parcel->writeInt32(binder.handle == 0 ? 0 : binder.stability);
+}
+
+// The binder field at the parcel's position; a null one when the object is
+// missing, null or not a handle of the service manager's table. False when a
+// binder comes with a level no binder has (the platform's read fails so).
+bool readBinder(const Parcel& data, BinderField* binder) {
     const size_t offset = data.dataPosition();
     if (data.dataSize() < offset || data.dataSize() - offset < sizeof(flat_binder_object)) {
-        return 0;
+        return true;
     }
     flat_binder_object object;
     std::memcpy(&object, data.data() + offset, sizeof(object));
     const bool listed = std::binary_search(data.objects(), data.objects() + data.objectsCount(), uint64_t{offset});
     data.setDataPosition(offset + sizeof(object));
-    data.readInt32();
-    return listed && object.hdr.type == BINDER_TYPE_HANDLE ? object.handle : 0;
+    const int32_t stability = data.readInt32();
+    if (!listed || object.hdr.type != BINDER_TYPE_HANDLE) {
+        return true;
+    }
+    *binder = {object.handle, stability};
+    return stability == 3 || stability == 12 || stability == 63;
+}
+
+TransactionView viewOf(const Parcel& parcel) {
+    TransactionView view{};
+    view.header.dataSize = static_cast<uint32_t>(parcel.dataSize());
+    view.header.offsetsCount = static_cast<uint32_t>(parcel.objectsCount());
+    view.data = parcel.data();
+    view.offsets = reinterpret_cast<const uint8_t*>(parcel.objects());
+    return view;
 }
 
 }  // namespace
@@ -69,16 +96,21 @@ void Driver::serveServiceManager(Thread& caller, const std::shared_ptr<Transacti
     Parcel reply;
     uint32_t keptHandle = 0;
     status_t status = OK;
+    // Names to tell callbacks of once the caller has its answer: all of a
+    // name just added, or one just registered for a name already there.
+    std::u16string added;
+    std::u16string watched;
     if (!data.enforceInterface(serviceManagerDescriptor())) {
         status = BAD_TYPE;
     } else {
-        switch (request->header.code) {
+        const uint32_t code = request->header.code;
+        switch (code) {
             case kGetService:
             case kCheckService: {
                 const std::u16string name = toU16(data.readString16());
                 releaseRequestHandles(*request, 0);
                 Process& process = *caller.process;
-                if (mRegistry.find(name) == nullptr && request->header.code == kGetService &&
+                if (mRegistry.find(name) == nullptr && code == kGetService &&
                     process.lookupWaiters < kMaxLookupWaitersPerProcess) {
                     // The request's bytes are not needed to answer it.
                     request->data = {};
@@ -90,13 +122,26 @@ void Driver::serveServiceManager(Thread& caller, const std::shared_ptr<Transacti
                 answerLookup(caller, request, name);
                 return;
             }
-            case kAddService: {
+            case kAddService:
+            case kRegisterForNotifications:
+            case kUnregisterForNotifications: {
                 const std::u16string name = toU16(data.readString16());
-                const uint32_t handle = readHandle(data);
+                BinderField binder;
+                if (!readBinder(data, &binder)) {
+                    status = BAD_TYPE;
+                    break;
+                }
                 std::string message;
-                const int32_t exception = addService(*caller.process, name, handle, &message);
+                const ServiceRegistry::Owner owner{caller.process->token, caller.process->pid, caller.process->uid};
+                const int32_t exception =
+                    code == kAddService                 ? addService(owner, name, binder.handle, binder.stability, &message)
+                    : code == kRegisterForNotifications ? registerCallback(owner, name, binder.handle, &message)
+                                                        : unregisterCallback(name, binder.handle, &message);
                 binder::Status::fromExceptionCode(exception, String8(message.c_str())).writeToParcel(&reply);
-                keptHandle = exception == binder::Status::EX_NONE ? handle : 0;
+                if (exception == binder::Status::EX_NONE && code != kUnregisterForNotifications) {
+                    keptHandle = binder.handle;
+                    (code == kAddService ? added : watched) = name;
+                }
                 break;
             }
             case kListServices:
@@ -117,19 +162,24 @@ void Driver::serveServiceManager(Thread& caller, const std::shared_ptr<Transacti
     }
     replyFromServiceManager(caller, request, reply, status);
     releaseRequestHandles(*request, keptHandle);
-    if (keptHandle != 0) {
+    if (!added.empty()) {
         answerWaiters();
+        for (uint32_t callback : mRegistry.callbacksOf(added)) {
+            notifyRegistration(added, callback);
+        }
+    } else if (!watched.empty()) {
+        notifyRegistration(watched, keptHandle);
     }
 }
 
-int32_t Driver::addService(const Process& registrant, const std::u16string& name, uint32_t handle,
-                           std::string* message) {
+int32_t Driver::addService(const ServiceRegistry::Owner& registrant, const std::u16string& name, uint32_t handle,
+                           int32_t stability, std::string* message) {
     if (handle == 0) {
         *message = "a null binder cannot be added";
         return binder::Status::EX_ILLEGAL_ARGUMENT;
     }
     ServiceRegistry::Entry previous;
-    switch (mRegistry.add(name, handle, {registrant.token, registrant.pid, registrant.uid}, &previous)) {
+    switch (mRegistry.add(name, {handle, stability, registrant}, &previous)) {
         case ServiceRegistry::Added::kReplaced:
             releaseHandle(mServiceManager, previous.handle, 1);
             [[fallthrough]];
@@ -148,6 +198,63 @@ int32_t Driver::addService(const Process& registrant, const std::u16string& name
     }
     *message = "too many service names";
     return binder::Status::EX_ILLEGAL_STATE;
+}
+
+int32_t Driver::registerCallback(const ServiceRegistry::Owner& registrant, const std::u16string& name,
+                                 uint32_t handle, std::string* message) {
+    if (!ServiceRegistry::validName(name)) {
+        *message = "a name is 1 to 127 characters of [A-Za-z0-9_.-/]";
+        return binder::Status::EX_ILLEGAL_ARGUMENT;
+    }
+    if (handle == 0) {
+        *message = "a null callback";
+        return binder::Status::EX_NULL_POINTER;
+    }
+    if (!mRegistry.addCallback(name, {handle, registrant})) {
+        *message = "too many callbacks";
+        return binder::Status::EX_ILLEGAL_STATE;
+    }
+    return binder::Status::EX_NONE;
+}
+
+int32_t Driver::unregisterCallback(const std::u16string& name, uint32_t handle, std::string* message) {
+    const uint32_t registrations = handle == 0 ? 0 : mRegistry.removeCallback(name, handle);
+    if (registrations == 0) {
+        *message = "the callback is not registered for the name";
+        return binder::Status::EX_ILLEGAL_STATE;
+    }
+    releaseHandle(mServiceManager, handle, registrations);
+    return binder::Status::EX_NONE;
+}
+
+void Driver::notifyRegistration(const std::u16string& name, uint32_t callback) {
+    const ServiceRegistry::Entry* service = mRegistry.find(name);
+    auto ref = mServiceManager.handles.find(callback);
+    if (service == nullptr || ref == mServiceManager.handles.end() || ref->second.node->owner == nullptr) {
+        return;
+    }
+    const std::shared_ptr<Node> node = ref->second.node;
+    Process& receiver = *node->owner;
+    Parcel data;
+    data.writeInterfaceToken(serviceCallbackDescriptor());
+    data.writeString16(name.data(), name.size());
+    writeBinder(&data, {service->handle, service->stability});
+    TransactionView view = viewOf(data);
+    view.header.code = kOnRegistration;
+    view.header.flags = kFlagOneway;
+    // A receiver that does not take its one-way calls misses the notice.
+    if (!objectsValid(mServiceManager, receiver, view) ||
+        !bufferFits(receiver, data.dataSize() + data.objectsCount() * sizeof(uint64_t), true)) {
+        if (mVerbose) {
+            __android_log_print(ANDROID_LOG_INFO, kTag, "process %d missed a registration: its buffer is full",
+                                receiver.pid);
+        }
+        return;
+    }
+    std::vector<std::shared_ptr<Node>> transit;
+    std::shared_ptr<Transaction> notice = makeTransaction(mServiceManager, node, view, &transit);
+    notice->transit = std::move(transit);
+    queueOneway(receiver, notice);
 }
 
 void Driver::answerWaiters() {
@@ -175,7 +282,7 @@ void Driver::answerLookup(Thread& caller, const std::shared_ptr<Transaction>& re
     Parcel reply;
     binder::Status::ok().writeToParcel(&reply);
     const ServiceRegistry::Entry* found = mRegistry.find(name);
-    writeBinder(&reply, found == nullptr ? 0 : found->handle);
+    writeBinder(&reply, found == nullptr ? BinderField{} : BinderField{found->handle, found->stability});
     replyFromServiceManager(caller, request, reply, OK);
 }
 
@@ -188,12 +295,8 @@ void Driver::replyFromServiceManager(Thread& caller, const std::shared_ptr<Trans
     if (reply.dataSize() + reply.objectsCount() * sizeof(uint64_t) > kMaxTransactionBytes) {
         status = FAILED_TRANSACTION;
     }
-    TransactionView view{};
+    TransactionView view = viewOf(reply);
     view.header.status = status;
-    view.header.dataSize = static_cast<uint32_t>(reply.dataSize());
-    view.header.offsetsCount = static_cast<uint32_t>(reply.objectsCount());
-    view.data = reply.data();
-    view.offsets = reinterpret_cast<const uint8_t*>(reply.objects());
     deliverReply(*request, status, &mServiceManager, status == OK ? &view : nullptr);
     dropNodeRef(request->target);
 }
@@ -216,6 +319,14 @@ void Driver::releaseRequestHandles(const Transaction& request, uint32_t keptHand
 
 void Driver::removeServicesOf(const Process& process) {
     for (uint32_t handle : mRegistry.removeOwner(process.token)) {
+        releaseHandle(mServiceManager, handle, 1);
+    }
+    const auto gone = [&](const ServiceRegistry::Callback& callback) {
+        auto ref = mServiceManager.handles.find(callback.handle);
+        return callback.owner.token == process.token || ref == mServiceManager.handles.end() ||
+               ref->second.node->owner == &process;
+    };
+    for (uint32_t handle : mRegistry.removeCallbacks(gone)) {
         releaseHandle(mServiceManager, handle, 1);
     }
 }

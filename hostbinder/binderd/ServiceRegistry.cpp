@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "Limits.h"
-
 namespace android::binderd {
 
 namespace {
@@ -16,7 +14,32 @@ size_t countOf(const std::map<Key, size_t>& counts, Key key) {
     return it == counts.end() ? 0 : it->second;
 }
 
+template <typename Key>
+void uncount(std::map<Key, size_t>& counts, Key key) {
+    auto it = counts.find(key);
+    if (it != counts.end() && --it->second == 0) {
+        counts.erase(it);
+    }
+}
+
 }  // namespace
+
+bool ServiceRegistry::Quota::take(const Owner& owner) {
+    if (countOf(mOfProcess, owner.token) >= mPerProcess || countOf(mOfUid, owner.uid) >= mPerUid ||
+        mCount >= mTotal) {
+        return false;
+    }
+    ++mOfProcess[owner.token];
+    ++mOfUid[owner.uid];
+    ++mCount;
+    return true;
+}
+
+void ServiceRegistry::Quota::give(const Owner& owner) {
+    uncount(mOfProcess, owner.token);
+    uncount(mOfUid, owner.uid);
+    --mCount;
+}
 
 bool ServiceRegistry::validName(const std::u16string& name) {
     if (name.empty() || name.size() > kMaxNameLength) {
@@ -28,30 +51,26 @@ bool ServiceRegistry::validName(const std::u16string& name) {
     });
 }
 
-ServiceRegistry::Added ServiceRegistry::add(const std::u16string& name, uint32_t handle, const Owner& owner,
-                                            Entry* previous) {
+ServiceRegistry::Added ServiceRegistry::add(const std::u16string& name, const Entry& entry, Entry* previous) {
     if (!validName(name)) {
         return Added::kInvalidName;
     }
     auto existing = mEntries.find(name);
     if (existing != mEntries.end()) {
         *previous = existing->second;
-        if (existing->second.owner.token != owner.token) {
+        if (existing->second.owner.token != entry.owner.token) {
             return Added::kTaken;
         }
         unindex(existing->second.handle, existing->first);
-        existing->second.handle = handle;
-        mNamesOfHandle.emplace(handle, &existing->first);
+        existing->second = entry;
+        mNamesOfHandle.emplace(entry.handle, &existing->first);
         return Added::kReplaced;
     }
-    if (countOf(mNamesOfProcess, owner.token) >= kMaxNamesPerProcess ||
-        countOf(mNamesOfUid, owner.uid) >= kMaxNamesPerUid || mEntries.size() >= kMaxNames) {
+    if (!mNameQuota.take(entry.owner)) {
         return Added::kTooMany;
     }
-    ++mNamesOfProcess[owner.token];
-    ++mNamesOfUid[owner.uid];
-    const auto added = mEntries.emplace(name, Entry{handle, owner}).first;
-    mNamesOfHandle.emplace(handle, &added->first);
+    const auto added = mEntries.emplace(name, entry).first;
+    mNamesOfHandle.emplace(entry.handle, &added->first);
     return Added::kNew;
 }
 
@@ -77,8 +96,7 @@ void ServiceRegistry::unindex(uint32_t handle, const std::u16string& name) {
 
 std::vector<uint32_t> ServiceRegistry::removeOwner(uint64_t token) {
     std::vector<uint32_t> handles;
-    auto names = mNamesOfProcess.find(token);
-    if (names == mNamesOfProcess.end()) {
+    if (!mNameQuota.holdsAny(token)) {
         return handles;
     }
     for (auto it = mEntries.begin(); it != mEntries.end();) {
@@ -88,13 +106,55 @@ std::vector<uint32_t> ServiceRegistry::removeOwner(uint64_t token) {
         }
         handles.push_back(it->second.handle);
         unindex(it->second.handle, it->first);
-        auto ofUid = mNamesOfUid.find(it->second.owner.uid);
-        if (--ofUid->second == 0) {
-            mNamesOfUid.erase(ofUid);
-        }
+        mNameQuota.give(it->second.owner);
         it = mEntries.erase(it);
     }
-    mNamesOfProcess.erase(names);
+    return handles;
+}
+
+bool ServiceRegistry::addCallback(const std::u16string& name, const Callback& callback) {
+    if (!mCallbackQuota.take(callback.owner)) {
+        return false;
+    }
+    mCallbacks.emplace(name, callback);
+    return true;
+}
+
+std::vector<uint32_t> ServiceRegistry::callbacksOf(const std::u16string& name) const {
+    std::vector<uint32_t> handles;
+    const auto [first, last] = mCallbacks.equal_range(name);
+    for (auto it = first; it != last; ++it) {
+        handles.push_back(it->second.handle);
+    }
+    return handles;
+}
+
+uint32_t ServiceRegistry::removeCallback(const std::u16string& name, uint32_t handle) {
+    uint32_t removed = 0;
+    auto [it, last] = mCallbacks.equal_range(name);
+    while (it != last) {
+        if (it->second.handle != handle) {
+            ++it;
+            continue;
+        }
+        mCallbackQuota.give(it->second.owner);
+        it = mCallbacks.erase(it);
+        ++removed;
+    }
+    return removed;
+}
+
+std::vector<uint32_t> ServiceRegistry::removeCallbacks(const std::function<bool(const Callback&)>& drop) {
+    std::vector<uint32_t> handles;
+    for (auto it = mCallbacks.begin(); it != mCallbacks.end();) {
+        if (!drop(it->second)) {
+            ++it;
+            continue;
+        }
+        handles.push_back(it->second.handle);
+        mCallbackQuota.give(it->second.owner);
+        it = mCallbacks.erase(it);
+    }
     return handles;
 }
 

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include <utils/Errors.h>
+
 #include "Outbox.h"
 #include "protocol/Protocol.h"
 
@@ -38,6 +40,10 @@ struct Node {
 struct Transaction {
     uint64_t id = 0;  // binderd's serial number, for watchers
     Thread* from = nullptr;  // the waiting thread; null for one-way or once it left
+    // The two-way call its sender was serving when it made this one: the
+    // chain along which a call back into a waiting process finds its thread.
+    std::weak_ptr<Transaction> parent;
+    uint32_t depth = 1;  // two-way calls in the chain, this one included
     std::shared_ptr<Node> target;
     hostbinder::TransactionHeader header{};
     std::vector<uint8_t> data;
@@ -63,6 +69,16 @@ struct OnewayCredit {
     size_t bytes = 0;
 };
 
+// A two-way call a thread made and waits for. Calls delivered to the thread
+// since (back along the chain) sit above it in `serving`, and its reply waits
+// until they are done.
+struct OutgoingCall {
+    std::shared_ptr<Transaction> call;
+    size_t servingBelow = 0;  // the thread's serving count when it made the call
+    // A failure that came while calls above it still ran; OK while waiting.
+    status_t failure = OK;
+};
+
 struct Thread {
     ConnectionId connection = 0;
     Process* process = nullptr;
@@ -73,10 +89,15 @@ struct Thread {
     std::deque<std::shared_ptr<Transaction>> pipeline;
     size_t pipelinedBytes = 0;
     OnewayCredit credit;
-    std::shared_ptr<Transaction> awaiting;
+    // Its outgoing calls, innermost last.
+    std::vector<OutgoingCall> awaiting;
     // Owner-bound binders just delivered to this thread, kept alive until it
     // speaks again (by then it holds its own references).
     std::vector<std::shared_ptr<Node>> transit;
+
+    // Whether its latest act was a call it now waits for: it can send
+    // nothing until the reply or a call back along the chain comes.
+    bool waiting() const { return !awaiting.empty() && awaiting.back().servingBelow == serving.size(); }
 };
 
 struct Process {

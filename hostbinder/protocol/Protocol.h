@@ -101,6 +101,8 @@ enum ServiceManagerCode : uint32_t {
     kCheckService = 2,
     kAddService = 3,
     kListServices = 4,
+    kRegisterForNotifications = 5,
+    kUnregisterForNotifications = 6,
     kIsDeclared = 7,
 };
 

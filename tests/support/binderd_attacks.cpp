@@ -122,7 +122,9 @@ Outcome floodUnread(const AttackTarget& target) {
         header.dataSize = static_cast<uint32_t>(request.size());
         appendTransaction(&batch, kTransaction, header, request.data(), nullptr);
     }
-    const auto end = std::chrono::steady_clock::now() + milliseconds(scaled(target, 8000, 500));
+    // Long enough for a slow binderd (sanitizers, a busy machine) to reach
+    // its bound on output; the cut ends the flood sooner.
+    const auto end = std::chrono::steady_clock::now() + milliseconds(scaled(target, 8000, 5000));
     while (std::chrono::steady_clock::now() < end) {
         if (!session.thread().sendBytes(batch.data(), batch.size())) {
             return Outcome::kCut;

@@ -80,19 +80,6 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             }
             return reply->writeInt32(notified);
         }
-        case kCallBack: {
-            sp<IBinder> callback = data.readStrongBinder();
-            if (callback == nullptr) {
-                return android::BAD_VALUE;
-            }
-            Parcel question;
-            Parcel answer;
-            question.writeInt32(41);
-            if (status_t status = callback->transact(TestListener::kListenerEvent, question, &answer); status != OK) {
-                return status;
-            }
-            return reply->writeInt32(answer.readInt32());
-        }
         case kHold: {
             std::lock_guard<std::mutex> lock(mLock);
             return data.readStrongBinder(&mHeld);

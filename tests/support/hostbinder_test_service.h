@@ -26,7 +26,6 @@ public:
         kAddListener,    // binder -> int32 listener count
         kRemoveListener, // binder -> bool whether it was registered (same proxy)
         kNotify,         // int32 value: one-way kListenerEvent to every listener -> int32 count
-        kCallBack,       // binder: calls it back two-way with 41 -> int32 its answer
         kHold,           // binder: keeps it
         kDrop,           // forgets the kept binder
         kGiveHeld,       // -> the kept binder

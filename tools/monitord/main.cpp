@@ -4,6 +4,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -14,6 +16,7 @@
 #include <binder/Status.h>
 #include <utils/String16.h>
 
+#include "binderd_watch.h"
 #include "control_commands.h"
 #include "control_service.h"
 #include "event_broadcaster.h"
@@ -76,6 +79,44 @@ int UsageError(const std::string& reason) {
     return kExitUsage;
 }
 
+// Both names with the session's binderd, and a death link to learn when it
+// goes: OK, else the first failure (EX_SECURITY, as addService returns it,
+// when another live process owns a name).
+android::status_t Register(const android::sp<android::IBinder>& service, const android::sp<android::IBinder>& control,
+                           tivra_tools::BinderdWatch& binderd) {
+    const android::sp<android::IServiceManager> manager = android::defaultServiceManager();
+    android::status_t status = manager->addService(android::String16(kServiceName), service);
+    if (status == android::OK) {
+        status = manager->addService(android::String16(tivra_control::kControlServiceName), control);
+    }
+    return status != android::OK || binderd.Link() ? status : android::DEAD_OBJECT;
+}
+
+// After binderd went away: registers with the binderd that comes next, trying
+// again a short while apart. 0 once registered, else the stop signal that
+// came first.
+int RegisterAgain(const android::sp<android::IBinder>& service, const android::sp<android::IBinder>& control,
+                  tivra_tools::BinderdWatch& binderd, const sigset_t& signals) {
+    bool toldTaken = false;
+    for (auto delay = tivra_tools::kFirstRetryDelay;; delay = std::min(delay * 2, tivra_tools::kMaxRetryDelay)) {
+        const android::status_t status = Register(service, control, binderd);
+        if (status == android::OK) {
+            std::printf("tivra-monitord: registered again with binderd\n");
+            std::fflush(stdout);
+            return 0;
+        }
+        if (status == android::binder::Status::EX_SECURITY && !toldTaken) {
+            std::fprintf(stderr, "tivra-monitord: \"%s\" is registered by another process; trying again until it is free\n",
+                         kServiceName);
+            toldTaken = true;
+        }
+        const int signal = tivra_tools::AwaitSignal(signals, delay);
+        if (signal != 0 && signal != tivra_tools::kWakeSignal) {
+            return signal;
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -124,12 +165,7 @@ int main(int argc, char** argv) {
         return kExitFailed;
     }
 
-    // Binder threads inherit this mask, so only sigwait below sees the signals.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    const sigset_t signals = tivra_tools::BlockMainThreadSignals();
 
     tivra_monitord::SimulatedNetwork network(scenario);
     tivra_monitord::ListenerRegistry listeners;
@@ -141,16 +177,13 @@ int main(int argc, char** argv) {
     const android::sp<tivra_monitord::ControlService> control = new tivra_monitord::ControlService(commands);
 
     android::ProcessState::self()->startThreadPool();
-    const android::sp<android::IServiceManager> manager = android::defaultServiceManager();
-    const android::status_t added =
-        manager == nullptr ? android::DEAD_OBJECT : manager->addService(android::String16(kServiceName), service);
-    // EX_SECURITY, as addService returns it: another live process owns the name.
+    const android::sp<tivra_tools::BinderdWatch> binderd = new tivra_tools::BinderdWatch();
+    const android::status_t added = Register(service, control, *binderd);
     if (added == android::binder::Status::EX_SECURITY) {
         std::fprintf(stderr, "tivra-monitord: \"%s\" is already registered by another process\n", kServiceName);
         return 1;
     }
-    if (added != android::OK ||
-        manager->addService(android::String16(tivra_control::kControlServiceName), control) != android::OK) {
+    if (added != android::OK) {
         std::fprintf(stderr,
                      "tivra-monitord: cannot register with binderd: is it running? Start it with 'binderd' "
                      "(or set HOSTBINDER_SOCKET to its socket)\n");
@@ -163,8 +196,19 @@ int main(int argc, char** argv) {
                 scenario.devices.size(), scenario.nodes.size(), scenarioPath.c_str(), scenario.timeline.size());
     std::fflush(stdout);
 
+    // Until stopped; when binderd goes, registering with the next one.
     int signal = 0;
-    sigwait(&stopSignals, &signal);
+    while (signal == 0) {
+        signal = tivra_tools::AwaitSignal(signals, std::chrono::milliseconds(-1));
+        if (signal == tivra_tools::kWakeSignal) {
+            signal = 0;
+            if (binderd->TakeLoss()) {
+                std::printf("tivra-monitord: binderd went away; registering again once it is back\n");
+                std::fflush(stdout);
+                signal = RegisterAgain(service, control, *binderd, signals);
+            }
+        }
+    }
     player.Stop();
     std::printf("tivra-monitord: stopping on %s\n", strsignal(signal));
     std::fflush(stdout);

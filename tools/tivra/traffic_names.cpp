@@ -33,7 +33,10 @@ const Method kServiceManagerMethods[] = {{kGetService, "getService"},
                                          {kCheckService, "checkService"},
                                          {kAddService, "addService"},
                                          {kListServices, "listServices"},
+                                         {kRegisterForNotifications, "registerForNotifications"},
+                                         {kUnregisterForNotifications, "unregisterForNotifications"},
                                          {kIsDeclared, "isDeclared"}};
+const Method kServiceCallbackMethods[] = {{android::IBinder::FIRST_CALL_TRANSACTION, "onRegistration"}};
 
 struct Interface {
     const char* descriptor;
@@ -47,6 +50,7 @@ const Interface kInterfaces[] = {
     {service::kDeviceListenerDescriptor, std::begin(kListenerMethods), std::end(kListenerMethods)},
     {tivra_control::kControlDescriptor, std::begin(kControlMethods), std::end(kControlMethods)},
     {"android.os.IServiceManager", std::begin(kServiceManagerMethods), std::end(kServiceManagerMethods)},
+    {"android.os.IServiceCallback", std::begin(kServiceCallbackMethods), std::end(kServiceCallbackMethods)},
 };
 
 std::string LastPart(const std::string& descriptor) { return descriptor.substr(descriptor.rfind('.') + 1); }

@@ -9,8 +9,11 @@
 #include <mutex>
 #include <optional>
 
+#include <android/os/BnServiceCallback.h>
+#include <binder/IServiceManager.h>
 #include <nlohmann/json.hpp>
 
+#include "binderd_watch.h"
 #include "command_line.h"
 #include "duration.h"
 #include "event_time.h"
@@ -25,7 +28,7 @@ namespace {
 using Communication::TivraAdapter;
 using nlohmann::json;
 
-constexpr auto kPollInterval = std::chrono::milliseconds(200);
+const android::String16 kServiceName("PravikDeviceMonitorService");
 
 // Events come from several Binder threads; each one is printed whole. People
 // read the time of day; programs get RFC 3339 with the date and the offset.
@@ -93,28 +96,156 @@ private:
     EventPrinter& printer_;
 };
 
+// Each of these hears something on a Binder thread and wakes the main thread.
 class DeathWatcher : public Communication::TivraDeathNotifier {
 public:
-    void OnServiceDied() override { died_ = true; }
+    void OnServiceDied() override {
+        died_ = true;
+        tivra_tools::WakeMainThread();
+    }
     bool TakeDeath() { return died_.exchange(false); }
 
 private:
     std::atomic<bool> died_{false};
 };
 
-// The library forgets registrations when the service dies; the watcher makes
-// them again. True when all three were accepted; otherwise whatever was
-// accepted is undone, so that the next try starts clean.
-bool RegisterAll(TivraAdapter& adapter, const std::shared_ptr<DevicePrinter>& devices,
-                 const std::shared_ptr<NodePrinter>& nodes, const std::shared_ptr<DeathWatcher>& death) {
-    if (adapter.LinkToDeath(death) && adapter.RegisterCallback(devices) && adapter.AddDeviceChangeListener(nodes)) {
+class ServiceArrival : public android::os::BnServiceCallback {
+public:
+    android::binder::Status onRegistration(const std::string& /*name*/,
+                                           const android::sp<android::IBinder>& /*binder*/) override {
+        arrived_ = true;
+        tivra_tools::WakeMainThread();
+        return android::binder::Status::ok();
+    }
+    bool TakeArrival() { return arrived_.exchange(false); }
+
+private:
+    std::atomic<bool> arrived_{false};
+};
+
+// Follows the device monitor service: while it lives, the listeners are
+// registered with it; while it is away, binderd tells when it registers; while
+// binderd itself is away, tries to reach the next one a short while apart.
+class ServiceFollower {
+public:
+    ServiceFollower(EventPrinter& printer, const Options& options)
+        : printer_(printer), options_(options), devices_(std::make_shared<DevicePrinter>(printer)),
+          nodes_(std::make_shared<NodePrinter>(printer)), death_(std::make_shared<DeathWatcher>()),
+          adapter_(TivraAdapter::GetInstance()) {}
+
+    // Registers the listeners, or waits for the service when binderd runs
+    // without it; false when binderd does not run.
+    bool Start() {
+        if (RegisterAll()) {
+            return true;
+        }
+        if (!BinderdIsRunning()) {
+            return false;
+        }
+        if (options_.json) {
+            printer_.Print("waiting", json::object(), "");
+        } else {
+            std::fprintf(stderr, "tivra: waiting for the device monitor service to register (Ctrl-C to stop)\n");
+        }
+        Wait();
         return true;
     }
-    adapter.UnlinkToDeath(death);
-    adapter.UnregisterCallback(devices);
-    adapter.RemoveDeviceChangeListener(nodes);
-    return false;
-}
+
+    // How long the main thread may wait for a signal before Step: forever
+    // (negative) unless binderd is away.
+    std::chrono::milliseconds NextWait() const {
+        return phase_ == kNoBinderd ? retryDelay_ : std::chrono::milliseconds(-1);
+    }
+
+    // Acts on whatever woke the main thread, or on the end of NextWait.
+    void Step() {
+        switch (phase_) {
+            case kWatching:
+                if (death_->TakeDeath()) {
+                    printer_.Print("service-died", json::object(),
+                                   "waiting for the device monitor service to come back");
+                    Wait();
+                }
+                break;
+            case kWaiting:
+                if (binderd_->TakeLoss()) {
+                    phase_ = kNoBinderd;
+                    retryDelay_ = tivra_tools::kFirstRetryDelay;
+                } else if (arrival_->TakeArrival() && RegisterAll()) {
+                    StopWaiting();
+                }
+                break;
+            case kNoBinderd:
+                Wait();
+                retryDelay_ = std::min(retryDelay_ * 2, tivra_tools::kMaxRetryDelay);
+                break;
+        }
+    }
+
+    bool EverWatched() const { return everWatched_; }
+
+private:
+    enum Phase { kWatching, kWaiting, kNoBinderd };
+
+    // The library forgets registrations when the service dies; the watcher
+    // makes them again. True when all three were accepted; otherwise whatever
+    // was accepted is undone, so that the next try starts clean.
+    bool RegisterAll() {
+        if (adapter_->LinkToDeath(death_) && adapter_->RegisterCallback(devices_) &&
+            adapter_->AddDeviceChangeListener(nodes_)) {
+            // A program learns from "watching" that registration is done; a
+            // person gets the banner on stderr, away from the events.
+            if (everWatched_) {
+                printer_.Print("service-back", json::object(), "registered again");
+            } else if (options_.json) {
+                printer_.Print("watching", json::object(), "");
+            } else {
+                std::fprintf(stderr, "tivra: watching device and node events (Ctrl-C to stop)\n");
+            }
+            everWatched_ = true;
+            phase_ = kWatching;
+            return true;
+        }
+        adapter_->UnlinkToDeath(death_);
+        adapter_->UnregisterCallback(devices_);
+        adapter_->RemoveDeviceChangeListener(nodes_);
+        return false;
+    }
+
+    // Asks binderd to tell when the service registers (at once if it is
+    // there), then links to binderd's death, which ends that registration.
+    // The call comes first: it is what reaches a new binderd.
+    void Wait() {
+        arrival_->TakeArrival();
+        binderd_->TakeLoss();
+        if (android::defaultServiceManager()->registerForNotifications(kServiceName, arrival_) == android::OK &&
+            binderd_->Link()) {
+            phase_ = kWaiting;
+            return;
+        }
+        if (phase_ != kNoBinderd) {
+            phase_ = kNoBinderd;
+            retryDelay_ = tivra_tools::kFirstRetryDelay;
+        }
+    }
+
+    void StopWaiting() {
+        android::defaultServiceManager()->unregisterForNotifications(kServiceName, arrival_);
+        binderd_->Unlink();
+    }
+
+    EventPrinter& printer_;
+    const Options options_;
+    const std::shared_ptr<DevicePrinter> devices_;
+    const std::shared_ptr<NodePrinter> nodes_;
+    const std::shared_ptr<DeathWatcher> death_;
+    const std::shared_ptr<TivraAdapter> adapter_;
+    const android::sp<ServiceArrival> arrival_ = new ServiceArrival();
+    const android::sp<tivra_tools::BinderdWatch> binderd_ = new tivra_tools::BinderdWatch();
+    Phase phase_ = kWatching;
+    bool everWatched_ = false;
+    std::chrono::milliseconds retryDelay_ = tivra_tools::kFirstRetryDelay;
+};
 
 }  // namespace
 
@@ -123,7 +254,9 @@ int RunWatch(const std::vector<std::string>& args, Options& options) {
     const Parsed parsed = Parse({"tivra watch",
                                  "Usage: tivra watch [--for DURATION] [--json|--pretty]\n"
                                  "Prints device and node events until Ctrl-C or for DURATION (500ms, 10s, 2m).\n"
-                                 "When the service dies, says so, waits for it and registers again.\n",
+                                 "Waits for the service when it is not registered yet (exit status 3 when it\n"
+                                 "has not come within DURATION). When the service dies or binderd restarts,\n"
+                                 "says so, waits for the service and registers again.\n",
                                  {ForOption("tivra watch", &limit)}},
                                 args, options);
     if (parsed.exit) {
@@ -133,50 +266,36 @@ int RunWatch(const std::vector<std::string>& args, Options& options) {
         return UsageError("tivra watch", "unexpected argument '" + parsed.words[0] + "'");
     }
 
-    // Block the stop signals before the Binder threads start, so that only the
-    // wait below receives them.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    const sigset_t signals = tivra_tools::BlockMainThreadSignals();
 
     EventPrinter printer(options);
-    const auto devices = std::make_shared<DevicePrinter>(printer);
-    const auto nodes = std::make_shared<NodePrinter>(printer);
-    const auto death = std::make_shared<DeathWatcher>();
-    const std::shared_ptr<TivraAdapter> adapter = TivraAdapter::GetInstance();
-    if (!RegisterAll(*adapter, devices, nodes, death)) {
+    ServiceFollower follower(printer, options);
+    if (!follower.Start()) {
         std::fprintf(stderr, "tivra: %s\n", ExplainUnavailableService().c_str());
         return kExitServiceUnavailable;
     }
-    // A program learns from this event that registration is done; a person
-    // gets the banner on stderr, away from the events.
-    if (options.json) {
-        printer.Print("watching", json::object(), "");
-    } else {
-        std::fprintf(stderr, "tivra: watching device and node events (Ctrl-C to stop)\n");
-    }
-
-    const auto deadline = limit ? std::chrono::steady_clock::now() + *limit : std::chrono::steady_clock::time_point::max();
-    bool waitingForService = false;
-    while (std::chrono::steady_clock::now() < deadline) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        const auto wait = std::min<std::chrono::milliseconds>(kPollInterval, left);
-        const timespec timeout{static_cast<time_t>(wait.count() / 1000), static_cast<long>(wait.count() % 1000) * 1000000};
-        if (sigtimedwait(&stopSignals, nullptr, &timeout) > 0) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = limit ? Clock::now() + *limit : Clock::time_point::max();
+    for (;;) {
+        std::chrono::milliseconds wait = follower.NextWait();
+        if (limit) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+            if (left.count() <= 0) {
+                break;
+            }
+            wait = wait.count() < 0 ? left : std::min(wait, left);
+        }
+        const int signal = tivra_tools::AwaitSignal(signals, wait);
+        if (signal == SIGINT || signal == SIGTERM) {
             break;
         }
-        if (death->TakeDeath()) {
-            printer.Print("service-died", json::object(), "waiting for the device monitor service to come back");
-            waitingForService = true;
-        }
-        if (waitingForService && RegisterAll(*adapter, devices, nodes, death)) {
-            printer.Print("service-back", json::object(), "registered again");
-            waitingForService = false;
-        }
+        follower.Step();
     }
     printer.Print("stopped", json::object(), "");
+    if (!follower.EverWatched() && Clock::now() >= deadline) {
+        std::fprintf(stderr, "tivra: %s\n", ExplainUnavailableService().c_str());
+        return kExitServiceUnavailable;
+    }
     return kExitOk;
 }
 

@@ -44,6 +44,8 @@ private:
     // Opens (or reopens after binderd went away) this thread's connection.
     bool connect();
     void connectionLost();
+    // Whether the connection numbered `serial` is still this thread's.
+    bool stillConnected(uint64_t serial) const;
     // Takes the call's bytes from this thread's one-way credit when it covers
     // them (and binderd has not voided it since).
     bool paidFromCredit(int32_t handle, const Parcel& data);
@@ -63,6 +65,8 @@ private:
     sp<ProcessState> mProcess;
     std::unique_ptr<hostbinder::Connection> mConnection;
     uint64_t mGeneration = 0;
+    // Counts the connections this thread opened.
+    uint64_t mConnectionSerial = 0;
     OnewayCredit mCredit;
     // Payloads of one-way calls that arrived while this thread waited.
     std::deque<std::vector<uint8_t>> mOnewayAhead;
