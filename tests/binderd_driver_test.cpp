@@ -685,9 +685,13 @@ TEST_F(DriverFrames, AnOuterCallsFailureWaitsUntilTheInnerLevelsAreDone) {
     ASSERT_TRUE(feed(kThirdLooper, kEnterLooper, {}));
     ASSERT_TRUE(feed(kClientThread, kTransaction, serviceManagerCall(kCheckService, "third", nullptr)));
     const uint32_t third = handleIn(sent(kClientThread, kIncomingReply));
+    constexpr ConnectionId kWatcher = 9;
+    driver.onConnect(kWatcher, 400, geteuid());
+    ASSERT_TRUE(feed(kWatcher, kHelloMonitor, {}));
     // The client calls the service, which calls it back; the call back goes
     // on to the third process.
     ASSERT_TRUE(callWith(kClientThread, handle, 1, new BBinder()));
+    const uint64_t firstCall = heardBy(outbox.sent, kWatcher).back().record.id;
     ASSERT_TRUE(callWith(kServiceLooper, handleIn(sent(kServiceLooper, kIncomingTransaction)), 2));
     ASSERT_TRUE(callWith(kClientThread, third, 3));
     const size_t replies = framesTo(kClientThread, kIncomingReply);
@@ -699,6 +703,11 @@ TEST_F(DriverFrames, AnOuterCallsFailureWaitsUntilTheInnerLevelsAreDone) {
     EXPECT_EQ(lastAnswer(kClientThread), 30);
     ASSERT_TRUE(replyWith(kClientThread, 20));
     EXPECT_EQ(lastAnswer(kClientThread), DEAD_OBJECT);
+    // A watcher hears of that failure as it goes out.
+    const TrafficRecord last = heardBy(outbox.sent, kWatcher).back().record;
+    EXPECT_EQ(last.kind, kTrafficReply);
+    EXPECT_EQ(last.id, firstCall);
+    EXPECT_EQ(last.status, DEAD_OBJECT);
 }
 
 TEST_F(DriverFrames, CallbacksHearOfTheirNameFromBinderdAtOnceAndOnEveryAdd) {

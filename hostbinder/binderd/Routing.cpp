@@ -167,10 +167,14 @@ void Driver::resumeWaiting(Thread& thread) {
     if (!thread.waiting() || thread.awaiting.back().failure == OK) {
         return;
     }
-    TransactionHeader header{};
-    header.status = thread.awaiting.back().failure;
+    const OutgoingCall failed = thread.awaiting.back();
     thread.awaiting.pop_back();
+    TransactionHeader header{};
+    header.status = failed.failure;
     mOutbox.sendTransaction(thread.connection, kIncomingReply, header, nullptr, nullptr);
+    if (mTraffic.watched()) {
+        reportReply(*failed.call, failed.failure, nullptr, *thread.process, nullptr);
+    }
 }
 
 void Driver::enqueueWork(Process& process, const std::shared_ptr<Transaction>& transaction) {
