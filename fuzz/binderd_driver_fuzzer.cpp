@@ -11,6 +11,8 @@
 // other watcher is too far behind to be sent anything.
 #include <cstddef>
 #include <cstdint>
+#include <unistd.h>
+
 #include <cstring>
 #include <map>
 #include <set>
@@ -42,6 +44,12 @@ public:
         for (uint32_t i = 0; i < header.dataSize; ++i) sink = sink ^ data[i];
         for (uint32_t i = 0; i < header.offsetsCount; ++i) sink = sink ^ static_cast<uint8_t>(offsets[i]);
     }
+    void sendDescriptor(ConnectionId to, uint32_t command, const void* payload, size_t size,
+                        int descriptor) override {
+        send(to, command, payload, size);
+        close(descriptor);
+    }
+    bool takesDescriptor(ConnectionId) const override { return true; }
     void cut(ConnectionId id) override { mCut.insert(id); }
     void finish(ConnectionId id) override { mFinished.insert(id); }
     // Watchers are always behind, half of the time by too much.

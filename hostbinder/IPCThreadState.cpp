@@ -8,6 +8,9 @@
 #include <binder/Binder.h>
 #include <log/log.h>
 
+#include "ChannelHub.h"
+#include "OnewayChannels.h"
+#include "OutgoingChannel.h"
 #include "protocol/Connection.h"
 
 namespace android {
@@ -55,6 +58,10 @@ void fillParcel(const hostbinder::TransactionView& view, Parcel* parcel) {
 
 }  // namespace
 
+void IPCThreadState::fillParcelFrom(const hostbinder::TransactionView& view, Parcel* parcel) {
+    fillParcel(view, parcel);
+}
+
 IPCThreadState* IPCThreadState::self() {
     thread_local std::unique_ptr<IPCThreadState> state(new IPCThreadState());
     return state.get();
@@ -72,9 +79,33 @@ pid_t IPCThreadState::getCallingPid() const { return mCallingPid; }
 uid_t IPCThreadState::getCallingUid() const { return mCallingUid; }
 
 void IPCThreadState::flushCommands() {
+    if ((!mChannelDone.empty() || !mReachDropped.empty()) && connect()) {
+        postChannelDone();
+    }
     if (mConnection != nullptr) {
         mConnection->flush();
     }
+}
+
+void IPCThreadState::noteChannelDone(uint64_t channel, uint64_t total) {
+    uint64_t& latest = mChannelDone[channel];
+    latest = std::max(latest, total);
+}
+
+void IPCThreadState::noteReachDropped(uint64_t channel, uint32_t handle) { mReachDropped.emplace_back(channel, handle); }
+
+void IPCThreadState::postChannelDone() {
+    // Progress first: a withdrawal is answered only once the calls before it are counted.
+    for (const auto& [channel, total] : mChannelDone) {
+        const hostbinder::ChannelProgress progress{channel, total};
+        mConnection->post(hostbinder::kChannelDone, &progress, sizeof(progress));
+    }
+    mChannelDone.clear();
+    for (const auto& [channel, handle] : mReachDropped) {
+        const hostbinder::ChannelReach dropped{channel, handle, 0};
+        mConnection->post(hostbinder::kReachDropped, &dropped, sizeof(dropped));
+    }
+    mReachDropped.clear();
 }
 
 bool IPCThreadState::connect() {
@@ -84,6 +115,7 @@ bool IPCThreadState::connect() {
     mConnection.reset();
     mCredit = OnewayCredit{};
     mOnewayAhead.clear();
+    forgetChannels();
     hostbinder::HelloThread hello{};
     uint64_t generation = 0;
     if (!mProcess->ensureSession(&hello.token, &generation)) {
@@ -115,11 +147,47 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
     if (!connect()) {
         return DEAD_OBJECT;
     }
+    const bool oneway = (flags & IBinder::FLAG_ONEWAY) != 0;
+    // Straight to the owner when binderd has nothing to translate or show,
+    // and, for a two-way call, no chain to follow: a thread serving a call
+    // calls through binderd, which routes calls back along the chain.
+    if (handle != 0 && data.objectsCount() == 0 && !mProcess->trafficWatched()) {
+        status_t status = hostbinder::kGoRelay;
+        if (oneway) {
+            status = sendDirectOneway(handle, code, data);
+        } else if (mServingDepth == 0) {
+            if (OutgoingChannel* channel = twoWayChannelFor(handle)) {
+                status = callDirect(*channel, handle, code, data, reply);
+            }
+        }
+        if (status != hostbinder::kGoRelay) {
+            return status;
+        }
+    }
+    return transactThroughBinderd(handle, code, data, reply, flags);
+}
+
+status_t IPCThreadState::transactThroughBinderd(int32_t handle, uint32_t code, const Parcel& data, Parcel* reply,
+                                                uint32_t flags) {
+    if (!connect()) {
+        return DEAD_OBJECT;
+    }
     TransactionHeader header = headerFor(data);
     header.target = static_cast<uint32_t>(handle);
     header.code = code;
     header.flags = flags & IBinder::FLAG_ONEWAY;
     const bool oneway = header.flags != 0;
+    bool fenced = false;
+    if (oneway) {
+        fenced = fenceRelayedOneway(handle);
+    } else if (mServingChannel != 0 && !mServingChannelTold) {
+        // This call continues the chain of the call this thread serves.
+        mConnection->post(hostbinder::kServingChannel, &mServingChannel, sizeof(mServingChannel));
+        mServingChannelTold = true;
+    }
+    if (!mChannelDone.empty() || !mReachDropped.empty()) {
+        postChannelDone();
+    }
     if (oneway && paidFromCredit(handle, data)) {
         if (!mConnection->sendTransaction(hostbinder::kOnewayCredited, header, data.data(), nullptr)) {
             connectionLost();
@@ -140,6 +208,9 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
     if (status == hostbinder::kRefusedMarker) {
         for (BBinder* node : sentNodes) {
             mProcess->dropNodeRef(node);
+        }
+        if (fenced) {
+            unfenceRefusedOneway(handle);
         }
         return mRefusedStatus;
     }
@@ -201,6 +272,7 @@ status_t IPCThreadState::waitForResponse(Parcel* reply) {
                 break;
             }
             default:
+                handleStray(command, payload);
                 break;
         }
     }
@@ -208,6 +280,48 @@ status_t IPCThreadState::waitForResponse(Parcel* reply) {
         connectionLost();
     }
     return DEAD_OBJECT;
+}
+
+bool IPCThreadState::awaitFrame(std::initializer_list<uint32_t> wanted, uint32_t* command,
+                                std::vector<uint8_t>* payload) {
+    const uint64_t serial = mConnectionSerial;
+    while (stillConnected(serial) && mConnection->receive(command, payload)) {
+        for (uint32_t one : wanted) {
+            if (*command == one) {
+                return true;
+            }
+        }
+        handleStray(*command, *payload);
+    }
+    if (stillConnected(serial)) {
+        connectionLost();
+    }
+    return false;
+}
+
+bool IPCThreadState::handleStray(uint32_t command, const std::vector<uint8_t>& payload) {
+    const hostbinder::Frame frame{command, payload.data(), static_cast<uint32_t>(payload.size())};
+    switch (command) {
+        case hostbinder::kIncomingTransaction: {
+            hostbinder::TransactionView view;
+            if (!hostbinder::parseTransaction(frame, &view)) {
+                return true;
+            }
+            if ((view.header.flags & IBinder::FLAG_ONEWAY) != 0) {
+                // Sent ahead to a pool thread: it runs in its turn.
+                mOnewayAhead.push_back(payload);
+            } else {
+                // Only a thread waiting in a chain takes calls back along it.
+                sendReply(Parcel(), FAILED_TRANSACTION);
+            }
+            return true;
+        }
+        case hostbinder::kIncomingChannelReply:
+            // The answer to a call this thread gave up on.
+            return true;
+        default:
+            return false;
+    }
 }
 
 void IPCThreadState::connectionLost() {
@@ -225,14 +339,29 @@ void IPCThreadState::executeTransaction(const hostbinder::Frame& frame) {
     const uint64_t serial = mConnectionSerial;
     const pid_t outerPid = mCallingPid;
     const uid_t outerUid = mCallingUid;
+    const uint64_t outerChannel = mServingChannel;
+    const bool outerTold = mServingChannelTold;
     mCallingPid = view.header.senderPid;
     mCallingUid = view.header.senderUid;
+    mServingChannel = 0;
+    mServingChannelTold = false;
+    ++mServingDepth;
     const sp<BBinder> target(reinterpret_cast<BBinder*>(view.header.target));
     const bool oneway = (view.header.flags & IBinder::FLAG_ONEWAY) != 0;
     // As on the platform, onTransact always gets a reply parcel; a one-way
     // call's is dropped unread.
     Parcel reply;
-    status_t status = target->transact(view.header.code, data, &reply, view.header.flags);
+    status_t status = OK;
+    if (oneway) {
+        // In turn with the object's one-way calls that came over channels.
+        mProcess->channels().turns().runOrWait(
+            target.get(), [&] { status = target->transact(view.header.code, data, &reply, view.header.flags); });
+    } else {
+        status = target->transact(view.header.code, data, &reply, view.header.flags);
+    }
+    --mServingDepth;
+    mServingChannel = outerChannel;
+    mServingChannelTold = outerTold;
     mCallingPid = outerPid;
     mCallingUid = outerUid;
     // The answer belongs on the connection the call came on, if it still stands.
@@ -271,14 +400,87 @@ void IPCThreadState::joinThreadPool(bool /*isMain*/) {
             payload = std::move(mOnewayAhead.front());
             mOnewayAhead.pop_front();
             command = hostbinder::kIncomingTransaction;
-        } else if (!mConnection->receive(&command, &payload)) {
-            break;
+        } else {
+            if (!mChannelDone.empty() || !mReachDropped.empty()) {
+                postChannelDone();
+            }
+            if (!mConnection->receive(&command, &payload)) {
+                break;
+            }
         }
         if (command == hostbinder::kIncomingTransaction) {
             executeTransaction({command, payload.data(), static_cast<uint32_t>(payload.size())});
+        } else {
+            handleStray(command, payload);
         }
     }
     mConnection.reset();
+}
+
+status_t IPCThreadState::executeDirect(pid_t pid, uid_t uid, uint64_t channel, const sp<BBinder>& target,
+                                       uint32_t code, const Parcel& data, Parcel* reply) {
+    const pid_t outerPid = mCallingPid;
+    const uid_t outerUid = mCallingUid;
+    const uint64_t outerChannel = mServingChannel;
+    const bool outerTold = mServingChannelTold;
+    mCallingPid = pid;
+    mCallingUid = uid;
+    mServingChannel = channel;
+    mServingChannelTold = false;
+    ++mServingDepth;
+    Parcel unusedReply;
+    status_t status = target->transact(code, data, reply != nullptr ? reply : &unusedReply,
+                                       reply != nullptr ? 0 : IBinder::FLAG_ONEWAY);
+    --mServingDepth;
+    if (mServingChannelTold && mConnection != nullptr) {
+        const uint64_t none = 0;
+        mConnection->post(hostbinder::kServingChannel, &none, sizeof(none));
+    }
+    mServingChannel = outerChannel;
+    mServingChannelTold = outerTold;
+    mCallingPid = outerPid;
+    mCallingUid = outerUid;
+    if (reply != nullptr && status == OK && !fitsLimit(*reply)) {
+        status = FAILED_TRANSACTION;
+    }
+    return status;
+}
+
+status_t IPCThreadState::resolveReach(uint64_t channel, uint32_t handle, uint64_t* cookie) {
+    if (!connect()) {
+        return DEAD_OBJECT;
+    }
+    const hostbinder::ChannelReach request{channel, handle, 0};
+    if (!mChannelDone.empty() || !mReachDropped.empty()) {
+        postChannelDone();
+    }
+    if (!mConnection->send(hostbinder::kResolveReach, &request, sizeof(request))) {
+        connectionLost();
+        return DEAD_OBJECT;
+    }
+    uint32_t command = 0;
+    std::vector<uint8_t> payload;
+    if (!awaitFrame({hostbinder::kReachResolved, hostbinder::kRefused}, &command, &payload)) {
+        return DEAD_OBJECT;
+    }
+    const hostbinder::Frame frame{command, payload.data(), static_cast<uint32_t>(payload.size())};
+    if (command == hostbinder::kReachResolved && hostbinder::parseFixed(frame, cookie)) {
+        return OK;
+    }
+    status_t refused = FAILED_TRANSACTION;
+    hostbinder::parseFixed(frame, &refused);
+    return refused == OK ? FAILED_TRANSACTION : refused;
+}
+
+void IPCThreadState::replyThroughBinderd(uint64_t channel, uint32_t sequence, const Parcel& reply) {
+    if (!connect()) {
+        return;
+    }
+    TransactionHeader header = headerFor(reply);
+    header.target = channel;
+    header.code = sequence;
+    mProcess->noteSendRefs(localBindersIn(reply));
+    mConnection->sendTransaction(hostbinder::kChannelReply, header, reply.data(), reply.objects());
 }
 
 }  // namespace android

@@ -5,6 +5,8 @@
 #include <binder/IPCThreadState.h>
 #include <log/log.h>
 
+#include "ChannelHub.h"
+#include "OnewayChannels.h"
 #include "protocol/Connection.h"
 
 namespace android {
@@ -27,7 +29,8 @@ sp<ProcessState> ProcessState::self() {
 
 sp<ProcessState> ProcessState::selfOrNull() { return self(); }
 
-ProcessState::ProcessState() = default;
+ProcessState::ProcessState()
+    : mChannels(std::make_unique<ChannelHub>()), mOnewayChannels(std::make_unique<OnewayChannels>()) {}
 ProcessState::~ProcessState() = default;
 
 sp<IBinder> ProcessState::getContextObject(const sp<IBinder>& /*caller*/) { return getStrongProxyForHandle(0); }
@@ -201,6 +204,10 @@ status_t ProcessState::clearDeathNotification(int32_t handle) {
 
 uint64_t ProcessState::creditRevocations() const { return mCreditRevocations; }
 
+ChannelHub& ProcessState::channels() { return *mChannels; }
+
+OnewayChannels& ProcessState::onewayChannels() { return *mOnewayChannels; }
+
 status_t ProcessState::sendControl(uint32_t command, const void* payload, size_t size) {
     std::shared_ptr<Connection> control;
     {
@@ -229,6 +236,36 @@ void ProcessState::controlLoop(std::shared_ptr<Connection> control, uint64_t gen
             if (generation == mGeneration) {
                 mCreditRevocations = revocations;
             }
+        } else if (command == hostbinder::kChannelOpened) {
+            hostbinder::ChannelOpened opened{};
+            const int fd = control->takeDescriptor();
+            if (fd >= 0 && payload.size() == sizeof(opened)) {
+                std::memcpy(&opened, payload.data(), sizeof(opened));
+                size_t maxThreads = 0;
+                {
+                    std::lock_guard<std::mutex> lock(mLock);
+                    maxThreads = mMaxThreads;
+                }
+                mChannels->open(opened.channel, fd, opened.peerPid, opened.peerUid, maxThreads);
+            } else if (fd >= 0) {
+                close(fd);
+            }
+        } else if (command == hostbinder::kChannelClosed && payload.size() == sizeof(uint64_t)) {
+            uint64_t channel = 0;
+            std::memcpy(&channel, payload.data(), sizeof(channel));
+            mChannels->close(channel);
+        } else if (command == hostbinder::kReachRevoked && payload.size() == sizeof(hostbinder::ChannelReach)) {
+            hostbinder::ChannelReach revoked{};
+            std::memcpy(&revoked, payload.data(), sizeof(revoked));
+            mChannels->revoke(revoked.channel, revoked.handle);
+        } else if (command == hostbinder::kChannelQuiet && payload.size() == sizeof(hostbinder::ChannelProgress)) {
+            hostbinder::ChannelProgress quiet{};
+            std::memcpy(&quiet, payload.data(), sizeof(quiet));
+            mOnewayChannels->quiet(quiet.channel, quiet.total);
+        } else if (command == hostbinder::kWatchState && payload.size() == sizeof(uint32_t)) {
+            uint32_t watched = 0;
+            std::memcpy(&watched, payload.data(), sizeof(watched));
+            mTrafficWatched = watched != 0;
         } else if (command == hostbinder::kDeadBinder && payload.size() == sizeof(uint32_t)) {
             int32_t handle = 0;
             std::memcpy(&handle, payload.data(), sizeof(handle));
@@ -277,7 +314,10 @@ void ProcessState::onSessionLost(uint64_t generation) {
             }
         }
         nodeRefs.swap(mNodeRefs);
+        mTrafficWatched = false;
     }
+    mChannels->closeAll();
+    mOnewayChannels->clear();
     for (const sp<IBinder>& proxy : proxies) {
         proxy->remoteBinder()->sendObituary();
     }

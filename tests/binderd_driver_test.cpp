@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <linux/android/binder.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 #include <deque>
@@ -57,6 +59,12 @@ public:
         appendTransaction(&frame, command, header, data, offsets);
         sent.push_back({to, command, std::vector<uint8_t>(frame.begin() + sizeof(FrameHeader), frame.end())});
     }
+    void sendDescriptor(ConnectionId to, uint32_t command, const void* payload, size_t size,
+                        int descriptor) override {
+        send(to, command, payload, size);
+        close(descriptor);
+    }
+    bool takesDescriptor(ConnectionId) const override { return true; }
     void cut(ConnectionId) override {}
     void finish(ConnectionId id) override { finished.push_back(id); }
     size_t backlog(ConnectionId id) const override {
@@ -571,6 +579,10 @@ TEST(TrafficReport, OnlyTheOwnerAndRootMayWatchAndWatchersAreBounded) {
         void send(ConnectionId, uint32_t, const void*, size_t) override {}
         void sendTransaction(ConnectionId, uint32_t, const TransactionHeader&, const uint8_t*,
                              const uint64_t*) override {}
+        void sendDescriptor(ConnectionId, uint32_t, const void*, size_t, int descriptor) override {
+            close(descriptor);
+        }
+        bool takesDescriptor(ConnectionId) const override { return false; }
         void cut(ConnectionId) override {}
         void finish(ConnectionId) override {}
         size_t backlog(ConnectionId) const override { return 0; }

@@ -72,6 +72,10 @@ bool Driver::startSession(ConnectionId id, Peer& peer, const Frame& frame) {
         peer.process = process.get();
         const HelloThread welcome{process->token};
         mOutbox.send(id, kWelcome, &welcome, sizeof(welcome));
+        if (mTraffic.watched()) {
+            const uint32_t watched = 1;
+            mOutbox.send(id, kWatchState, &watched, sizeof(watched));
+        }
         if (mVerbose) {
             __android_log_print(ANDROID_LOG_INFO, kTag, "process %d (uid %u) joined", peer.pid, peer.uid);
         }
@@ -154,7 +158,7 @@ bool Driver::onThreadFrame(Thread& thread, const Frame& frame) {
             becomeIdle(thread);
             return true;
         default:
-            return false;
+            return onChannelFrame(thread, frame);
     }
 }
 
@@ -171,11 +175,18 @@ void Driver::onDisconnect(ConnectionId id) {
         threadGone(*peer.thread);
     } else if (peer.watcher) {
         mTraffic.forget(id);
+        if (!mTraffic.watched()) {
+            broadcastWatchState();
+        }
     }
 }
 
 void Driver::threadGone(Thread& thread) {
     Process& process = *thread.process;
+    const std::vector<uint64_t> channels = thread.channels;
+    for (uint64_t id : channels) {
+        closeChannel(id, false);
+    }
     releaseTransit(thread);
     endCredit(thread);
     requeuePipeline(thread);
@@ -211,6 +222,7 @@ void Driver::processDied(Process& process) {
         mOutbox.drain(id);
     }
     revokeCreditsOn(process);
+    closeChannelsOf(process);
     const std::vector<Thread*> threads = process.threads;
     for (Thread* thread : threads) {
         mPeers.erase(thread->connection);

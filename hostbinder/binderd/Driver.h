@@ -115,6 +115,8 @@ private:
     // Voids every credit for the dying process's nodes, telling the holders.
     void revokeCreditsOn(const Process& dying);
     void queueOneway(Process& receiver, const std::shared_ptr<Transaction>& transaction);
+    // Starts the call now if its node is free, else queues it behind the node's.
+    void dispatchOneway(const std::shared_ptr<Transaction>& transaction);
     // Sends the node's waiting calls ahead to the thread serving it.
     void fillPipeline(Node& node);
     bool finishOneway(Thread& thread);
@@ -143,6 +145,34 @@ private:
     bool requestDeath(Process& process, uint32_t handle);
     bool clearDeath(Process& process, uint32_t handle);
     void notifyDeath(Node& node);
+
+    // --- direct channels (Channels.cpp) ---
+    bool onChannelFrame(Thread& thread, const hostbinder::Frame& frame);
+    void openChannel(Thread& thread, uint32_t handle, bool oneway);
+    void grantChannelCredit(Thread& thread, const hostbinder::ChannelCredit& request);
+    bool fenceOneway(Thread& thread, const hostbinder::ChannelProgress& progress);
+    bool channelDone(Thread& thread, const hostbinder::ChannelProgress& progress);
+    void resolveReach(Thread& thread, const hostbinder::ChannelReach& request);
+    bool channelReply(Thread& thread, const hostbinder::TransactionView& view);
+    // The channel `thread`'s process owns the far end of, if any.
+    Channel* ownedChannel(const Thread& thread, uint64_t id);
+    // The one-way channel of `thread`'s process, if `id` names it.
+    Channel* onewayChannelOf(const Thread& thread, uint64_t id);
+    Channel* onewayChannelTo(const Process& holder, const Process& owner);
+    // The link that makes calls of a thread serving the channel's call part
+    // of the caller's chain.
+    std::shared_ptr<Transaction> chainLinkOf(Channel& channel);
+    // Whether a relayed one-way call waits in its channel's line; takes it if so.
+    bool holdBehindChannel(const std::shared_ptr<Transaction>& transaction);
+    void releaseHeld(Channel& channel);
+    void relayedOnewayDone(const Transaction& transaction);
+    // The handle of `holder` goes: owners stop honouring it on channels once
+    // they took in the calls already sent.
+    void revokeReach(Process& holder, uint32_t handle);
+    void closeChannel(uint64_t id, bool ownerDying);
+    // Every channel the process holds or owns.
+    void closeChannelsOf(const Process& process);
+    void broadcastWatchState();
 
     // --- reports to watchers (Traffic.cpp), called only while watched ---
     bool startWatching(ConnectionId id, Peer& peer, const hostbinder::Frame& frame);
@@ -195,6 +225,9 @@ private:
     std::vector<LookupWaiter> mLookupWaiters;
     TrafficReport mTraffic;
     uint64_t mLastTransactionId = 0;
+    std::map<uint64_t, std::unique_ptr<Channel>> mChannels;
+    std::map<uid_t, size_t> mChannelsOfUid;
+    uint64_t mLastChannelId = 0;
 };
 
 }  // namespace android::binderd

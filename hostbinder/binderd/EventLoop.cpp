@@ -28,8 +28,9 @@ constexpr ConnectionId kStopId = 1;
 constexpr size_t kReadChunk = 256 * 1024;
 constexpr int kMaxAcceptsPerRound = 64;
 // Descriptors kept free of connections: the listening socket, epoll, the
-// signal descriptor, standard streams, the reserve and the lock.
-constexpr size_t kSpareDescriptors = 32;
+// signal descriptor, standard streams, the reserve and the lock, plus the
+// channel ends on their way to their processes and a pair being made.
+constexpr size_t kSpareDescriptors = 32 + kMaxDescriptorsInFlight + 2;
 // A connection keeps a larger output buffer while it is busy; a second
 // after its output was last written the buffer shrinks to this.
 constexpr size_t kKeptOutputCapacity = 4096;
@@ -302,6 +303,7 @@ void EventLoop::close(ConnectionId id, Connection& connection, bool tellDriver) 
     ::close(connection.fd);
     connection.fd = -1;
     refund(connection, connection.buffered);
+    dropDescriptors(connection);
     connection.partial.reset();
     connection.partialSize = connection.partialUsed = 0;
     std::vector<uint8_t>().swap(connection.out);
@@ -548,6 +550,25 @@ void EventLoop::sendTransaction(ConnectionId to, uint32_t command, const Transac
     }
 }
 
+void EventLoop::sendDescriptor(ConnectionId to, uint32_t command, const void* payload, size_t size,
+                               int descriptor) {
+    Connection* connection = takesDescriptor(to) ? outputTo(to, sizeof(FrameHeader) + size) : nullptr;
+    if (connection == nullptr) {
+        ::close(descriptor);
+        return;
+    }
+    connection->descriptors.emplace_back(connection->out.size(), descriptor);
+    ++mDescriptorsInFlight;
+    appendFrame(&connection->out, command, payload, size);
+}
+
+bool EventLoop::takesDescriptor(ConnectionId id) const {
+    auto it = mConnections.find(id);
+    return it != mConnections.end() && it->second.open &&
+           it->second.descriptors.size() < kMaxDescriptorsInFlightPerConnection &&
+           mDescriptorsInFlight < kMaxDescriptorsInFlight;
+}
+
 size_t EventLoop::backlog(ConnectionId id) const {
     auto it = mConnections.find(id);
     return it == mConnections.end() || !it->second.open ? 0 : it->second.out.size() - it->second.outStart;
@@ -576,23 +597,75 @@ void EventLoop::flushDirty() {
     }
 }
 
+ssize_t EventLoop::write(const Connection& connection, size_t end, int descriptor) {
+    iovec bytes{const_cast<uint8_t*>(connection.out.data()) + connection.outStart, end - connection.outStart};
+    msghdr message{};
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+    if (descriptor >= 0) {
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(header), &descriptor, sizeof(int));
+    }
+    for (;;) {
+        const ssize_t n = sendmsg(connection.fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            return n;
+        }
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? 0 : -1;
+    }
+}
+
+void EventLoop::dropDescriptors(Connection& connection) {
+    for (const auto& pending : connection.descriptors) {
+        ::close(pending.second);
+    }
+    mDescriptorsInFlight -= connection.descriptors.size();
+    connection.descriptors.clear();
+}
+
 void EventLoop::flush(ConnectionId id, Connection& connection) {
     if (!connection.open) {
         return;
     }
     std::vector<uint8_t>& out = connection.out;
     while (connection.outStart < out.size()) {
-        const ssize_t n =
-            ::send(connection.fd, out.data() + connection.outStart, out.size() - connection.outStart, MSG_NOSIGNAL);
-        if (n > 0) {
-            connection.outStart += static_cast<size_t>(n);
-            refund(connection, static_cast<size_t>(n));
-        } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            break;
-        } else if (n == 0 || errno != EINTR) {
+        // A descriptor travels with the first byte of its frame, so a write
+        // never runs from before its frame into it.
+        int descriptor = -1;
+        size_t end = out.size();
+        if (!connection.descriptors.empty()) {
+            const size_t at = connection.descriptors.front().first;
+            if (at == connection.outStart) {
+                descriptor = connection.descriptors.front().second;
+                end = connection.descriptors.size() > 1 ? connection.descriptors[1].first : out.size();
+            } else {
+                end = at;
+            }
+        }
+        const ssize_t n = write(connection, end, descriptor);
+        if (n < 0) {
             close(id, connection, true);
             return;
         }
+        if (n == 0) {
+            break;
+        }
+        if (descriptor >= 0) {
+            ::close(descriptor);
+            connection.descriptors.pop_front();
+            --mDescriptorsInFlight;
+        }
+        connection.outStart += static_cast<size_t>(n);
+        refund(connection, static_cast<size_t>(n));
     }
     const size_t pending = out.size() - connection.outStart;
     if (pending == 0) {
@@ -608,6 +681,9 @@ void EventLoop::flush(ConnectionId id, Connection& connection) {
     } else if (connection.outStart > pending) {
         // Written bytes are dropped before they outgrow what is still to go.
         out.erase(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(connection.outStart));
+        for (auto& waiting : connection.descriptors) {
+            waiting.first -= connection.outStart;
+        }
         connection.outStart = 0;
     }
     const bool wantWrites = pending > 0;

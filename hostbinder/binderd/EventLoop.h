@@ -40,6 +40,9 @@ public:
     void send(ConnectionId to, uint32_t command, const void* payload, size_t size) override;
     void sendTransaction(ConnectionId to, uint32_t command, const hostbinder::TransactionHeader& header,
                          const uint8_t* data, const uint64_t* offsets) override;
+    void sendDescriptor(ConnectionId to, uint32_t command, const void* payload, size_t size,
+                        int descriptor) override;
+    bool takesDescriptor(ConnectionId id) const override;
     void cut(ConnectionId id) override;
     void finish(ConnectionId id) override;
     size_t backlog(ConnectionId id) const override;
@@ -71,6 +74,9 @@ private:
         size_t partialUsed = 0;
         std::vector<uint8_t> out;
         size_t outStart = 0;
+        // Descriptors to hand over, each with the position in `out` of the
+        // frame it goes with.
+        std::deque<std::pair<size_t, int>> descriptors;
         bool watchingWrites = false;
         bool dirty = false;
         bool trimPending = false;
@@ -99,6 +105,10 @@ private:
     Connection* outputTo(ConnectionId id, size_t size);
     void flushDirty();
     void flush(ConnectionId id, Connection& connection);
+    // Writes out[outStart, end), the first byte carrying `descriptor` when it
+    // is not -1; the bytes written, 0 when the socket is full, -1 when broken.
+    static ssize_t write(const Connection& connection, size_t end, int descriptor);
+    void dropDescriptors(Connection& connection);
 
     bool charge(Connection& connection, size_t bytes);
     void refund(Connection& connection, size_t bytes);
@@ -135,6 +145,7 @@ private:
     // One read buffer per level of drain() nesting.
     std::vector<std::unique_ptr<uint8_t[]>> mReadBuffers;
     size_t mDepth = 0;
+    size_t mDescriptorsInFlight = 0;
     Clock::time_point mLastWarning;
     unsigned mSuppressedWarnings = 0;
 };

@@ -66,6 +66,17 @@ constexpr size_t kMaxCallbacksPerUid = 1024;
 constexpr size_t kMaxCallbacks = 8192;
 static_assert(kMaxNames + kMaxCallbacks <= kMaxHandlesPerProcess / 2);
 
+// Direct channels: each costs its two processes a descriptor each, so they
+// count per process (either end), per uid and in total; beyond a bound the
+// thread that asked keeps calling through binderd. Channel ends waiting in
+// binderd to be handed over hold binderd's own descriptors: a connection has
+// at most this many waiting, and binderd keeps room for all of them.
+constexpr size_t kMaxChannelsPerProcess = 1024;
+constexpr size_t kMaxChannelsPerUid = 8192;
+constexpr size_t kMaxChannels = 16384;
+constexpr size_t kMaxDescriptorsInFlightPerConnection = 4;
+constexpr size_t kMaxDescriptorsInFlight = 256;
+
 // Watching the traffic (only binderd's own uid and root may): connections
 // that watch at once, beyond which the next is refused; and the records
 // waiting in binderd for a watcher's socket to take them, beyond which its

@@ -8,6 +8,9 @@ using namespace hostbinder;
 
 void Driver::acceptOneway(Thread& sender, uint32_t handle, const std::shared_ptr<Transaction>& transaction) {
     Process& receiver = *transaction->target->owner;
+    if (const Channel* channel = onewayChannelTo(*sender.process, receiver)) {
+        transaction->channel = channel->id;
+    }
     queueOneway(receiver, transaction);
     OnewayAccepted accepted{0, 0, sender.process->revocations};
     if (receiver.queuedOnewayBytes + receiver.reservedOnewayBytes + kOnewayCreditBytes <= kCreditGrantCeiling &&
@@ -37,7 +40,11 @@ bool Driver::startCreditedOneway(Thread& thread, const TransactionView& view) {
     credit.bytes -= size;
     receiver.reservedOnewayBytes -= size;
     std::vector<std::shared_ptr<Node>> noTransit;
-    queueOneway(receiver, makeTransaction(*thread.process, credit.node, view, &noTransit));
+    std::shared_ptr<Transaction> transaction = makeTransaction(*thread.process, credit.node, view, &noTransit);
+    if (const Channel* channel = onewayChannelTo(*thread.process, receiver)) {
+        transaction->channel = channel->id;
+    }
+    queueOneway(receiver, transaction);
     return true;
 }
 
@@ -83,10 +90,18 @@ void Driver::revokeCreditsOn(const Process& dying) {
 
 void Driver::queueOneway(Process& receiver, const std::shared_ptr<Transaction>& transaction) {
     receiver.queuedOnewayBytes += transaction->size();
+    // Behind the direct calls its sender made before it, when there are any.
+    if (transaction->channel != 0 && holdBehindChannel(transaction)) {
+        return;
+    }
+    dispatchOneway(transaction);
+}
+
+void Driver::dispatchOneway(const std::shared_ptr<Transaction>& transaction) {
     Node& node = *transaction->target;
     if (!node.onewayBusy) {
         node.onewayBusy = true;
-        enqueueWork(receiver, transaction);
+        enqueueWork(*node.owner, transaction);
         return;
     }
     node.onewayQueue.push_back(transaction);
@@ -140,6 +155,9 @@ void Driver::advanceOneway(Node& node) {
 void Driver::retireOneway(const Transaction& transaction) {
     if (Process* owner = transaction.target->owner) {
         owner->queuedOnewayBytes -= transaction.size();
+    }
+    if (transaction.channel != 0) {
+        relayedOnewayDone(transaction);
     }
 }
 

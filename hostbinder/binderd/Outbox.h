@@ -29,6 +29,13 @@ public:
     virtual void send(ConnectionId to, uint32_t command, const void* payload, size_t size) = 0;
     virtual void sendTransaction(ConnectionId to, uint32_t command, const hostbinder::TransactionHeader& header,
                                  const uint8_t* data, const uint64_t* offsets) = 0;
+    // Sends a frame with a descriptor that the peer receives with it; the
+    // outbox owns `descriptor` from then on, sent or not.
+    virtual void sendDescriptor(ConnectionId to, uint32_t command, const void* payload, size_t size,
+                                int descriptor) = 0;
+    // Whether the connection may take another descriptor now: it is open and
+    // has few enough of them waiting to go out.
+    virtual bool takesDescriptor(ConnectionId id) const = 0;
     virtual void cut(ConnectionId id) = 0;
     virtual void finish(ConnectionId id) = 0;
     // Bytes queued for the connection that its socket has not taken yet; 0

@@ -135,6 +135,7 @@ bool Driver::releaseHandle(Process& process, uint32_t handle, uint32_t count) {
     if (it->second.count > 0) {
         return true;
     }
+    revokeReach(process, handle);
     std::shared_ptr<Node> node = it->second.node;
     process.handleOfNode.erase(node.get());
     process.handles.erase(it);

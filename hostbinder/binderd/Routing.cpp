@@ -37,6 +37,11 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
     std::shared_ptr<Transaction> parent;
     if (!oneway && !thread.serving.empty() && !thread.serving.back()->oneway()) {
         parent = thread.serving.back();
+    } else if (!oneway && thread.serving.empty() && thread.servingChannel != 0) {
+        Channel* channel = ownedChannel(thread, thread.servingChannel);
+        if (channel != nullptr && !channel->oneway) {
+            parent = chainLinkOf(*channel);
+        }
     }
     if (!objectsValid(sender, receiver, view) ||
         (&receiver != &mServiceManager && !bufferFits(receiver, size, oneway)) ||

@@ -52,6 +52,11 @@ struct Transaction {
     std::vector<std::shared_ptr<Node>> transit;
     // A two-way call counted in its receiver's pendingBytes until it ends.
     bool charged = false;
+    // A one-way call relayed by a process that also has a one-way channel to
+    // the receiver: the channel that keeps its order with the direct ones;
+    // fenced when its sender announced it (kChannelFence) and counts it.
+    uint64_t channel = 0;
+    bool fenced = false;
     bool oneway() const { return (header.flags & 1u) != 0; }
     size_t size() const { return data.size() + offsets.size() * sizeof(uint64_t); }
 };
@@ -81,6 +86,11 @@ struct OutgoingCall {
 
 struct Thread {
     ConnectionId connection = 0;
+    // The two-way channels this thread asked for, one per process it calls.
+    std::vector<uint64_t> channels;
+    // The channel whose call this thread serves outside binderd's sight: a
+    // call it makes continues that call's chain.
+    uint64_t servingChannel = 0;
     Process* process = nullptr;
     bool looper = false;
     bool idle = false;
@@ -125,6 +135,45 @@ struct Process {
     size_t lookupWaiters = 0;
     // Credit revocations sent to this process so far.
     uint64_t revocations = 0;
+    // Direct channels with this process at either end.
+    size_t channels = 0;
+    // The channels of its handles (two-way ones of its threads included),
+    // and its one-way channel to each process it sends one-way calls to.
+    std::vector<uint64_t> heldChannels;
+    std::map<const Process*, uint64_t> onewayChannels;
+};
+
+// A direct channel to the process that owns what its holder calls: a
+// thread's two-way calls, or all one-way calls of a process (one channel
+// for all its threads, so that their calls keep the order they were made in).
+struct Channel {
+    uint64_t id = 0;
+    bool oneway = false;
+    Process* holder = nullptr;  // whose handles the calls name
+    Thread* caller = nullptr;   // the thread of a two-way channel; null once gone
+    Process* owner = nullptr;
+    // Nodes of the owner that the holder's handles name, as the owner asked,
+    // or that a released handle named until the owner took in the calls sent
+    // before the release; each node held meanwhile.
+    std::map<uint32_t, std::shared_ptr<Node>> reach;
+    // One-way channels. Charge units of one-way calls: reserved for the
+    // holder in the owner's buffer in all, and reported finished by the
+    // owner; the difference is still in the owner's buffer.
+    uint64_t granted = 0;
+    uint64_t finished = 0;
+    // A relayed one-way call of the holder waits until the owner finished
+    // the charge sent directly before it (its fence, announced just before
+    // it); it and every later one wait in line here.
+    uint64_t fence = 0;
+    bool fenceArmed = false;
+    std::deque<std::pair<uint64_t, std::shared_ptr<Transaction>>> held;
+    // Fenced one-way calls the holder relayed to the owner: accepted, and finished.
+    uint64_t relayedAccepted = 0;
+    uint64_t relayedDone = 0;
+    // Two-way channels. Stands for the caller's call in the chain of a call
+    // its serving thread makes: a call back into the caller's process
+    // reaches the caller.
+    std::shared_ptr<Transaction> chainLink;
 };
 
 }  // namespace android::binderd

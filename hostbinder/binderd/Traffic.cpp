@@ -33,6 +33,10 @@ bool Driver::startWatching(ConnectionId id, Peer& peer, const Frame& frame) {
     }
     peer.watcher = true;
     mOutbox.send(id, kWelcome, nullptr, 0);
+    if (mTraffic.watcherCount() == 1) {
+        // Every call goes through binderd from now on, so that it is seen.
+        broadcastWatchState();
+    }
     return true;
 }
 

@@ -23,6 +23,7 @@ public:
     TrafficReport(Outbox& outbox, uid_t owner);
 
     bool watched() const { return !mWatchers.empty(); }
+    size_t watcherCount() const { return mWatchers.size(); }
 
     // Takes a connection that asked to watch: 0, or why it is refused.
     uint32_t admit(ConnectionId id, uid_t uid);

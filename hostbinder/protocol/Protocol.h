@@ -32,6 +32,36 @@
 // one TrafficRecord per transaction and per reply it routes. A watcher that
 // does not keep up loses records rather than holding binderd back; it is told
 // how many (kTrafficLost) before the next record that reaches it.
+//
+// Direct channels. A relayed call costs two socket hops each way; so a thread
+// may ask binderd for a channel to the process that owns a handle
+// (kOpenChannel): one for its own two-way calls, or the one its process sends
+// all its one-way calls on, so that they keep the order they were made in
+// whichever thread made them. binderd makes a socket pair and hands one end
+// to the thread (kChannelReady) and the other to the owner (kChannelOpened,
+// with the caller's pid and uid, which the owner trusts instead of anything
+// written on the channel). The thread then writes calls without binder objects straight
+// to the owner (DirectCall, naming its own handle); the owner asks binderd
+// once which of its nodes a handle of that thread names (kResolveReach), so a
+// thread reaches only what its process holds. When the handle goes, binderd
+// withdraws that answer (kReachRevoked) but keeps the node until the owner
+// has taken in the calls already on the channel and says so (kReachDropped):
+// a call made before the release still reaches its object, as it would had
+// it been queued in binderd. What binderd must still see goes through it: calls that carry
+// binder objects, every call while someone watches the traffic, a reply with
+// binder objects (kChannelReply, to the caller's connection), and a call back
+// along a chain that ran over a channel (kServingChannel names the channel
+// whose call the thread serves, so binderd routes a call back to the thread
+// waiting on it).
+//
+// One-way calls keep their order per sender whichever way they go: a
+// thread's direct one-way calls are paid from channel credit that binderd
+// reserves in the owner's buffer (kChannelCredit), the owner reports what it
+// has finished (kChannelDone, a running total), and a relayed one-way call that
+// follows direct ones carries a fence (kChannelFence) that binderd holds it
+// behind until the owner has finished them. The thread goes back to direct
+// calls once binderd says all of its relayed one-way calls are done
+// (kChannelQuiet, with their running count).
 
 #include <cstddef>
 #include <cstdint>
@@ -50,6 +80,9 @@ constexpr size_t kMaxObjects = kMaxTransactionBytes / 24;
 // a sender fail before the buffer is really short.
 constexpr size_t kOnewayCreditBytes = 16 * 1024;
 constexpr size_t kCreditGrantCeiling = kMaxQueuedOnewayBytes / 2;
+// A direct channel's credit comes in larger steps: its calls cost binderd
+// nothing, so each step saves a round trip per few hundred calls.
+constexpr size_t kChannelCreditBytes = 64 * 1024;
 // One-way calls sent to a thread ahead of time, at most.
 constexpr size_t kMaxPipelinedBytes = 64 * 1024;
 // IBinder::FLAG_ONEWAY, for binderd which does not use the client headers.
@@ -69,6 +102,14 @@ enum Command : uint32_t {
     kSetMaxThreads,      // u32
     kOnewayCredited,     // TransactionHeader (one-way, no objects) + data, paid from credit
     kHelloMonitor,       // empty: this connection watches the traffic
+    kOpenChannel,        // OpenChannel: a direct channel for this handle, please
+    kChannelCredit,      // ChannelCredit: reserve room for the channel's one-way calls
+    kChannelDone,        // ChannelProgress: the owner finished this much of the channel's one-way calls
+    kResolveReach,       // ChannelReach: which node of mine does the peer's handle name?
+    kServingChannel,     // u64 channel (0: none): the chain of the call being served ran over it
+    kChannelReply,       // ChannelReplyHeader + TransactionHeader (status) + data + offsets
+    kChannelFence,       // ChannelProgress: the next one-way call waits until the owner finished this much
+    kReachDropped,       // ChannelReach: the owner took in every call before a withdrawal and forgot the handle
     // binderd -> process
     kWelcome = 100,         // HelloThread (the session token) to a process; empty to a thread
     kIncomingTransaction,   // TransactionHeader (target = cookie) + data + offsets
@@ -82,6 +123,24 @@ enum Command : uint32_t {
     kConnectionRefused,     // u32 RefusalReason, then binderd closes the connection
     kTrafficRecord,         // TrafficRecord + service name + interface descriptor, to a watcher
     kTrafficLost,           // u64: records dropped since the watcher last heard, to a watcher
+    kChannelReady,          // ChannelReady (+ the channel's end when new), to the asking thread
+    kChannelOpened,         // ChannelOpened + the channel's end, to the owner's control connection
+    kChannelClosed,         // u64 channel, to the owner's control connection
+    kReachRevoked,          // ChannelReach, to the owner's control connection
+    kCreditGranted,         // u32 bytes
+    kReachResolved,         // u64 cookie of the node
+    kIncomingChannelReply,  // ChannelReplyHeader + TransactionHeader (status) + data + offsets
+    kChannelQuiet,          // ChannelProgress: relayed one-way calls of the thread all done
+    kWatchState,            // u32: 1 while the traffic is watched, then 0
+};
+
+// Frames on a direct channel.
+enum DirectCommand : uint32_t {
+    kDirectCall = 200,  // DirectCall + data: thread -> owner
+    kDirectReply,       // DirectReply + data: owner -> thread
+    kDirectHello,       // empty, maybe with a SharedRing's memory: thread -> owner, first
+    kDirectWelcome,     // u32 1 when the ring was taken: owner -> thread
+    kDirectDoorbell,    // empty: thread -> owner, the ring has calls for a sleeping owner
 };
 
 enum RefusalReason : uint32_t {
@@ -109,6 +168,9 @@ enum ServiceManagerCode : uint32_t {
 // Internal to the client: waitForResponse's way of saying "refused, see the
 // status", distinct from every status_t a service can return.
 constexpr int32_t kRefusedMarker = INT32_MIN + 100;
+// Internal to the client: a call the direct channel did not take, to go
+// through binderd instead.
+constexpr int32_t kGoRelay = INT32_MIN + 101;
 
 struct FrameHeader {
     uint32_t payloadSize;
@@ -172,6 +234,81 @@ struct TrafficRecord {
     uint16_t descriptorUnits;
     uint32_t reserved;
 };
+
+enum ChannelKind : uint32_t {
+    kTwoWayChannel = 0,  // the asking thread's two-way calls
+    kOneWayChannel = 1,  // the one-way calls of all threads of the asking process
+};
+
+struct OpenChannel {
+    uint32_t handle;
+    uint32_t kind;  // ChannelKind
+};
+
+struct ChannelReady {
+    uint64_t channel;
+    uint32_t handle;
+    uint32_t newDescriptor;  // 1: the channel's end comes with this frame
+};
+
+struct ChannelOpened {
+    uint64_t channel;
+    int32_t peerPid;
+    uint32_t peerUid;
+};
+
+struct ChannelCredit {
+    uint64_t channel;
+    uint32_t bytes;
+    uint32_t reserved;
+};
+
+// A running total on a channel: charge units of one-way calls (sent, or
+// finished), or relayed one-way calls (kChannelQuiet).
+struct ChannelProgress {
+    uint64_t channel;
+    uint64_t total;
+};
+
+struct ChannelReach {
+    uint64_t channel;
+    uint32_t handle;
+    uint32_t reserved;
+};
+
+struct ChannelReplyHeader {
+    uint64_t channel;
+    uint32_t sequence;
+    uint32_t reserved;
+};
+
+struct DirectCall {
+    uint32_t sequence;
+    uint32_t handle;  // the caller's handle
+    uint32_t code;
+    uint32_t flags;
+    uint32_t dataSize;
+    uint32_t reserved;
+};
+
+struct DirectReply {
+    uint32_t sequence;
+    int32_t status;
+    uint32_t dataSize;
+    uint32_t reserved;
+};
+
+// What a one-way call takes of its receiver's buffer: data and object table
+// each rounded up to 8 bytes, at least 8 bytes, plus the bookkeeping of a
+// buffer, as the platform counts it.
+constexpr size_t kOnewayBookkeepingBytes = 96;
+constexpr size_t onewayCharge(size_t dataSize, size_t offsetsCount) {
+    const size_t bytes = ((dataSize + 7) & ~size_t{7}) + offsetsCount * sizeof(uint64_t);
+    return (bytes < 8 ? 8 : bytes) + kOnewayBookkeepingBytes;
+}
+// One-way calls that go straight to a channel: small enough for one socket
+// write that never splits.
+constexpr size_t kMaxDirectOnewayBytes = 16 * 1024;
 
 struct TransactionHeader {
     uint64_t target;  // a handle going out, the node's cookie coming in

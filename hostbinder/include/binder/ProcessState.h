@@ -14,6 +14,8 @@
 namespace android {
 
 class BBinder;
+class ChannelHub;
+class OnewayChannels;
 
 namespace hostbinder {
 class Connection;
@@ -54,6 +56,12 @@ public:
     status_t clearDeathNotification(int32_t handle);
     // How many one-way credit revocations binderd sent in this session.
     uint64_t creditRevocations() const;
+    // The direct channels other processes opened to this one, and this
+    // process's one-way channels to others.
+    ChannelHub& channels();
+    OnewayChannels& onewayChannels();
+    // While someone watches binderd's traffic every call goes through it.
+    bool trafficWatched() const { return mTrafficWatched; }
 
 private:
     ProcessState();
@@ -76,6 +84,9 @@ private:
     uint64_t mToken = 0;
     std::atomic<uint64_t> mGeneration{0};
     std::atomic<uint64_t> mCreditRevocations{0};
+    std::atomic<bool> mTrafficWatched{false};
+    std::unique_ptr<ChannelHub> mChannels;
+    std::unique_ptr<OnewayChannels> mOnewayChannels;
     std::map<int32_t, HandleEntry> mHandles;
     std::map<BBinder*, uint32_t> mNodeRefs;
     size_t mMaxThreads = 15;

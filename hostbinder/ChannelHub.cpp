@@ -1,0 +1,351 @@
+#include "ChannelHub.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include <binder/IPCThreadState.h>
+#include <binder/Parcel.h>
+
+namespace android {
+
+using namespace hostbinder;
+
+namespace {
+// How long a reply may wait for a caller that does not read its channel.
+constexpr std::chrono::seconds kReplyPatience{5};
+// The epoll identity of the attention event; channels count from 1.
+constexpr uint64_t kAttention = 0;
+}  // namespace
+
+ChannelHub::ChannelHub()
+    : mEpoll(epoll_create1(EPOLL_CLOEXEC)), mAttentionEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLONESHOT;
+    event.data.u64 = kAttention;
+    epoll_ctl(mEpoll, EPOLL_CTL_ADD, mAttentionEvent, &event);
+}
+
+ChannelHub::~ChannelHub() {
+    ::close(mAttentionEvent);
+    ::close(mEpoll);
+}
+
+ChannelHub::Channel::~Channel() { ::close(fd); }
+
+void ChannelHub::open(uint64_t id, int fd, pid_t peerPid, uid_t peerUid, size_t maxThreads) {
+    auto channel = std::make_shared<Channel>();
+    channel->id = id;
+    channel->fd = fd;
+    channel->peerPid = peerPid;
+    channel->peerUid = peerUid;
+    bool spawn = false;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mChannels[id] = channel;
+        mMaxThreads = maxThreads > 0 ? maxThreads : 1;
+        spawn = mThreads == 0;
+        if (spawn) {
+            ++mThreads;
+            ++mIdleThreads;
+        }
+    }
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLONESHOT;
+    event.data.u64 = id;
+    epoll_ctl(mEpoll, EPOLL_CTL_ADD, fd, &event);
+    if (spawn) {
+        std::thread(&ChannelHub::work, this).detach();
+    }
+}
+
+void ChannelHub::close(uint64_t id) {
+    std::shared_ptr<Channel> channel;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        auto it = mChannels.find(id);
+        if (it == mChannels.end()) {
+            return;
+        }
+        channel = it->second;
+        mChannels.erase(it);
+    }
+    // A thread serving it sees the end; the descriptor closes with the last holder.
+    shutdown(channel->fd, SHUT_RDWR);
+    epoll_ctl(mEpoll, EPOLL_CTL_DEL, channel->fd, nullptr);
+}
+
+void ChannelHub::closeAll() {
+    std::vector<uint64_t> ids;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        for (const auto& entry : mChannels) {
+            ids.push_back(entry.first);
+        }
+    }
+    for (uint64_t id : ids) {
+        close(id);
+    }
+}
+
+void ChannelHub::revoke(uint64_t id, uint32_t handle) {
+    std::lock_guard<std::mutex> lock(mLock);
+    auto it = mChannels.find(id);
+    if (it == mChannels.end()) {
+        return;
+    }
+    Channel& channel = *it->second;
+    channel.revoked.push_back(handle);
+    // A thread holding the channel forgets the handle when it is done; else
+    // a thread is woken to take in what is there and then forget it.
+    if (!channel.held) {
+        channel.held = true;
+        mAttention.push_back(id);
+        const uint64_t one = 1;
+        (void)!write(mAttentionEvent, &one, sizeof(one));
+    }
+}
+
+void ChannelHub::forget(uint64_t id) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mChannels.erase(id);
+}
+
+void ChannelHub::rearm(int fd, uint64_t id) {
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLONESHOT;
+    event.data.u64 = id;
+    epoll_ctl(mEpoll, EPOLL_CTL_MOD, fd, &event);
+}
+
+void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel) {
+    const bool open = serve(channel);
+    std::vector<uint32_t> revoked;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        revoked.swap(channel->revoked);
+    }
+    // Every call on the channel before binderd withdrew these handles is in.
+    for (uint32_t handle : revoked) {
+        channel->reach.erase(handle);
+        IPCThreadState::self()->noteReachDropped(channel->id, handle);
+    }
+    if (!open) {
+        forget(channel->id);
+        return;
+    }
+    std::lock_guard<std::mutex> lock(mLock);
+    channel->held = false;
+    // A withdrawal that came while it was served is taken care of next round.
+    if (!channel->revoked.empty()) {
+        channel->held = true;
+        mAttention.push_back(channel->id);
+        const uint64_t one = 1;
+        (void)!write(mAttentionEvent, &one, sizeof(one));
+    }
+    rearm(channel->fd, channel->id);
+}
+
+void ChannelHub::work() {
+    for (;;) {
+        // What this thread's calls finished goes to binderd before it sleeps.
+        IPCThreadState::self()->flushCommands();
+        epoll_event event{};
+        if (epoll_wait(mEpoll, &event, 1, -1) != 1) {
+            continue;
+        }
+        std::vector<std::shared_ptr<Channel>> claimed;
+        bool spawn = false;
+        {
+            std::lock_guard<std::mutex> lock(mLock);
+            if (event.data.u64 == kAttention) {
+                uint64_t count = 0;
+                (void)!read(mAttentionEvent, &count, sizeof(count));
+                for (uint64_t id : mAttention) {
+                    auto it = mChannels.find(id);
+                    if (it != mChannels.end()) {
+                        claimed.push_back(it->second);  // held already
+                    }
+                }
+                mAttention.clear();
+                rearm(mAttentionEvent, kAttention);
+            } else {
+                auto it = mChannels.find(event.data.u64);
+                // A held channel is re-armed by its holder.
+                if (it != mChannels.end() && !it->second->held) {
+                    it->second->held = true;
+                    claimed.push_back(it->second);
+                }
+            }
+            if (claimed.empty()) {
+                continue;
+            }
+            // Someone must be left to take the next channel's call.
+            if (--mIdleThreads == 0 && mThreads < mMaxThreads) {
+                ++mThreads;
+                ++mIdleThreads;
+                spawn = true;
+            }
+        }
+        if (spawn) {
+            std::thread(&ChannelHub::work, this).detach();
+        }
+        for (const auto& channel : claimed) {
+            serveClaimed(channel);
+        }
+        std::lock_guard<std::mutex> lock(mLock);
+        ++mIdleThreads;
+    }
+}
+
+bool ChannelHub::serve(const std::shared_ptr<Channel>& channel) {
+    // One-way calls in the ring were written before any call that follows on
+    // the socket, so the ring is drained first, before every socket frame.
+    for (;;) {
+        if (!drainRing(channel)) {
+            return false;
+        }
+        const FrameReader::Read read = channel->reader.readAvailable(channel->fd);
+        Frame frame;
+        while (channel->reader.next(&frame)) {
+            if (!drainRing(channel) || !serveFrame(channel, frame)) {
+                return false;
+            }
+        }
+        if (channel->reader.malformed() || read == FrameReader::Read::kEnded) {
+            return false;
+        }
+        if (read == FrameReader::Read::kNothing && (channel->ring == nullptr || channel->ring->sleep())) {
+            return true;
+        }
+    }
+}
+
+bool ChannelHub::drainRing(const std::shared_ptr<Channel>& channel) {
+    if (channel->ring == nullptr) {
+        return true;
+    }
+    for (;;) {
+        switch (channel->ring->pop(&channel->ringFrame)) {
+            case SharedRing::Pop::kEmpty:
+                return true;
+            case SharedRing::Pop::kBroken:
+                return false;
+            case SharedRing::Pop::kFrame:
+                break;
+        }
+        Frame frame;
+        size_t consumed = 0;
+        DirectCall call;
+        // The ring carries one-way calls only.
+        if (decodeFrame(channel->ringFrame.data(), channel->ringFrame.size(), &frame, &consumed) !=
+                DecodeStatus::kComplete ||
+            consumed != channel->ringFrame.size() || frame.payloadSize < sizeof(call)) {
+            return false;
+        }
+        std::memcpy(&call, frame.payload, sizeof(call));
+        if ((call.flags & IBinder::FLAG_ONEWAY) == 0 || !serveCall(channel, frame)) {
+            return false;
+        }
+    }
+}
+
+bool ChannelHub::serveFrame(const std::shared_ptr<Channel>& channel, const Frame& frame) {
+    switch (frame.command) {
+        case kDirectHello:
+            return welcome(*channel);
+        case kDirectDoorbell:
+            return frame.payloadSize == 0;
+        case kDirectCall:
+            return serveCall(channel, frame);
+        default:
+            return false;
+    }
+}
+
+bool ChannelHub::welcome(Channel& channel) {
+    const int memory = channel.reader.takeDescriptor();
+    if (channel.ring == nullptr && memory >= 0) {
+        channel.ring = SharedRing::attach(memory);
+    }
+    if (memory >= 0) {
+        ::close(memory);
+    }
+    const uint32_t ringTaken = channel.ring != nullptr ? 1 : 0;
+    std::vector<uint8_t> bytes;
+    buildFrame(&bytes, kDirectWelcome, &ringTaken, sizeof(ringTaken), nullptr, 0);
+    return writeFully(channel.fd, bytes.data(), bytes.size(), kReplyPatience);
+}
+
+bool ChannelHub::serveCall(const std::shared_ptr<Channel>& channel, const Frame& frame) {
+    DirectCall call;
+    if (frame.command != kDirectCall || frame.payloadSize < sizeof(call)) {
+        return false;
+    }
+    // Ring frames are copied out before they are read: only the copy counts.
+    std::memcpy(&call, frame.payload, sizeof(call));
+    if (frame.payloadSize - sizeof(call) != call.dataSize) {
+        return false;
+    }
+    const uint8_t* data = frame.payload + sizeof(call);
+    status_t status = OK;
+    const sp<BBinder> target = reach(*channel, call.handle, &status);
+    if ((call.flags & IBinder::FLAG_ONEWAY) != 0) {
+        const uint64_t charge = onewayCharge(call.dataSize, 0);
+        if (target == nullptr) {
+            channel->finished += charge;
+            IPCThreadState::self()->noteChannelDone(channel->id, channel->finished);
+            return true;
+        }
+        auto parcel = std::make_shared<Parcel>();
+        parcel->setData(data, call.dataSize);
+        const uint32_t code = call.code;
+        mTurns.runOrLeave(target.get(), [channel, target, parcel, code, charge] {
+            IPCThreadState* self = IPCThreadState::self();
+            self->executeDirect(channel->peerPid, channel->peerUid, 0, target, code, *parcel, nullptr);
+            channel->finished += charge;
+            self->noteChannelDone(channel->id, channel->finished);
+        });
+        return true;
+    }
+    Parcel reply;
+    if (target != nullptr) {
+        Parcel parcel;
+        parcel.setData(data, call.dataSize);
+        status = IPCThreadState::self()->executeDirect(channel->peerPid, channel->peerUid, channel->id, target,
+                                                      call.code, parcel, &reply);
+    }
+    // Binder objects in a reply need binderd to translate them.
+    if (status == OK && reply.objectsCount() > 0) {
+        IPCThreadState::self()->replyThroughBinderd(channel->id, call.sequence, reply);
+        return true;
+    }
+    const DirectReply header{call.sequence, status, status == OK ? static_cast<uint32_t>(reply.dataSize()) : 0, 0};
+    std::vector<uint8_t> bytes;
+    buildFrame(&bytes, kDirectReply, &header, sizeof(header), reply.data(), header.dataSize);
+    // A caller that does not read its reply loses its channel.
+    return writeFully(channel->fd, bytes.data(), bytes.size(), kReplyPatience);
+}
+
+sp<BBinder> ChannelHub::reach(Channel& channel, uint32_t handle, status_t* status) {
+    auto known = channel.reach.find(handle);
+    if (known != channel.reach.end()) {
+        return known->second;
+    }
+    uint64_t cookie = 0;
+    *status = IPCThreadState::self()->resolveReach(channel.id, handle, &cookie);
+    if (*status != OK) {
+        return nullptr;
+    }
+    // binderd keeps the object alive until this thread speaks to it again.
+    sp<BBinder> target(reinterpret_cast<BBinder*>(cookie));
+    channel.reach.emplace(handle, target);
+    return target;
+}
+
+}  // namespace android

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include <binder/Binder.h>
+
+#include "OnewayTurns.h"
+#include "protocol/ChannelIo.h"
+#include "protocol/SharedRing.h"
+
+namespace android {
+
+// The ends of direct channels that other processes' threads opened to this
+// one, and the threads that serve them. All idle channel threads wait on one
+// epoll set, each channel armed for one reader at a time, so one event wakes
+// one thread and a channel's calls run in the order written.
+//
+// A call names the caller's handle; which object of this process it reaches
+// is binderd's answer (asked once, remembered until binderd withdraws it),
+// never the caller's say. The caller's pid and uid are binderd's too.
+class ChannelHub {
+public:
+    ChannelHub();
+    ~ChannelHub();
+    ChannelHub(const ChannelHub&) = delete;
+    ChannelHub& operator=(const ChannelHub&) = delete;
+
+    // From the control connection. `maxThreads` bounds the channel threads.
+    void open(uint64_t id, int fd, pid_t peerPid, uid_t peerUid, size_t maxThreads);
+    void close(uint64_t id);
+    void revoke(uint64_t id, uint32_t handle);
+    // binderd went: every channel ends.
+    void closeAll();
+
+    OnewayTurns& turns() { return mTurns; }
+
+private:
+    struct Channel {
+        ~Channel();
+        uint64_t id = 0;
+        int fd = -1;
+        pid_t peerPid = 0;
+        uid_t peerUid = 0;
+        // Only the thread holding the channel reads these.
+        hostbinder::FrameReader reader;
+        std::unique_ptr<hostbinder::SharedRing> ring;  // the caller's one-way calls
+        std::vector<uint8_t> ringFrame;
+        // What handles of the caller name here, as binderd answered; only the
+        // thread holding the channel reads or changes it.
+        std::map<uint32_t, sp<BBinder>> reach;
+        // Under the hub's lock: whether a thread holds the channel, and the
+        // handles binderd withdrew, to forget once the calls before are in.
+        bool held = false;
+        std::vector<uint32_t> revoked;
+        // Charge units of the channel's one-way calls finished, and told to binderd.
+        std::atomic<uint64_t> finished{0};
+    };
+
+    void work();
+    // Serves the claimed channel, forgets what binderd withdrew, and lets
+    // the channel go.
+    void serveClaimed(const std::shared_ptr<Channel>& channel);
+    // Runs the calls the channel has now; false when it ended.
+    bool serve(const std::shared_ptr<Channel>& channel);
+    // The one-way calls waiting in the channel's ring, in order.
+    bool drainRing(const std::shared_ptr<Channel>& channel);
+    bool serveFrame(const std::shared_ptr<Channel>& channel, const hostbinder::Frame& frame);
+    bool welcome(Channel& channel);
+    bool serveCall(const std::shared_ptr<Channel>& channel, const hostbinder::Frame& frame);
+    sp<BBinder> reach(Channel& channel, uint32_t handle, status_t* status);
+    void rearm(int fd, uint64_t id);
+    void forget(uint64_t id);
+
+    const int mEpoll;
+    // Wakes a thread to serve the channels in mAttention: a withdrawal for a
+    // channel nobody holds must not wait for the channel's next call.
+    const int mAttentionEvent;
+    std::vector<uint64_t> mAttention;
+    std::mutex mLock;
+    std::map<uint64_t, std::shared_ptr<Channel>> mChannels;
+    size_t mThreads = 0;
+    size_t mIdleThreads = 0;
+    size_t mMaxThreads = 1;
+    OnewayTurns mTurns;
+};
+
+}  // namespace android

@@ -1,0 +1,372 @@
+// Calls over direct channels: calls without binder objects go straight to
+// the process that owns their target, over a channel binderd made: a thread's
+// own for its two-way calls, its process's shared one for one-way calls.
+// Everything else goes through binderd.
+#include <binder/IPCThreadState.h>
+
+#include <poll.h>
+#include <sched.h>
+#include <sys/socket.h>
+
+#include <cstring>
+
+#include <binder/Binder.h>
+
+#include "OnewayChannels.h"
+#include "OutgoingChannel.h"
+#include "protocol/Connection.h"
+
+namespace android {
+
+using hostbinder::kGoRelay;
+
+namespace {
+
+// How long a caller waits for the owner to take a new channel's end before
+// it calls through binderd instead.
+constexpr int kWelcomeWaitMs = 5000;
+// The ring of one-way calls: a burst of a few hundred small calls, while the
+// owner catches up. A full ring sends calls through binderd, in order.
+constexpr size_t kRingBytes = 64 * 1024;
+// How long a one-way call waits for the owner to make room in the ring.
+constexpr auto kRingPatience = std::chrono::milliseconds(2);
+constexpr auto kForever = std::chrono::hours(24 * 365);
+
+// Whether the owner closed its end: it never writes on a one-way channel
+// after its welcome.
+bool ended(const OutgoingChannel& channel) {
+    uint8_t byte;
+    return recv(channel.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+}
+
+}  // namespace
+
+void IPCThreadState::forgetChannels() {
+    mRoutes.clear();
+    mChannels.clear();
+    mChannelDone.clear();
+    mReachDropped.clear();
+}
+
+std::shared_ptr<OutgoingChannel> IPCThreadState::openChannel(int32_t handle, uint32_t kind) {
+    const hostbinder::OpenChannel request{static_cast<uint32_t>(handle), kind};
+    uint32_t command = 0;
+    std::vector<uint8_t> payload;
+    if (!mConnection->send(hostbinder::kOpenChannel, &request, sizeof(request)) ||
+        !awaitFrame({hostbinder::kChannelReady, hostbinder::kRefused}, &command, &payload)) {
+        return nullptr;
+    }
+    hostbinder::ChannelReady ready{};
+    const hostbinder::Frame frame{command, payload.data(), static_cast<uint32_t>(payload.size())};
+    if (command != hostbinder::kChannelReady || !hostbinder::parseFixed(frame, &ready)) {
+        return nullptr;
+    }
+    if (ready.newDescriptor == 0) {
+        return kind == hostbinder::kOneWayChannel ? mProcess->onewayChannels().byId(ready.channel)
+                                                  : mChannels[ready.channel];
+    }
+    const int fd = mConnection->takeDescriptor();
+    if (fd < 0) {
+        // This process had no descriptor to spare for it.
+        return nullptr;
+    }
+    auto channel = std::make_shared<OutgoingChannel>(ready.channel, fd);
+    // The owner answers the hello once it holds its end, and says whether it
+    // took the ring; calls wait for that answer.
+    int memory = -1;
+    if (kind == hostbinder::kOneWayChannel) {
+        channel->ring = hostbinder::SharedRing::create(kRingBytes, &memory);
+        channel->revocationsSeen = mProcess->creditRevocations();
+    }
+    const hostbinder::FrameHeader hello{0, hostbinder::kDirectHello};
+    const std::vector<uint8_t> bytes(reinterpret_cast<const uint8_t*>(&hello),
+                                     reinterpret_cast<const uint8_t*>(&hello) + sizeof(hello));
+    if (!hostbinder::sendWithDescriptor(fd, bytes, memory)) {
+        channel->state = OutgoingChannel::State::kBroken;
+    }
+    if (memory >= 0) {
+        close(memory);
+    }
+    if (kind == hostbinder::kTwoWayChannel) {
+        mChannels[ready.channel] = channel;
+    }
+    return channel;
+}
+
+OutgoingChannel* IPCThreadState::twoWayChannelFor(int32_t handle) {
+    auto route = mRoutes.find(handle);
+    if (route == mRoutes.end()) {
+        route = mRoutes.emplace(handle, openChannel(handle, hostbinder::kTwoWayChannel)).first;
+    }
+    OutgoingChannel* channel = route->second.get();
+    return channel == nullptr || channel->state == OutgoingChannel::State::kBroken ? nullptr : channel;
+}
+
+std::shared_ptr<OutgoingChannel> IPCThreadState::onewayChannelFor(int32_t handle) {
+    bool known = false;
+    std::shared_ptr<OutgoingChannel> channel = mProcess->onewayChannels().find(handle, &known);
+    if (!known) {
+        channel = openChannel(handle, hostbinder::kOneWayChannel);
+        mProcess->onewayChannels().route(handle, channel);
+    }
+    return channel;
+}
+
+bool IPCThreadState::welcomed(OutgoingChannel& channel, bool wait) {
+    while (channel.state == OutgoingChannel::State::kAwaitingWelcome) {
+        hostbinder::Frame frame;
+        uint32_t ringTaken = 0;
+        if (channel.reader.next(&frame)) {
+            const bool welcome =
+                frame.command == hostbinder::kDirectWelcome && hostbinder::parseFixed(frame, &ringTaken);
+            channel.state = welcome ? OutgoingChannel::State::kReady : OutgoingChannel::State::kBroken;
+            if (ringTaken == 0) {
+                channel.ring.reset();
+            }
+            break;
+        }
+        pollfd ready{channel.fd, POLLIN, 0};
+        if (poll(&ready, 1, wait ? kWelcomeWaitMs : 0) <= 0) {
+            return false;
+        }
+        if (channel.reader.readAvailable(channel.fd) == hostbinder::FrameReader::Read::kEnded ||
+            channel.reader.malformed()) {
+            channel.state = OutgoingChannel::State::kBroken;
+        }
+    }
+    return channel.state == OutgoingChannel::State::kReady;
+}
+
+status_t IPCThreadState::callDirect(OutgoingChannel& channel, int32_t handle, uint32_t code, const Parcel& data,
+                                    Parcel* reply) {
+    if (!welcomed(channel, true)) {
+        return kGoRelay;
+    }
+    const hostbinder::DirectCall call{++channel.sequence, static_cast<uint32_t>(handle), code, 0,
+                                      static_cast<uint32_t>(data.dataSize()), 0};
+    if (!hostbinder::writeFrame(channel.fd, hostbinder::kDirectCall, &call, sizeof(call), data.data(),
+                                data.dataSize(), kForever)) {
+        return channelLost(channel, handle);
+    }
+    // The reply comes on the channel, or through binderd when it carries
+    // binder objects; calls back along the chain come through binderd.
+    for (;;) {
+        hostbinder::Frame frame;
+        while (channel.reader.next(&frame)) {
+            hostbinder::DirectReply answer;
+            if (frame.command != hostbinder::kDirectReply || frame.payloadSize < sizeof(answer)) {
+                continue;
+            }
+            std::memcpy(&answer, frame.payload, sizeof(answer));
+            if (answer.sequence != call.sequence || frame.payloadSize - sizeof(answer) != answer.dataSize) {
+                continue;
+            }
+            if (answer.status == OK && reply != nullptr) {
+                reply->setData(frame.payload + sizeof(answer), answer.dataSize);
+            }
+            return answer.status;
+        }
+        if (channel.reader.malformed()) {
+            return channelLost(channel, handle);
+        }
+        uint32_t command = 0;
+        std::vector<uint8_t> payload;
+        if (!mConnection->frameBuffered()) {
+            pollfd ready[2] = {{channel.fd, POLLIN, 0}, {mConnection->fd(), POLLIN, 0}};
+            mConnection->flush();
+            if (poll(ready, 2, -1) < 0) {
+                continue;
+            }
+            if (ready[0].revents != 0 &&
+                channel.reader.readAvailable(channel.fd) == hostbinder::FrameReader::Read::kEnded) {
+                return channelLost(channel, handle);
+            }
+            if (ready[1].revents == 0) {
+                continue;
+            }
+        }
+        if (!mConnection->receiveIfReady(&command, &payload)) {
+            if (mConnection->broken()) {
+                connectionLost();
+                return DEAD_OBJECT;
+            }
+            continue;
+        }
+        const hostbinder::Frame incoming{command, payload.data(), static_cast<uint32_t>(payload.size())};
+        hostbinder::TransactionView view;
+        if (command == hostbinder::kIncomingChannelReply && hostbinder::parseTransaction(incoming, &view) &&
+            view.header.target == channel.id && view.header.code == call.sequence) {
+            if (view.header.status != OK) {
+                return view.header.status;
+            }
+            if (reply != nullptr) {
+                fillParcelFrom(view, reply);
+            }
+            return OK;
+        }
+        if (command == hostbinder::kIncomingTransaction && hostbinder::parseTransaction(incoming, &view) &&
+            (view.header.flags & IBinder::FLAG_ONEWAY) == 0) {
+            // A call back along the chain of the call this thread waits for.
+            executeTransaction(incoming);
+            continue;
+        }
+        handleStray(command, payload);
+    }
+}
+
+status_t IPCThreadState::sendDirectOneway(int32_t handle, uint32_t code, const Parcel& data) {
+    const std::shared_ptr<OutgoingChannel> channel = onewayChannelFor(handle);
+    if (channel == nullptr || data.dataSize() > hostbinder::kMaxDirectOnewayBytes) {
+        return kGoRelay;
+    }
+    std::unique_lock<std::mutex> lock(channel->lock);
+    if (channel->revocationsSeen != mProcess->creditRevocations()) {
+        // binderd voided some channel: this one, if its owner died.
+        channel->revocationsSeen = mProcess->creditRevocations();
+        if (ended(*channel)) {
+            channel->state = OutgoingChannel::State::kBroken;
+        }
+    }
+    if (channel->state == OutgoingChannel::State::kBroken) {
+        lock.unlock();
+        mProcess->onewayChannels().route(handle, nullptr);
+        return kGoRelay;
+    }
+    if (channel->relaying || !welcomed(*channel, false)) {
+        return kGoRelay;
+    }
+    const size_t charge = hostbinder::onewayCharge(data.dataSize(), 0);
+    if (channel->credit < charge) {
+        const status_t status = requestCredit(*channel, charge - channel->credit);
+        if (status != OK) {
+            return status;
+        }
+    }
+    const hostbinder::DirectCall call{0, static_cast<uint32_t>(handle), code, IBinder::FLAG_ONEWAY,
+                                      static_cast<uint32_t>(data.dataSize()), 0};
+    const status_t status = channel->ring != nullptr ? pushToRing(*channel, call, data)
+                                                     : sendOnSocket(*channel, call, data);
+    if (status == OK) {
+        channel->credit -= charge;
+        channel->sentCharge += charge;
+    }
+    return status;
+}
+
+status_t IPCThreadState::pushToRing(OutgoingChannel& channel, const hostbinder::DirectCall& call,
+                                    const Parcel& data) {
+    const hostbinder::FrameHeader header{static_cast<uint32_t>(sizeof(call) + data.dataSize()),
+                                         hostbinder::kDirectCall};
+    uint8_t prefix[sizeof(header) + sizeof(call)];
+    std::memcpy(prefix, &header, sizeof(header));
+    std::memcpy(prefix + sizeof(header), &call, sizeof(call));
+    const auto deadline = std::chrono::steady_clock::now() + kRingPatience;
+    for (;;) {
+        bool wake = false;
+        switch (channel.ring->push(prefix, sizeof(prefix), data.data(), data.dataSize(), &wake)) {
+            case hostbinder::SharedRing::Push::kDone:
+                if (wake) {
+                    const hostbinder::FrameHeader doorbell{0, hostbinder::kDirectDoorbell};
+                    // A full socket already has the owner's attention.
+                    (void)!send(channel.fd, &doorbell, sizeof(doorbell), MSG_NOSIGNAL | MSG_DONTWAIT);
+                }
+                return OK;
+            case hostbinder::SharedRing::Push::kBroken:
+                channel.state = OutgoingChannel::State::kBroken;
+                return kGoRelay;
+            case hostbinder::SharedRing::Push::kFull:
+                // The owner is behind: give it the processor a moment, then
+                // let the call wait in binderd, behind the others.
+                if (std::chrono::steady_clock::now() >= deadline) {
+                    return kGoRelay;
+                }
+                sched_yield();
+                break;
+        }
+    }
+}
+
+status_t IPCThreadState::sendOnSocket(OutgoingChannel& channel, const hostbinder::DirectCall& call,
+                                      const Parcel& data) {
+    std::vector<uint8_t> bytes;
+    hostbinder::buildFrame(&bytes, hostbinder::kDirectCall, &call, sizeof(call), data.data(), data.dataSize());
+    // A frame this small goes in one piece or not at all.
+    ssize_t sent;
+    do {
+        sent = send(channel.fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (sent < 0 && errno == EINTR);
+    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        // The owner is behind: this call waits in binderd, behind the others.
+        return kGoRelay;
+    }
+    if (sent < 0 || (static_cast<size_t>(sent) < bytes.size() &&
+                     !hostbinder::writeFully(channel.fd, bytes.data() + sent, bytes.size() - sent, kForever))) {
+        channel.state = OutgoingChannel::State::kBroken;
+        return kGoRelay;
+    }
+    return OK;
+}
+
+status_t IPCThreadState::requestCredit(OutgoingChannel& channel, size_t bytes) {
+    const hostbinder::ChannelCredit request{channel.id, static_cast<uint32_t>(bytes), 0};
+    uint32_t command = 0;
+    std::vector<uint8_t> payload;
+    if (!mConnection->send(hostbinder::kChannelCredit, &request, sizeof(request)) ||
+        !awaitFrame({hostbinder::kCreditGranted, hostbinder::kRefused}, &command, &payload)) {
+        return DEAD_OBJECT;
+    }
+    const hostbinder::Frame frame{command, payload.data(), static_cast<uint32_t>(payload.size())};
+    uint32_t granted = 0;
+    if (command == hostbinder::kCreditGranted && hostbinder::parseFixed(frame, &granted)) {
+        channel.credit += granted;
+        return OK;
+    }
+    status_t refused = FAILED_TRANSACTION;
+    hostbinder::parseFixed(frame, &refused);
+    return refused == OK ? FAILED_TRANSACTION : refused;
+}
+
+bool IPCThreadState::fenceRelayedOneway(int32_t handle) {
+    bool known = false;
+    const std::shared_ptr<OutgoingChannel> channel = mProcess->onewayChannels().find(handle, &known);
+    if (channel == nullptr) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(channel->lock);
+    if (!channel->relaying) {
+        channel->relaying = true;
+        // binderd takes back what is left of the credit with the fence.
+        channel->credit = 0;
+    }
+    ++channel->relayedSent;
+    const hostbinder::ChannelProgress fence{channel->id, channel->sentCharge};
+    mConnection->post(hostbinder::kChannelFence, &fence, sizeof(fence));
+    return true;
+}
+
+void IPCThreadState::unfenceRefusedOneway(int32_t handle) {
+    bool known = false;
+    if (const std::shared_ptr<OutgoingChannel> channel = mProcess->onewayChannels().find(handle, &known)) {
+        std::lock_guard<std::mutex> lock(channel->lock);
+        --channel->relayedSent;
+    }
+}
+
+status_t IPCThreadState::channelLost(OutgoingChannel& channel, int32_t handle) {
+    // Closed once the caller, which still holds it, is done with it.
+    const std::shared_ptr<OutgoingChannel> closing = mChannels[channel.id];
+    mChannels.erase(channel.id);
+    channel.state = OutgoingChannel::State::kBroken;
+    for (auto& route : mRoutes) {
+        if (route.second.get() == &channel) {
+            route.second = nullptr;
+        }
+    }
+    // Whether the owner died, or only the channel ended, binderd knows.
+    Parcel ping;
+    Parcel answer;
+    const status_t alive = transactThroughBinderd(handle, IBinder::PING_TRANSACTION, ping, &answer, 0);
+    return alive == DEAD_OBJECT ? DEAD_OBJECT : FAILED_TRANSACTION;
+}
+
+}  // namespace android

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <vector>
+
+#include "Protocol.h"
+
+namespace android::hostbinder {
+
+// Frames arriving on a direct channel, gathered from non-blocking reads.
+class FrameReader {
+public:
+    enum class Read { kSome, kNothing, kEnded };
+    // Reads whatever the socket has now.
+    Read readAvailable(int fd);
+    // The next whole frame, valid until the next call; false when none is
+    // whole yet, or when the bytes are no frame at all (see malformed()).
+    bool next(Frame* frame);
+    bool malformed() const { return mMalformed; }
+    // A descriptor that came with the bytes read, oldest first; -1 if none.
+    int takeDescriptor();
+    ~FrameReader();
+
+private:
+    std::deque<int> mDescriptors;
+    std::vector<uint8_t> mBuffer;
+    size_t mStart = 0;
+    size_t mUsed = 0;
+    bool mMalformed = false;
+};
+
+// Writes all of `bytes`; waits for room at most `patience` in all (a peer
+// that does not read must not hold the writer forever). False when the peer
+// is gone or did not make room in time.
+bool writeFully(int fd, const uint8_t* bytes, size_t size, std::chrono::milliseconds patience);
+
+// Writes one frame of `header` then `data` without gathering them first;
+// waits for room as writeFully does.
+bool writeFrame(int fd, uint32_t command, const void* header, size_t headerSize, const uint8_t* data,
+                size_t dataSize, std::chrono::milliseconds patience);
+
+// Sends one frame with a descriptor riding on its first byte.
+bool sendWithDescriptor(int fd, const std::vector<uint8_t>& frame, int descriptor);
+
+// Builds a frame of `header` followed by `data` into `out` (replacing it).
+void buildFrame(std::vector<uint8_t>* out, uint32_t command, const void* header, size_t headerSize,
+                const uint8_t* data, size_t dataSize);
+
+}  // namespace android::hostbinder
