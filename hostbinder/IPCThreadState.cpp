@@ -151,7 +151,7 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
     // Straight to the owner when binderd has nothing to translate or show,
     // and, for a two-way call, no chain to follow: a thread serving a call
     // calls through binderd, which routes calls back along the chain.
-    if (handle != 0 && data.objectsCount() == 0 && !mProcess->trafficWatched()) {
+    if (handle != 0 && data.objectsCount() == 0 && mProcess->directCallsAllowed()) {
         status_t status = hostbinder::kGoRelay;
         if (oneway) {
             status = sendDirectOneway(handle, code, data);

@@ -1,5 +1,8 @@
 #include <binder/ProcessState.h>
 
+#include <cstdlib>
+#include <cstring>
+
 #include <binder/Binder.h>
 #include <binder/BpBinder.h>
 #include <binder/IPCThreadState.h>
@@ -30,7 +33,10 @@ sp<ProcessState> ProcessState::self() {
 sp<ProcessState> ProcessState::selfOrNull() { return self(); }
 
 ProcessState::ProcessState()
-    : mChannels(std::make_unique<ChannelHub>()), mOnewayChannels(std::make_unique<OnewayChannels>()) {}
+    : mChannels(std::make_unique<ChannelHub>()), mOnewayChannels(std::make_unique<OnewayChannels>()) {
+    const char* direct = std::getenv("HOSTBINDER_DIRECT");
+    mDirectCalls = direct == nullptr || std::strcmp(direct, "0") != 0;
+}
 ProcessState::~ProcessState() = default;
 
 sp<IBinder> ProcessState::getContextObject(const sp<IBinder>& /*caller*/) { return getStrongProxyForHandle(0); }

@@ -60,8 +60,12 @@ public:
     // process's one-way channels to others.
     ChannelHub& channels();
     OnewayChannels& onewayChannels();
-    // While someone watches binderd's traffic every call goes through it.
-    bool trafficWatched() const { return mTrafficWatched; }
+    // Whether calls may take direct channels: not while someone watches
+    // binderd's traffic (every call goes through binderd to be seen), nor
+    // when turned off (HOSTBINDER_DIRECT=0 in the environment, or here, for
+    // measuring and debugging the relayed path).
+    bool directCallsAllowed() const { return mDirectCalls && !mTrafficWatched; }
+    void setDirectCalls(bool enabled) { mDirectCalls = enabled; }
 
 private:
     ProcessState();
@@ -85,6 +89,7 @@ private:
     std::atomic<uint64_t> mGeneration{0};
     std::atomic<uint64_t> mCreditRevocations{0};
     std::atomic<bool> mTrafficWatched{false};
+    std::atomic<bool> mDirectCalls{true};
     std::unique_ptr<ChannelHub> mChannels;
     std::unique_ptr<OnewayChannels> mOnewayChannels;
     std::map<int32_t, HandleEntry> mHandles;
