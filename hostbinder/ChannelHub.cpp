@@ -277,9 +277,7 @@ bool ChannelHub::welcome(Channel& channel) {
         ::close(memory);
     }
     const uint32_t ringTaken = channel.ring != nullptr ? 1 : 0;
-    std::vector<uint8_t> bytes;
-    buildFrame(&bytes, kDirectWelcome, &ringTaken, sizeof(ringTaken), nullptr, 0);
-    return writeFully(channel.fd, bytes.data(), bytes.size(), kReplyPatience);
+    return writeFrame(channel.fd, kDirectWelcome, &ringTaken, sizeof(ringTaken), nullptr, 0, kReplyPatience);
 }
 
 bool ChannelHub::serveCall(const std::shared_ptr<Channel>& channel, const Frame& frame) {
@@ -313,9 +311,12 @@ bool ChannelHub::serveCall(const std::shared_ptr<Channel>& channel, const Frame&
         });
         return true;
     }
-    Parcel reply;
+    // Kept from call to call: a large call's buffers are not given back to
+    // the system and taken again each time.
+    thread_local Parcel parcel;
+    thread_local Parcel reply;
+    reply.setData(nullptr, 0);
     if (target != nullptr) {
-        Parcel parcel;
         parcel.setData(data, call.dataSize);
         status = IPCThreadState::self()->executeDirect(channel->peerPid, channel->peerUid, channel->id, target,
                                                       call.code, parcel, &reply);
@@ -326,10 +327,9 @@ bool ChannelHub::serveCall(const std::shared_ptr<Channel>& channel, const Frame&
         return true;
     }
     const DirectReply header{call.sequence, status, status == OK ? static_cast<uint32_t>(reply.dataSize()) : 0, 0};
-    std::vector<uint8_t> bytes;
-    buildFrame(&bytes, kDirectReply, &header, sizeof(header), reply.data(), header.dataSize);
     // A caller that does not read its reply loses its channel.
-    return writeFully(channel->fd, bytes.data(), bytes.size(), kReplyPatience);
+    return writeFrame(channel->fd, kDirectReply, &header, sizeof(header), reply.data(), header.dataSize,
+                      kReplyPatience);
 }
 
 sp<BBinder> ChannelHub::reach(Channel& channel, uint32_t handle, status_t* status) {

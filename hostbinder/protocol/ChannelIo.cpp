@@ -5,19 +5,29 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
 
 namespace android::hostbinder {
 
 FrameReader::Read FrameReader::readAvailable(int fd) {
-    constexpr size_t kChunk = 64 * 1024;
+    constexpr size_t kChunk = 16 * 1024;
     if (mStart > 0) {
         std::memmove(mBuffer.data(), mBuffer.data() + mStart, mUsed - mStart);
         mUsed -= mStart;
         mStart = 0;
     }
-    if (mBuffer.size() < mUsed + kChunk) {
-        mBuffer.resize(mUsed + kChunk);
+    // Room for the rest of a large frame in one read, else for a chunk.
+    size_t wanted = mUsed + kChunk;
+    if (mUsed >= sizeof(FrameHeader)) {
+        FrameHeader header;
+        std::memcpy(&header, mBuffer.data(), sizeof(header));
+        if (header.payloadSize <= kMaxPayload) {
+            wanted = std::max(wanted, sizeof(header) + size_t{header.payloadSize});
+        }
+    }
+    if (mBuffer.size() < wanted) {
+        mBuffer.resize(wanted);
     }
     iovec chunk{mBuffer.data() + mUsed, mBuffer.size() - mUsed};
     alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(int))];
