@@ -18,7 +18,7 @@ using namespace hostbinder;
 
 namespace {
 // How long a reply may wait for a caller that does not read its channel.
-constexpr std::chrono::seconds kReplyPatience{5};
+constexpr std::chrono::seconds kReplyPatience{2};
 // The epoll identity of the attention event; channels count from 1.
 constexpr uint64_t kAttention = 0;
 }  // namespace
@@ -256,6 +256,10 @@ bool ChannelHub::drainRing(const std::shared_ptr<Channel>& channel) {
 }
 
 bool ChannelHub::serveFrame(const std::shared_ptr<Channel>& channel, const Frame& frame) {
+    if (frame.command != kDirectHello) {
+        // Only the hello may bring a descriptor.
+        channel->reader.dropDescriptors();
+    }
     switch (frame.command) {
         case kDirectHello:
             return welcome(*channel);

@@ -49,7 +49,7 @@ private:
         pid_t peerPid = 0;
         uid_t peerUid = 0;
         // Only the thread holding the channel reads these.
-        hostbinder::FrameReader reader;
+        hostbinder::FrameReader reader{1};
         std::unique_ptr<hostbinder::SharedRing> ring;  // the caller's one-way calls
         std::vector<uint8_t> ringFrame;
         // What handles of the caller name here, as binderd answered; only the

@@ -103,7 +103,12 @@ Channel* Driver::onewayChannelOf(const Thread& thread, uint64_t id) {
 
 Channel* Driver::onewayChannelTo(const Process& holder, const Process& owner) {
     auto known = holder.onewayChannels.find(&owner);
-    return known == holder.onewayChannels.end() ? nullptr : mChannels.at(known->second).get();
+    return known == holder.onewayChannels.end() ? nullptr : channel(known->second);
+}
+
+Channel* Driver::channel(uint64_t id) {
+    auto it = mChannels.find(id);
+    return it == mChannels.end() ? nullptr : it->second.get();
 }
 
 void Driver::openChannel(Thread& thread, uint32_t handle, bool oneway) {
@@ -117,8 +122,9 @@ void Driver::openChannel(Thread& thread, uint32_t handle, bool oneway) {
     }
     Channel* existing = oneway ? onewayChannelTo(process, *owner) : nullptr;
     for (uint64_t id : thread.channels) {
-        if (!oneway && mChannels.at(id)->owner == owner) {
-            existing = mChannels.at(id).get();
+        Channel* mine = channel(id);
+        if (!oneway && mine != nullptr && mine->owner == owner) {
+            existing = mine;
         }
     }
     if (existing != nullptr) {
@@ -233,7 +239,8 @@ void Driver::resolveReach(Thread& thread, const ChannelReach& request) {
         const std::shared_ptr<Node>* found = known != channel->reach.end() ? &known->second
                                              : ref != holder.handles.end() ? &ref->second.node
                                                                            : nullptr;
-        if (found != nullptr && (*found)->owner == thread.process) {
+        const bool fits = known != channel->reach.end() || channel->reach.size() < kMaxReachPerChannel;
+        if (found != nullptr && (*found)->owner == thread.process && fits) {
             const std::shared_ptr<Node> node = *found;
             if (channel->reach.emplace(request.handle, node).second) {
                 takeNodeRef(*node);
@@ -337,23 +344,31 @@ void Driver::relayedOnewayDone(const Transaction& transaction) {
     }
 }
 
-void Driver::revokeReach(Process& holder, uint32_t handle) {
-    const std::shared_ptr<Node> node = holder.handles.at(handle).node;
+void Driver::revokeReach(Process& holder, const std::shared_ptr<Node>& node, uint32_t handle) {
     if (node->owner == nullptr) {
         return;
     }
+    std::vector<uint64_t> overfull;
     for (uint64_t id : holder.heldChannels) {
-        Channel& channel = *mChannels.at(id);
-        if (channel.owner != node->owner) {
+        Channel* held = channel(id);
+        if (held == nullptr || held->owner != node->owner) {
             continue;
         }
         // Calls on the channel may still name the handle: the node stays
-        // until the owner has taken them in.
-        if (channel.reach.emplace(handle, node).second) {
+        // until the owner has taken them in. An owner that never says so
+        // loses the channel rather than binderd growing without bound.
+        if (held->reach.count(handle) == 0 && held->reach.size() >= kMaxReachPerChannel) {
+            overfull.push_back(id);
+            continue;
+        }
+        if (held->reach.emplace(handle, node).second) {
             takeNodeRef(*node);
         }
-        const ChannelReach revoked{channel.id, handle, 0};
+        const ChannelReach revoked{held->id, handle, 0};
         mOutbox.send(node->owner->control, kReachRevoked, &revoked, sizeof(revoked));
+    }
+    for (uint64_t id : overfull) {
+        closeChannel(id, false);
     }
 }
 

@@ -168,7 +168,8 @@ private:
     void relayedOnewayDone(const Transaction& transaction);
     // The handle of `holder` goes: owners stop honouring it on channels once
     // they took in the calls already sent.
-    void revokeReach(Process& holder, uint32_t handle);
+    void revokeReach(Process& holder, const std::shared_ptr<Node>& node, uint32_t handle);
+    Channel* channel(uint64_t id);
     void closeChannel(uint64_t id, bool ownerDying);
     // Every channel the process holds or owns.
     void closeChannelsOf(const Process& process);

@@ -75,6 +75,10 @@ constexpr size_t kMaxChannelsPerProcess = 1024;
 constexpr size_t kMaxChannelsPerUid = 8192;
 constexpr size_t kMaxChannels = 16384;
 constexpr size_t kMaxDescriptorsInFlightPerConnection = 4;
+// Handles an owner may have resolved on one channel (each holds its node);
+// beyond, a call naming another fails with FAILED_TRANSACTION. A released
+// handle keeps its entry until the owner took in the calls before the release.
+constexpr size_t kMaxReachPerChannel = 1024;
 constexpr size_t kMaxDescriptorsInFlight = 256;
 
 // Watching the traffic (only binderd's own uid and root may): connections

@@ -135,8 +135,8 @@ bool Driver::releaseHandle(Process& process, uint32_t handle, uint32_t count) {
     if (it->second.count > 0) {
         return true;
     }
-    revokeReach(process, handle);
     std::shared_ptr<Node> node = it->second.node;
+    revokeReach(process, node, handle);
     process.handleOfNode.erase(node.get());
     process.handles.erase(it);
     auto& watchers = node->deathWatchers;

@@ -46,7 +46,11 @@ FrameReader::Read FrameReader::readAvailable(int fd) {
             for (size_t i = 0; i < (header->cmsg_len - CMSG_LEN(0)) / sizeof(int); ++i) {
                 int descriptor;
                 std::memcpy(&descriptor, CMSG_DATA(header) + i * sizeof(int), sizeof(int));
-                mDescriptors.push_back(descriptor);
+                if (mDescriptors.size() < mMaxDescriptors) {
+                    mDescriptors.push_back(descriptor);
+                } else {
+                    close(descriptor);
+                }
             }
         }
     }
@@ -60,10 +64,13 @@ FrameReader::Read FrameReader::readAvailable(int fd) {
     return Read::kSome;
 }
 
-FrameReader::~FrameReader() {
+FrameReader::~FrameReader() { dropDescriptors(); }
+
+void FrameReader::dropDescriptors() {
     for (int descriptor : mDescriptors) {
         close(descriptor);
     }
+    mDescriptors.clear();
 }
 
 int FrameReader::takeDescriptor() {

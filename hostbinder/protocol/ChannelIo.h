@@ -13,6 +13,9 @@ namespace android::hostbinder {
 // Frames arriving on a direct channel, gathered from non-blocking reads.
 class FrameReader {
 public:
+    // Keeps at most `descriptors` descriptors that came with the bytes (an
+    // owner takes one, with the caller's hello); closes any others at once.
+    explicit FrameReader(size_t descriptors = 0) : mMaxDescriptors(descriptors) {}
     enum class Read { kSome, kNothing, kEnded };
     // Reads whatever the socket has now.
     Read readAvailable(int fd);
@@ -24,7 +27,11 @@ public:
     int takeDescriptor();
     ~FrameReader();
 
+    // Closes descriptors that came but no frame asked for.
+    void dropDescriptors();
+
 private:
+    const size_t mMaxDescriptors;
     std::deque<int> mDescriptors;
     std::vector<uint8_t> mBuffer;
     size_t mStart = 0;
