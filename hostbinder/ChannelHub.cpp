@@ -19,6 +19,8 @@ using namespace hostbinder;
 namespace {
 // How long a reply may wait for a caller that does not read its channel.
 constexpr std::chrono::seconds kReplyPatience{2};
+// Large calls read in part over all channels, at most.
+constexpr size_t kMaxLargeBytes = 16 * 1024 * 1024;
 // The epoll identity of the attention event; channels count from 1.
 constexpr uint64_t kAttention = 0;
 }  // namespace
@@ -36,10 +38,14 @@ ChannelHub::~ChannelHub() {
     ::close(mEpoll);
 }
 
-ChannelHub::Channel::~Channel() { ::close(fd); }
+ChannelHub::Channel::~Channel() {
+    ::close(fd);
+    std::lock_guard<std::mutex> lock(hub.mLock);
+    hub.mLargeBytes -= largeBytes;
+}
 
 void ChannelHub::open(uint64_t id, int fd, pid_t peerPid, uid_t peerUid, size_t maxThreads) {
-    auto channel = std::make_shared<Channel>();
+    auto channel = std::make_shared<Channel>(*this);
     channel->id = id;
     channel->fd = fd;
     channel->peerPid = peerPid;
@@ -112,8 +118,13 @@ void ChannelHub::revoke(uint64_t id, uint32_t handle) {
 }
 
 void ChannelHub::forget(uint64_t id) {
+    std::shared_ptr<Channel> gone;
     std::lock_guard<std::mutex> lock(mLock);
-    mChannels.erase(id);
+    auto it = mChannels.find(id);
+    if (it != mChannels.end()) {
+        gone = std::move(it->second);  // destroyed once the lock is let go
+        mChannels.erase(it);
+    }
 }
 
 void ChannelHub::rearm(int fd, uint64_t id) {
@@ -206,11 +217,20 @@ void ChannelHub::work() {
 bool ChannelHub::serve(const std::shared_ptr<Channel>& channel) {
     // One-way calls in the ring were written before any call that follows on
     // the socket, so the ring is drained first, before every socket frame.
+    const auto mayGrow = [this, &channel](size_t bytes) {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mLargeBytes + bytes > kMaxLargeBytes) {
+            return false;
+        }
+        mLargeBytes += bytes;
+        channel->largeBytes += bytes;
+        return true;
+    };
     for (;;) {
         if (!drainRing(channel)) {
             return false;
         }
-        const FrameReader::Read read = channel->reader.readAvailable(channel->fd);
+        const FrameReader::Read read = channel->reader.readAvailable(channel->fd, mayGrow);
         Frame frame;
         while (channel->reader.next(&frame)) {
             if (!drainRing(channel) || !serveFrame(channel, frame)) {
@@ -221,6 +241,11 @@ bool ChannelHub::serve(const std::shared_ptr<Channel>& channel) {
             return false;
         }
         if (read == FrameReader::Read::kNothing && (channel->ring == nullptr || channel->ring->sleep())) {
+            if (channel->reader.shrink() > 0) {
+                std::lock_guard<std::mutex> lock(mLock);
+                mLargeBytes -= channel->largeBytes;
+                channel->largeBytes = 0;
+            }
             return true;
         }
     }

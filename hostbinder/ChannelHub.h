@@ -43,7 +43,9 @@ public:
 
 private:
     struct Channel {
+        explicit Channel(ChannelHub& hub) : hub(hub) {}
         ~Channel();
+        ChannelHub& hub;
         uint64_t id = 0;
         int fd = -1;
         pid_t peerPid = 0;
@@ -61,6 +63,8 @@ private:
         std::vector<uint32_t> revoked;
         // Charge units of the channel's one-way calls finished, and told to binderd.
         std::atomic<uint64_t> finished{0};
+        // What its reader holds beyond its usual size, for a large call.
+        size_t largeBytes = 0;
     };
 
     void work();
@@ -88,6 +92,9 @@ private:
     size_t mThreads = 0;
     size_t mIdleThreads = 0;
     size_t mMaxThreads = 1;
+    // Large calls read in part, over all channels: a caller cannot make this
+    // process hold more; the channel that would go beyond is closed.
+    size_t mLargeBytes = 0;
     OnewayTurns mTurns;
 };
 

@@ -10,8 +10,21 @@
 
 namespace android::hostbinder {
 
-FrameReader::Read FrameReader::readAvailable(int fd) {
-    constexpr size_t kChunk = 16 * 1024;
+namespace {
+constexpr size_t kChunk = 16 * 1024;
+}  // namespace
+
+size_t FrameReader::shrink() {
+    if (mUsed != mStart || mBuffer.size() <= 2 * kChunk) {
+        return 0;
+    }
+    const size_t before = mBuffer.size();
+    std::vector<uint8_t>(2 * kChunk).swap(mBuffer);
+    mStart = mUsed = 0;
+    return before - mBuffer.size();
+}
+
+FrameReader::Read FrameReader::readAvailable(int fd, const std::function<bool(size_t)>& mayGrow) {
     if (mStart > 0) {
         std::memmove(mBuffer.data(), mBuffer.data() + mStart, mUsed - mStart);
         mUsed -= mStart;
@@ -27,6 +40,9 @@ FrameReader::Read FrameReader::readAvailable(int fd) {
         }
     }
     if (mBuffer.size() < wanted) {
+        if (wanted > 2 * kChunk && mayGrow != nullptr && !mayGrow(wanted - std::max(mBuffer.size(), 2 * kChunk))) {
+            return Read::kEnded;
+        }
         mBuffer.resize(wanted);
     }
     iovec chunk{mBuffer.data() + mUsed, mBuffer.size() - mUsed};

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <vector>
 
 #include "Protocol.h"
@@ -17,8 +18,14 @@ public:
     // owner takes one, with the caller's hello); closes any others at once.
     explicit FrameReader(size_t descriptors = 0) : mMaxDescriptors(descriptors) {}
     enum class Read { kSome, kNothing, kEnded };
-    // Reads whatever the socket has now.
-    Read readAvailable(int fd);
+    // Reads whatever the socket has now. `mayGrow` is asked before the
+    // buffer grows past its usual size for a large frame; when it says no,
+    // nothing is read and the reader reports kEnded.
+    Read readAvailable(int fd, const std::function<bool(size_t)>& mayGrow = nullptr);
+    // Gives back the room a large frame took, once no frame is in part.
+    // Returns the bytes given back.
+    size_t shrink();
+    size_t capacity() const { return mBuffer.size(); }
     // The next whole frame, valid until the next call; false when none is
     // whole yet, or when the bytes are no frame at all (see malformed()).
     bool next(Frame* frame);
