@@ -71,31 +71,31 @@ void ChannelHub::open(uint64_t id, int fd, pid_t peerPid, uid_t peerUid, size_t 
 }
 
 void ChannelHub::close(uint64_t id) {
-    std::shared_ptr<Channel> channel;
-    {
-        std::lock_guard<std::mutex> lock(mLock);
-        auto it = mChannels.find(id);
-        if (it == mChannels.end()) {
-            return;
-        }
-        channel = it->second;
-        mChannels.erase(it);
+    std::lock_guard<std::mutex> lock(mLock);
+    auto it = mChannels.find(id);
+    if (it == mChannels.end()) {
+        return;
     }
-    // A thread serving it sees the end; the descriptor closes with the last holder.
-    shutdown(channel->fd, SHUT_RDWR);
-    epoll_ctl(mEpoll, EPOLL_CTL_DEL, channel->fd, nullptr);
+    it->second->closing = true;
+    attend(*it->second);
+}
+
+void ChannelHub::attend(Channel& channel) {
+    if (!channel.held) {
+        channel.held = true;
+        mAttention.push_back(channel.id);
+        const uint64_t one = 1;
+        (void)!write(mAttentionEvent, &one, sizeof(one));
+    }
 }
 
 void ChannelHub::closeAll() {
-    std::vector<uint64_t> ids;
-    {
-        std::lock_guard<std::mutex> lock(mLock);
-        for (const auto& entry : mChannels) {
-            ids.push_back(entry.first);
-        }
-    }
-    for (uint64_t id : ids) {
-        close(id);
+    std::lock_guard<std::mutex> lock(mLock);
+    for (auto& entry : mChannels) {
+        // binderd is gone, and with it every caller's session.
+        shutdown(entry.second->fd, SHUT_RDWR);
+        entry.second->closing = true;
+        attend(*entry.second);
     }
 }
 
@@ -109,12 +109,7 @@ void ChannelHub::revoke(uint64_t id, uint32_t handle) {
     channel.revoked.push_back(handle);
     // A thread holding the channel forgets the handle when it is done; else
     // a thread is woken to take in what is there and then forget it.
-    if (!channel.held) {
-        channel.held = true;
-        mAttention.push_back(id);
-        const uint64_t one = 1;
-        (void)!write(mAttentionEvent, &one, sizeof(one));
-    }
+    attend(channel);
 }
 
 void ChannelHub::forget(uint64_t id) {
@@ -135,11 +130,12 @@ void ChannelHub::rearm(int fd, uint64_t id) {
 }
 
 void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel) {
-    const bool open = serve(channel);
+    bool open = serve(channel);
     std::vector<uint32_t> revoked;
     {
         std::lock_guard<std::mutex> lock(mLock);
         revoked.swap(channel->revoked);
+        open = open && !channel->closing;
     }
     // Every call on the channel before binderd withdrew these handles is in.
     for (uint32_t handle : revoked) {
@@ -152,12 +148,9 @@ void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel) {
     }
     std::lock_guard<std::mutex> lock(mLock);
     channel->held = false;
-    // A withdrawal that came while it was served is taken care of next round.
-    if (!channel->revoked.empty()) {
-        channel->held = true;
-        mAttention.push_back(channel->id);
-        const uint64_t one = 1;
-        (void)!write(mAttentionEvent, &one, sizeof(one));
+    // What came while it was served is taken care of next round.
+    if (!channel->revoked.empty() || channel->closing) {
+        attend(*channel);
     }
     rearm(channel->fd, channel->id);
 }
@@ -341,24 +334,29 @@ bool ChannelHub::serveCall(const std::shared_ptr<Channel>& channel, const Frame&
         return true;
     }
     // Kept from call to call: a large call's buffers are not given back to
-    // the system and taken again each time.
+    // the system and taken again each time. They let go of what they hold
+    // (binders above all) as soon as the reply is out.
     thread_local Parcel parcel;
     thread_local Parcel reply;
-    reply.setData(nullptr, 0);
     if (target != nullptr) {
         parcel.setData(data, call.dataSize);
         status = IPCThreadState::self()->executeDirect(channel->peerPid, channel->peerUid, channel->id, target,
                                                       call.code, parcel, &reply);
     }
-    // Binder objects in a reply need binderd to translate them.
+    bool sent = true;
     if (status == OK && reply.objectsCount() > 0) {
+        // Binder objects in a reply need binderd to translate them.
         IPCThreadState::self()->replyThroughBinderd(channel->id, call.sequence, reply);
-        return true;
+    } else {
+        const DirectReply header{call.sequence, status, status == OK ? static_cast<uint32_t>(reply.dataSize()) : 0,
+                                 0};
+        // A caller that does not read its reply loses its channel.
+        sent = writeFrame(channel->fd, kDirectReply, &header, sizeof(header), reply.data(), header.dataSize,
+                          kReplyPatience);
     }
-    const DirectReply header{call.sequence, status, status == OK ? static_cast<uint32_t>(reply.dataSize()) : 0, 0};
-    // A caller that does not read its reply loses its channel.
-    return writeFrame(channel->fd, kDirectReply, &header, sizeof(header), reply.data(), header.dataSize,
-                      kReplyPatience);
+    parcel.setData(nullptr, 0);
+    reply.setData(nullptr, 0);
+    return sent;
 }
 
 sp<BBinder> ChannelHub::reach(Channel& channel, uint32_t handle, status_t* status) {

@@ -34,6 +34,7 @@ public:
 
     // From the control connection. `maxThreads` bounds the channel threads.
     void open(uint64_t id, int fd, pid_t peerPid, uid_t peerUid, size_t maxThreads);
+    // The caller's end is gone: its calls already sent still run.
     void close(uint64_t id);
     void revoke(uint64_t id, uint32_t handle);
     // binderd went: every channel ends.
@@ -61,6 +62,8 @@ private:
         // handles binderd withdrew, to forget once the calls before are in.
         bool held = false;
         std::vector<uint32_t> revoked;
+        // binderd closed it: what is on it is taken in, then it goes.
+        bool closing = false;
         // Charge units of the channel's one-way calls finished, and told to binderd.
         std::atomic<uint64_t> finished{0};
         // What its reader holds beyond its usual size, for a large call.
@@ -80,6 +83,8 @@ private:
     bool serveCall(const std::shared_ptr<Channel>& channel, const hostbinder::Frame& frame);
     sp<BBinder> reach(Channel& channel, uint32_t handle, status_t* status);
     void rearm(int fd, uint64_t id);
+    // Has a thread serve the channel soon; under mLock.
+    void attend(Channel& channel);
     void forget(uint64_t id);
 
     const int mEpoll;

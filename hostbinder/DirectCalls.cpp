@@ -32,13 +32,6 @@ constexpr size_t kRingBytes = 64 * 1024;
 constexpr auto kRingPatience = std::chrono::milliseconds(2);
 constexpr auto kForever = std::chrono::hours(24 * 365);
 
-// Whether the owner closed its end: it never writes on a one-way channel
-// after its welcome.
-bool ended(const OutgoingChannel& channel) {
-    uint8_t byte;
-    return recv(channel.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
-}
-
 }  // namespace
 
 void IPCThreadState::forgetChannels() {
@@ -76,7 +69,6 @@ std::shared_ptr<OutgoingChannel> IPCThreadState::openChannel(int32_t handle, uin
     int memory = -1;
     if (kind == hostbinder::kOneWayChannel) {
         channel->ring = hostbinder::SharedRing::create(kRingBytes, &memory);
-        channel->revocationsSeen = mProcess->creditRevocations();
     }
     const hostbinder::FrameHeader hello{0, hostbinder::kDirectHello};
     const std::vector<uint8_t> bytes(reinterpret_cast<const uint8_t*>(&hello),
@@ -220,13 +212,6 @@ status_t IPCThreadState::sendDirectOneway(int32_t handle, uint32_t code, const P
         return kGoRelay;
     }
     std::unique_lock<std::mutex> lock(channel->lock);
-    if (channel->revocationsSeen != mProcess->creditRevocations()) {
-        // binderd voided some channel: this one, if its owner died.
-        channel->revocationsSeen = mProcess->creditRevocations();
-        if (ended(*channel)) {
-            channel->state = OutgoingChannel::State::kBroken;
-        }
-    }
     if (channel->state == OutgoingChannel::State::kBroken) {
         lock.unlock();
         mProcess->onewayChannels().route(handle, nullptr);

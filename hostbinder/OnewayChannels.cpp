@@ -36,6 +36,13 @@ void OnewayChannels::quiet(uint64_t id, uint64_t total) {
     }
 }
 
+void OnewayChannels::voided(uint64_t id) {
+    if (const std::shared_ptr<OutgoingChannel> channel = byId(id)) {
+        std::lock_guard<std::mutex> lock(channel->lock);
+        channel->state = OutgoingChannel::State::kBroken;
+    }
+}
+
 void OnewayChannels::clear() {
     std::lock_guard<std::mutex> lock(mLock);
     mRoutes.clear();

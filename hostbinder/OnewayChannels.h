@@ -22,6 +22,8 @@ public:
     std::shared_ptr<OutgoingChannel> byId(uint64_t id);
     // binderd says the relayed one-way calls on `id` are all done, `total` of them.
     void quiet(uint64_t id, uint64_t total);
+    // binderd says the channel's owner is gone.
+    void voided(uint64_t id);
     // binderd went: the channels with it.
     void clear();
 

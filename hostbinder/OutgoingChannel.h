@@ -44,9 +44,6 @@ struct OutgoingChannel {
     // there until binderd says every one of them is done.
     bool relaying = false;
     uint64_t relayedSent = 0;
-    // binderd's count of voided channels when this one was last checked:
-    // an owner's death shows as a new count before any death notice.
-    uint64_t revocationsSeen = 0;
 };
 
 }  // namespace android

@@ -65,6 +65,8 @@ status_t Parcel::setData(const uint8_t* buffer, size_t len) {
     }
     mDataSize = len;
     mObjects.clear();
+    // As on the platform, the parcel lets go of the binders it held.
+    mHeldBinders.clear();
     mDataPos = 0;
     return OK;
 }
@@ -74,6 +76,7 @@ void Parcel::freeData() {
     mDataSize = 0;
     mDataCapacity = 0;
     mObjects.clear();
+    mHeldBinders.clear();
     mDataPos = 0;
 }
 

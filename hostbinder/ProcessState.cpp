@@ -259,7 +259,9 @@ void ProcessState::controlLoop(std::shared_ptr<Connection> control, uint64_t gen
         } else if (command == hostbinder::kChannelClosed && payload.size() == sizeof(uint64_t)) {
             uint64_t channel = 0;
             std::memcpy(&channel, payload.data(), sizeof(channel));
+            // This process is one of the two ends: the owner's, or a caller's.
             mChannels->close(channel);
+            mOnewayChannels->voided(channel);
         } else if (command == hostbinder::kReachRevoked && payload.size() == sizeof(hostbinder::ChannelReach)) {
             hostbinder::ChannelReach revoked{};
             std::memcpy(&revoked, payload.data(), sizeof(revoked));

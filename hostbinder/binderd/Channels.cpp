@@ -397,13 +397,13 @@ void Driver::closeChannel(uint64_t id, bool ownerDying) {
     --owner.channels;
     --mChannelsOfUid[holder.uid];
     --mChannelsOfUid[owner.uid];
-    if (ownerDying) {
-        // Like credit, the channel is void: the holder's threads check
-        // their channels before the next call, ahead of any death notice.
-        ++holder.revocations;
-        mOutbox.send(holder.control, kCreditRevoked, &holder.revocations, sizeof(holder.revocations));
-    } else {
+    // The end that lives on hears of it: the owner closes its end; a holder
+    // of a one-way channel whose owner died stops using it, told ahead of any
+    // death notice on the same connection.
+    if (!ownerDying) {
         mOutbox.send(owner.control, kChannelClosed, &id, sizeof(id));
+    } else if (channel->oneway) {
+        mOutbox.send(holder.control, kChannelClosed, &id, sizeof(id));
     }
     owner.reservedOnewayBytes -= static_cast<size_t>(channel->granted - channel->finished);
     for (auto& entry : channel->reach) {

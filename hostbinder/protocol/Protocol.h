@@ -125,7 +125,7 @@ enum Command : uint32_t {
     kTrafficLost,           // u64: records dropped since the watcher last heard, to a watcher
     kChannelReady,          // ChannelReady (+ the channel's end when new), to the asking thread
     kChannelOpened,         // ChannelOpened + the channel's end, to the owner's control connection
-    kChannelClosed,         // u64 channel, to the owner's control connection
+    kChannelClosed,         // u64 channel, to the control connection of the end that lives on
     kReachRevoked,          // ChannelReach, to the owner's control connection
     kCreditGranted,         // u32 bytes
     kReachResolved,         // u64 cookie of the node
