@@ -62,10 +62,11 @@ int lockSocket(const std::string& path, std::string* error) {
     return fd;
 }
 
-// With the lock held, a socket at `path` is stale unless some other program
-// listens on it; any other file is not binderd's to remove.
-bool clearStaleSocket(const std::string& path, const sockaddr_un& address, std::string* error) {
+// Whether `path` is free or holds a socket (stale or live): anything else is
+// not binderd's to touch. Sets `present` when a socket is there.
+bool socketOrNothing(const std::string& path, bool* present, std::string* error) {
     struct stat status{};
+    *present = false;
     if (lstat(path.c_str(), &status) != 0) {
         if (errno == ENOENT) {
             return true;
@@ -76,6 +77,20 @@ bool clearStaleSocket(const std::string& path, const sockaddr_un& address, std::
     if (!S_ISSOCK(status.st_mode)) {
         *error = path + " exists and is not a socket: not replacing it";
         return false;
+    }
+    *present = true;
+    return true;
+}
+
+// With the lock held, a socket at `path` is stale unless some other program
+// listens on it; any other file is not binderd's to remove.
+bool clearStaleSocket(const std::string& path, const sockaddr_un& address, std::string* error) {
+    bool present = false;
+    if (!socketOrNothing(path, &present, error)) {
+        return false;
+    }
+    if (!present) {
+        return true;
     }
     const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const bool answered =
@@ -105,6 +120,12 @@ ListeningSocket ListeningSocket::open(const std::string& path, bool othersAllowe
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     if (!prepareFolder(folderOf(path), othersAllowed, error)) {
+        return ListeningSocket(-1, -1, "");
+    }
+    // A path that holds some other file gets no lock file beside it; the
+    // check is made again under the lock.
+    bool present = false;
+    if (!socketOrNothing(path, &present, error)) {
         return ListeningSocket(-1, -1, "");
     }
     const int lockFd = lockSocket(path, error);
