@@ -109,10 +109,7 @@ LD_LIBRARY_PATH=$prefix/$libdir "$work/log_client" >"$work/log.out" 2>"$work/log
 [ "$(grep -c "RegisterCallback: get pravik service failed" "$work/log.err")" -eq 1 ] ||
   fail "stderr did not get the line logged without a sink alone: $(cat "$work/log.err")"
 
-# Completion and units.
-bash -c "source '$prefix/share/bash-completion/completions/tivra'
-         COMP_WORDS=(tivra sim fault getAllDevices ''); COMP_CWORD=4; _tivra
-         [ \"\${COMPREPLY[*]}\" = 'exception transport refuse corruptReply' ]" || fail "bash completion"
+# Units.
 if command -v systemd-analyze >/dev/null; then
   mkdir -p "$work/runtime"
   XDG_RUNTIME_DIR=$work/runtime systemd-analyze verify --man=no --user \
@@ -147,4 +144,22 @@ for out in "$work/pkgconfig.out" "$work/cmake.out"; do
   grep -qF "node: Kitchen Speaker (node-spk-4410), network WIFI" "$out" || fail "no node table in $(cat "$out")"
   grep -qF "device online: Study Tablet (dev-tab-88e1)" "$out" || fail "no device event in $(cat "$out")"
 done
+# Bash completion, with the service running: the words typed, then what it
+# offers for the last one.
+while IFS='|' read -r typed offered; do
+  got=$(bash -c "source '$prefix/share/bash-completion/completions/tivra'
+                 COMP_WORDS=('$prefix/bin/tivra' $typed); COMP_CWORD=\$((\${#COMP_WORDS[@]} - 1)); _tivra
+                 echo \"\${COMPREPLY[*]}\"")
+  [ "$got" = "$offered" ] || fail "completing '$typed' offered '$got', not '$offered'"
+done <<'EOF'
+sim fault getAllDevices ''|exception transport refuse corruptReply
+sim fault getAllD|getAllDevices
+--json sim fault --times=1 addDev|addDeviceChangeListener addDeviceChangeListenerPassive
+watch --for = ''|500ms 10s 1m 1h
+watch --for=1|--for=10s --for=1m --for=1h
+monitor --interface IMon|IMonitorControl
+monitor --service = PravikDeviceMonitorS|PravikDeviceMonitorService
+sim device-offline dev-tv|dev-tv-19c2
+sim node-changed node-tv-19c2 ''|1 2 3
+EOF
 echo "install_test: ok"
