@@ -348,8 +348,9 @@ TEST_F(HostBinderIpc, RemoteReferencesKeepANodeAliveUntilDroppedOrTheHolderDies)
             Parcel held;
             CHILD_CHECK(call(service, TestService::kHold, [&](Parcel* p) { p->writeStrongBinder(object); }, &held) == OK);
         }
-        control.post("held");
+        // Checked before the parent hears "held" and kills the holder.
         CHILD_CHECK(live == 1);
+        control.post("held");
         // The holder is killed now; its reference goes with it.
         CHILD_CHECK(waitUntil([&] { return live == 0; }));
         return 0;

@@ -7,8 +7,9 @@ namespace android::binderd {
 // binderd's listening socket, in a folder that binderd owns and no one else
 // can write (created 0700). One binderd per socket: a lock file beside it is
 // held for the daemon's life. A stale socket left by a dead binderd is
-// replaced, never any other kind of file. The socket is 0600 whatever the
-// umask, and removed when this object goes.
+// replaced, never any other kind of file, and no lock file is made beside
+// one. The socket is 0600 whatever the umask, appears at its path only once
+// it accepts connections, and is removed when this object goes.
 class ListeningSocket {
 public:
     // With `othersAllowed` the folder is searchable (0711) and the socket
