@@ -150,11 +150,13 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
 }
 
 bool IPCThreadState::paidFromCredit(int32_t handle, const Parcel& data) {
-    if (handle != mCredit.handle || data.objectsCount() != 0 || data.dataSize() > mCredit.bytes ||
+    // Spent as binderd counts the call in the receiver's buffer.
+    const size_t charge = hostbinder::bufferCharge(data.dataSize(), 0, true);
+    if (handle != mCredit.handle || data.objectsCount() != 0 || charge > mCredit.bytes ||
         mProcess->creditRevocations() > mCredit.revocations) {
         return false;
     }
-    mCredit.bytes -= data.dataSize();
+    mCredit.bytes -= charge;
     return true;
 }
 

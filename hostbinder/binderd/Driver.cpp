@@ -227,7 +227,9 @@ void Driver::processDied(Process& process) {
     for (const auto& entry : nodes) {
         notifyDeath(*entry.second);
     }
-    process.nodes.clear();
+    while (!process.nodes.empty()) {
+        forgetNode(process, process.nodes.begin());
+    }
     while (!process.handles.empty()) {
         auto first = process.handles.begin();
         releaseHandle(process, first->first, first->second.count);
