@@ -96,6 +96,7 @@ bool IPCThreadState::connect() {
     if (mConnection == nullptr) {
         if (!error.empty()) {
             __android_log_print(ANDROID_LOG_ERROR, "hostbinder", "%s", error.c_str());
+            mProcess->noteConnectionError(error);
         }
         return false;
     }
