@@ -141,7 +141,7 @@ bool EventLoop::runOnce(int timeoutMs) {
     flushDirty();
     trimIdleBuffers(now);
     reap();
-    returnMemory();
+    returnMemory(now);
     return true;
 }
 
@@ -162,16 +162,19 @@ void EventLoop::trimIdleBuffers(Clock::time_point now) {
     mToTrim.clear();
 }
 
-void EventLoop::returnMemory() {
+void EventLoop::returnMemory(Clock::time_point now) {
     // The allocator keeps what was freed for later; after an attack (or a
-    // burst) that may be hundreds of megabytes. Once much of what was held
-    // is gone, it goes back to the system.
-    constexpr size_t kWorthReturning = 8 * kMiB;
+    // burst) that may be hundreds of megabytes. Once a few megabytes of what
+    // was held are gone, they go back to the system, at most once a second.
+    constexpr size_t kWorthReturning = 4 * kMiB;
     const size_t held = mHoldings.total(kBytesBuffered) + mDriver.heldBytes();
     mHeldPeak = std::max(mHeldPeak, held);
-    if (mHeldPeak - held >= kWorthReturning && held < mHeldPeak / 2) {
+    mReturnPending = mHeldPeak - held >= kWorthReturning;
+    if (mReturnPending && now >= mNextReturn) {
         malloc_trim(0);
         mHeldPeak = held;
+        mNextReturn = now + std::chrono::seconds(1);
+        mReturnPending = false;
     }
 }
 
@@ -182,6 +185,9 @@ int EventLoop::epollTimeout() const {
     }
     if (!mToTrim.empty()) {
         deadline = std::min(deadline, mNextTrim);
+    }
+    if (mReturnPending) {
+        deadline = std::min(deadline, mNextReturn);
     }
     if (deadline == Clock::time_point::max()) {
         return -1;

@@ -109,7 +109,7 @@ private:
     // newest connection, so that another process's take fits.
     void cutToMakeRoom(const Holdings::Holder& victim, Kind kind);
     // Gives freed memory back to the system once much of it is free.
-    void returnMemory();
+    void returnMemory(Clock::time_point now);
     void close(ConnectionId id, Connection& connection, bool tellDriver);
     // Tells the driver of the connections closed since it last heard.
     void settle();
@@ -141,8 +141,11 @@ private:
     // One read buffer per level of drain() nesting.
     std::vector<std::unique_ptr<uint8_t[]>> mReadBuffers;
     size_t mDepth = 0;
-    // Bytes held at most since memory was last given back to the system.
+    // Bytes held at most since memory was last given back to the system,
+    // and when it may be given back next.
     size_t mHeldPeak = 0;
+    bool mReturnPending = false;
+    Clock::time_point mNextReturn;
     Clock::time_point mLastWarning;
     unsigned mSuppressedWarnings = 0;
 };
