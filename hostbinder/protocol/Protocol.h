@@ -48,12 +48,12 @@ constexpr size_t kMaxObjects = kMaxTransactionBytes / 24;
 // Room a sending thread may hold in one receiver's one-way buffer; granted
 // only while the buffer is at most half full, so that reservations never make
 // a sender fail before the buffer is really short.
-constexpr size_t kOnewayCreditBytes = 16 * 1024;
+constexpr size_t kOnewayCreditBytes = 64 * 1024;
 constexpr size_t kCreditGrantCeiling = kMaxQueuedOnewayBytes / 2;
 // One-way calls sent to a thread ahead of time, at most: their frames'
 // bytes, headers included, and their number.
 constexpr size_t kMaxPipelinedBytes = 64 * 1024;
-constexpr size_t kMaxPipelinedCalls = 128;
+constexpr size_t kMaxPipelinedCalls = 1024;
 // What a transaction takes of its receiver's buffer, as the platform's driver
 // counts it: the data and the object table each rounded up to 8 bytes, at
 // least 8 bytes in all; a one-way call also a fixed amount for the buffer's
