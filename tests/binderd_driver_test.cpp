@@ -732,21 +732,33 @@ TEST(TrafficReport, OnlyTheOwnerAndRootMayWatchAndWatchersAreBounded) {
         void sendTransaction(ConnectionId, uint32_t, const TransactionHeader&, const uint8_t*,
                              const uint64_t*) override {}
         void cut(ConnectionId) override {}
-        void finish(ConnectionId) override {}
+        void finish(ConnectionId) override { ++finished; }
         size_t backlog(ConnectionId) const override { return 0; }
         void writeNow(ConnectionId) override {}
         void drain(ConnectionId) override {}
+        size_t finished = 0;
     } outbox;
+    using android::binderd::kMaxWatchers;
+    using android::binderd::kMaxWatchersPerProcess;
     android::binderd::TrafficReport report(outbox, 1000);
-    EXPECT_EQ(report.admit(1, 1001), kNotAllowedToWatch);
+    EXPECT_EQ(report.admit(1, 10, 1001), kNotAllowedToWatch);
     EXPECT_FALSE(report.watched());
-    EXPECT_EQ(report.admit(2, 0), 0u);
-    for (ConnectionId id = 3; id < 2 + android::binderd::kMaxWatchers; ++id) {
-        ASSERT_EQ(report.admit(id, 1000), 0u);
+    EXPECT_EQ(report.admit(2, 10, 0), 0u);
+    // Each process within its share, one process per share.
+    for (ConnectionId id = 3; id < 2 + kMaxWatchers; ++id) {
+        ASSERT_EQ(report.admit(id, static_cast<pid_t>(100 + (id - 3) / kMaxWatchersPerProcess), 1000), 0u)
+            << "watcher " << id;
     }
-    EXPECT_EQ(report.admit(100, 1000), kTooManyConnections);
+    const pid_t full = 100;
+    EXPECT_EQ(report.admit(200, full, 1000), kTooManyConnections);
+    // All places taken: a process watching with none takes the newest place
+    // of one watching with the most.
+    EXPECT_EQ(report.admit(201, 500, 1000), 0u);
+    EXPECT_EQ(outbox.finished, 1u);
+    // A place that comes free is taken without anyone giving way.
     report.forget(2);
-    EXPECT_EQ(report.admit(100, 1000), 0u);
+    EXPECT_EQ(report.admit(202, 501, 1000), 0u);
+    EXPECT_EQ(outbox.finished, 1u);
 }
 
 TEST(TrafficReport, TheInterfaceDescriptorIsReadOnlyFromAWellFormedToken) {

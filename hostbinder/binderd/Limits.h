@@ -111,11 +111,14 @@ inline const DriverLedger::Bounds kHoldingBounds{
 };
 
 // Watching the traffic (only binderd's own uid and root may): connections
-// that watch at once, beyond which the next is refused; and the records
+// that watch at once, per process and in all, beyond which the next is
+// refused (when all are taken, the process watching with the most gives its
+// newest up to a process with fewer); and the records
 // waiting in binderd for a watcher's socket to take them, beyond which its
 // records are dropped and counted until half of them are gone. An interface
 // descriptor longer than its bound is not reported.
 constexpr size_t kMaxWatchers = 64;
+constexpr size_t kMaxWatchersPerProcess = 4;
 constexpr size_t kMaxWatcherBacklog = 256 * 1024;
 constexpr size_t kMaxReportedDescriptorUnits = 256;
 
