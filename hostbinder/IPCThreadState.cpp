@@ -96,6 +96,7 @@ bool IPCThreadState::connect() {
     if (mConnection == nullptr) {
         if (!error.empty()) {
             __android_log_print(ANDROID_LOG_ERROR, "hostbinder", "%s", error.c_str());
+            mProcess->noteConnectionError(error);
         }
         return false;
     }
@@ -150,11 +151,13 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
 }
 
 bool IPCThreadState::paidFromCredit(int32_t handle, const Parcel& data) {
-    if (handle != mCredit.handle || data.objectsCount() != 0 || data.dataSize() > mCredit.bytes ||
+    // Spent as binderd counts the call in the receiver's buffer.
+    const size_t charge = hostbinder::bufferCharge(data.dataSize(), 0, true);
+    if (handle != mCredit.handle || data.objectsCount() != 0 || charge > mCredit.bytes ||
         mProcess->creditRevocations() > mCredit.revocations) {
         return false;
     }
-    mCredit.bytes -= data.dataSize();
+    mCredit.bytes -= charge;
     return true;
 }
 

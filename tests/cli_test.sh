@@ -71,6 +71,10 @@ expect 3 "no device monitor service is registered" tivra watch --for 300ms
 expect 3 "no device monitor service is registered" tivra watch --for=0.0001h
 expect 3 "tivra-monitord" tivra sim counts
 expect 0 "^$" tivra services
+# A binderd that does not answer: its silence is the reason, exit 3.
+kill -STOP "$binderd_pid"
+expect 3 "binderd at .* did not answer" tivra services
+kill -CONT "$binderd_pid"
 
 # Options: GNU long options on every level, bad usage is 2 and says why.
 expect 0 "^tivra \(libtivra\) [0-9]+\.[0-9]+\.[0-9]+$" tivra --version

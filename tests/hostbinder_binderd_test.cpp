@@ -235,9 +235,14 @@ TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
          "invalid gid '4294967295'", 0, 0},
         {"private whatever the umask", [](auto&, auto& socket) { return std::vector<std::string>{"--socket=" + socket}; },
          0, "", 0600, 0700, 0},
-        {"searchable with allowed users", [](auto&, auto& socket) {
+        {"searchable with allowed users, who are told of a private folder above", [](auto&, auto& socket) {
              return std::vector<std::string>{"--socket", socket, "--allow-uid", "65533", "--allow-group=4294967294"};
-         }, 0, "", 0666, 0711},
+         }, 0, "warning: other users cannot reach", 0666, 0711},
+        {"private again without them", [](auto& base, auto& socket) {
+             std::filesystem::create_directory(base + "/run");
+             chmod((base + "/run").c_str(), 0711);
+             return std::vector<std::string>{"--socket", socket};
+         }, 0, "", 0600, 0700},
         {"stale socket replaced", [](auto& base, auto& socket) {
              std::filesystem::create_directory(base + "/run");
              leaveStaleSocket(socket);

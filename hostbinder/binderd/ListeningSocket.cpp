@@ -41,6 +41,10 @@ bool prepareFolder(const std::string& folder, bool othersAllowed, std::string* e
         *error = "refusing " + folder + ": others can write to it";
     } else if (othersAllowed && chmod(folder.c_str(), (status.st_mode & 07777) | 0011) != 0) {
         *error = systemError("cannot open " + folder + " to other users");
+    } else if (!othersAllowed && (status.st_mode & 0077) == 0011 &&
+               chmod(folder.c_str(), status.st_mode & 07700) != 0) {
+        // Left searchable by a run that allowed other users: private again.
+        *error = systemError("cannot make " + folder + " private again");
     }
     return error->empty();
 }
@@ -167,6 +171,18 @@ ListeningSocket ListeningSocket::open(const std::string& path, bool othersAllowe
         return ListeningSocket(-1, -1, "");
     }
     return ListeningSocket(fd, lockFd, path);
+}
+
+std::string ListeningSocket::closedToOthers(const std::string& path) {
+    std::string folder = folderOf(path);
+    while (folder != "/" && folder != ".") {
+        folder = folderOf(folder);
+        struct stat status{};
+        if (stat(folder.c_str(), &status) == 0 && (status.st_mode & S_IXOTH) == 0) {
+            return folder;
+        }
+    }
+    return "";
 }
 
 ListeningSocket::ListeningSocket(int fd, int lockFd, std::string path)

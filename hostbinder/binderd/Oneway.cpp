@@ -10,10 +10,11 @@ void Driver::acceptOneway(Thread& sender, uint32_t handle, const std::shared_ptr
     Process& receiver = *transaction->target->owner;
     queueOneway(receiver, transaction);
     OnewayAccepted accepted{0, 0, sender.process->revocations};
-    if (receiver.queuedOnewayBytes + receiver.reservedOnewayBytes + kOnewayCreditBytes <= kCreditGrantCeiling &&
-        bufferFits(receiver, kOnewayCreditBytes, true)) {
-        sender.credit = OnewayCredit{transaction->target, handle, kOnewayCreditBytes};
-        receiver.reservedOnewayBytes += kOnewayCreditBytes;
+    // Credit never makes anyone give way.
+    if (mLedger.held(receiver.holder(), kOnewayBytes) + kOnewayCreditBytes <= kCreditGrantCeiling &&
+        fits(receiver, kBufferBytes, kOnewayCreditBytes) && fits(receiver, kOnewayBytes, kOnewayCreditBytes)) {
+        sender.credit = OnewayCredit{transaction->target, handle, 0};
+        reserveCredit(sender.credit, kOnewayCreditBytes);
         accepted.creditBytes = static_cast<uint32_t>(kOnewayCreditBytes);
     }
     mOutbox.send(sender.connection, kTransactionComplete, &accepted, sizeof(accepted));
@@ -29,13 +30,13 @@ bool Driver::startCreditedOneway(Thread& thread, const TransactionView& view) {
         // it goes down with the owner, as if it had been queued.
         return true;
     }
-    const size_t size = view.header.dataSize;
-    if (view.header.target != credit.handle || size > credit.bytes) {
+    // Spent as the call is charged in the buffer, from the room it reserved.
+    const size_t charge = bufferCharge(view.header.dataSize, 0, true);
+    if (view.header.target != credit.handle || charge > credit.bytes) {
         return false;
     }
     Process& receiver = *credit.node->owner;
-    credit.bytes -= size;
-    receiver.reservedOnewayBytes -= size;
+    releaseCredit(credit, charge);
     std::vector<std::shared_ptr<Node>> noTransit;
     queueOneway(receiver, makeTransaction(*thread.process, credit.node, view, &noTransit));
     return true;
@@ -43,9 +44,7 @@ bool Driver::startCreditedOneway(Thread& thread, const TransactionView& view) {
 
 void Driver::endCredit(Thread& thread) {
     OnewayCredit& credit = thread.credit;
-    if (credit.node != nullptr && credit.node->owner != nullptr) {
-        credit.node->owner->reservedOnewayBytes -= credit.bytes;
-    }
+    releaseCredit(credit, credit.bytes);
     credit = OnewayCredit{};
 }
 
@@ -72,7 +71,7 @@ void Driver::revokeCreditsOn(const Process& dying) {
         if (thread.credit.node == nullptr || thread.credit.node->owner != &dying) {
             continue;
         }
-        thread.credit = OnewayCredit{};
+        endCredit(thread);
         Process& holder = *thread.process;
         if (&holder != &dying) {
             ++holder.revocations;
@@ -82,7 +81,7 @@ void Driver::revokeCreditsOn(const Process& dying) {
 }
 
 void Driver::queueOneway(Process& receiver, const std::shared_ptr<Transaction>& transaction) {
-    receiver.queuedOnewayBytes += transaction->size();
+    chargeBuffer(*transaction, bufferCharge(transaction->data.size(), transaction->offsets.size(), true));
     Node& node = *transaction->target;
     if (!node.onewayBusy) {
         node.onewayBusy = true;
@@ -94,11 +93,16 @@ void Driver::queueOneway(Process& receiver, const std::shared_ptr<Transaction>& 
 }
 
 void Driver::fillPipeline(Node& node) {
+    // Bounded in frames and in their bytes, headers included, so that calls
+    // of no data cannot pile up in the thread's connection either; a call
+    // larger than the bound goes ahead alone.
     Thread* thread = node.onewayThread;
-    while (thread != nullptr && !node.onewayQueue.empty() && thread->pipelinedBytes < kMaxPipelinedBytes) {
+    while (thread != nullptr && !node.onewayQueue.empty() && thread->pipeline.size() < kMaxPipelinedCalls &&
+           (thread->pipeline.empty() ||
+            thread->pipelinedBytes + node.onewayQueue.front()->frameBytes() <= kMaxPipelinedBytes)) {
         std::shared_ptr<Transaction> next = node.onewayQueue.front();
         node.onewayQueue.pop_front();
-        thread->pipelinedBytes += next->size();
+        thread->pipelinedBytes += next->frameBytes();
         thread->pipeline.push_back(next);
         sendIncoming(*thread, *next);
     }
@@ -116,7 +120,7 @@ bool Driver::finishOneway(Thread& thread) {
     } else {
         std::shared_ptr<Transaction> next = thread.pipeline.front();
         thread.pipeline.pop_front();
-        thread.pipelinedBytes -= next->size();
+        thread.pipelinedBytes -= next->frameBytes();
         thread.serving.push_back(next);
         keepTransit(thread, *next);
         fillPipeline(*done->target);
@@ -137,11 +141,7 @@ void Driver::advanceOneway(Node& node) {
     }
 }
 
-void Driver::retireOneway(const Transaction& transaction) {
-    if (Process* owner = transaction.target->owner) {
-        owner->queuedOnewayBytes -= transaction.size();
-    }
-}
+void Driver::retireOneway(Transaction& transaction) { releaseCharge(transaction); }
 
 void Driver::requeuePipeline(Thread& thread) {
     // Sent ahead but not started: back to the front of their node's line.

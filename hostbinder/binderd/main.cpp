@@ -208,6 +208,15 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "binderd: %s\n", error.c_str());
         return kExitFailure;
     }
+    if (policy.othersAllowed()) {
+        const std::string closed = android::binderd::ListeningSocket::closedToOthers(path);
+        if (!closed.empty()) {
+            std::fprintf(stderr,
+                         "binderd: warning: other users cannot reach %s: %s does not let them through; "
+                         "--allow-uid and --allow-group admit only users of its owner or group\n",
+                         path.c_str(), closed.c_str());
+        }
+    }
     __android_log_print(ANDROID_LOG_INFO, kTag, "listening on %s", path.c_str());
     const int status = android::binderd::EventLoop(socket.fd(), stopFd, policy, verbose).run();
     close(stopFd);

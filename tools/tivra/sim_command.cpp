@@ -12,13 +12,17 @@
 #include <string>
 #include <vector>
 
+#include <binder/IBinder.h>
 #include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
 #include <nlohmann/json.hpp>
 #include <utils/String8.h>
 
 #include "exit_codes.h"
 #include "monitor_control_client.h"
 #include "monitor_control_protocol.h"
+#include "protocol/Protocol.h"
 #include "service_diagnosis.h"
 #include "text_width.h"
 #include "traffic_names.h"
@@ -292,17 +296,36 @@ int RunServices(const Args& args, Options& options) {
     if (!parsed.words.empty()) {
         return UsageError("tivra services", "unexpected argument '" + parsed.words[0] + "'");
     }
-    const android::sp<android::IServiceManager> manager = android::defaultServiceManager();
-    const android::Vector<android::String16> names =
-        manager != nullptr ? manager->listServices() : android::Vector<android::String16>();
-    json list = json::array();
-    for (size_t i = 0; i < names.size(); ++i) {
-        list.push_back(android::String8(names[i]).c_str());
-    }
-    // An empty list is an answer only when binderd gave it.
-    if (list.empty() && !BinderdIsRunning()) {
+    // The service manager's own call, so that a failure is told apart from
+    // an empty list.
+    android::Parcel data;
+    android::Parcel reply;
+    data.writeInterfaceToken(android::String16("android.os.IServiceManager"));
+    data.writeInt32(android::IServiceManager::DUMP_FLAG_PRIORITY_ALL);
+    const android::status_t status =
+        android::ProcessState::self()->getContextObject(nullptr)->transact(android::hostbinder::kListServices, data,
+                                                                           &reply);
+    if (status == android::DEAD_OBJECT) {
         std::fprintf(stderr, "tivra: %s\n", ExplainUnavailableService().c_str());
         return kExitServiceUnavailable;
+    }
+    int32_t exception = 0;
+    int32_t count = 0;
+    if (status != android::OK || reply.readInt32(&exception) != android::OK || exception != 0 ||
+        reply.readInt32(&count) != android::OK || count < 0) {
+        std::fprintf(stderr, "tivra: binderd could not list the services: %s\n",
+                     status != android::OK ? StatusName(status).c_str()
+                                           : ("exception " + std::to_string(exception)).c_str());
+        return kExitCallFailed;
+    }
+    json list = json::array();
+    for (int32_t i = 0; i < count; ++i) {
+        android::String16 name;
+        if (reply.readString16(&name) != android::OK) {
+            std::fprintf(stderr, "tivra: binderd's list of services is cut short\n");
+            return kExitCallFailed;
+        }
+        list.push_back(android::String8(name).c_str());
     }
     if (options.json) {
         std::printf("%s\n", JsonText(list, options).c_str());

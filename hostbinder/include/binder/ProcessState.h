@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -54,6 +55,12 @@ public:
     status_t clearDeathNotification(int32_t handle);
     // How many one-way credit revocations binderd sent in this session.
     uint64_t creditRevocations() const;
+    // Why binderd last turned this process away or did not answer it, as
+    // logged ("binderd at PATH refused this process: REASON", "binderd at
+    // PATH did not answer", ...); "" since a session began, or when binderd
+    // was simply not there.
+    std::string lastConnectionError() const;
+    void noteConnectionError(const std::string& error);
 
 private:
     ProcessState();
@@ -76,6 +83,7 @@ private:
     uint64_t mToken = 0;
     std::atomic<uint64_t> mGeneration{0};
     std::atomic<uint64_t> mCreditRevocations{0};
+    std::string mLastConnectionError;
     std::map<int32_t, HandleEntry> mHandles;
     std::map<BBinder*, uint32_t> mNodeRefs;
     size_t mMaxThreads = 15;
