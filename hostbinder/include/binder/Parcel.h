@@ -52,6 +52,9 @@ public:
     bool checkInterface(IBinder* binder) const;
 
     status_t write(const void* data, size_t len);
+    // Reserves `len` bytes at the position, padded to four with zeros, for
+    // the caller to fill; null when the parcel cannot grow so far.
+    void* writeInplace(size_t len);
     status_t writeInt32(int32_t val);
     status_t writeUint32(uint32_t val);
     status_t writeInt64(int64_t val);
