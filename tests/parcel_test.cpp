@@ -598,11 +598,14 @@ TEST_P(ParcelBinderRead, ReadsTheObjectByItsType) {
         Load(&parcel, c.bytes);
         const uint64_t offset = 0;
         ASSERT_EQ(parcel.setObjects(&offset, c.listed ? 1 : 0), android::OK);
-        android::sp<android::IBinder> binder;
+        const android::sp<android::IBinder> before = new android::BBinder();
+        android::sp<android::IBinder> binder = before;
         const status_t result = nullable ? parcel.readNullableStrongBinder(&binder) : parcel.readStrongBinder(&binder);
         EXPECT_EQ(result, nullable ? c.nullable : c.strong) << nullable;
         EXPECT_EQ(HandleOf(binder), c.handle) << nullable;
+        // What was read replaces the output, a null too; a failed read leaves it.
         const bool consumed = result == android::OK || result == android::UNEXPECTED_NULL;
+        EXPECT_EQ(binder == before, !consumed) << nullable;
         EXPECT_EQ(parcel.dataPosition(), consumed ? c.bytes.size() : 0u) << nullable;
     }
 }
