@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -108,6 +109,13 @@ TEST_F(HostBinderIpc, TwoWayCallsCarryDataAndTheCallersIdentity) {
         CHILD_CHECK(identity.readInt32() == static_cast<int32_t>(getuid()));
         Parcel unknown;
         CHILD_CHECK(call(service, 0x00ffff00, nullptr, &unknown) == UNKNOWN_TRANSACTION);
+        // Only a negative status fails the call; with any other the reply arrives.
+        for (const status_t answer : {status_t{1}, status_t{BAD_VALUE}}) {
+            Parcel answered;
+            CHILD_CHECK(call(service, TestService::kAnswerWith, [answer](Parcel* p) { p->writeInt32(answer); },
+                             &answered) == std::min<status_t>(answer, OK));
+            CHILD_CHECK(answered.readInt32() == std::max<status_t>(answer, OK));
+        }
         // Outside any transaction, the caller is this process itself.
         CHILD_CHECK(IPCThreadState::self()->getCallingPid() == getpid());
         return 0;
