@@ -153,14 +153,19 @@ TEST_F(HostBinderIpc, OneWayCallsToANodeRunInSendOrder) {
 // left to make, the index of the next hop, whether the last hop stalls, and
 // the hop of each process. A hop calls the next one and answers with the
 // answer it got plus its mark and level, and "!" when it ran on another
-// thread than the one its process waits on in the chain.
+// thread than the one its process waits on in the chain. A hop that rejoins
+// waits, once its call found binderd gone, for the next binderd and registers
+// itself there before it answers.
 class ChainHop : public BBinder {
 public:
     static constexpr uint32_t kHop = IBinder::FIRST_CALL_TRANSACTION;
 
     // The process waits on `home` when given, else on the thread of its first hop.
-    ChainHop(char mark, std::thread::id home = {}, Channel* deep = nullptr, Channel* release = nullptr)
-        : mMark(mark), mFixedHome(home), mDeep(deep), mRelease(release) {}
+    ChainHop(char mark, std::thread::id home = {}, Channel* deep = nullptr, Channel* release = nullptr,
+             bool rejoins = false)
+        : mMark(mark), mFixedHome(home), mDeep(deep), mRelease(release), mRejoins(rejoins) {}
+
+    static String16 name(char mark) { return String16((std::string("tivra.test.hop.") + mark).c_str()); }
 
 protected:
     status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
@@ -190,6 +195,9 @@ protected:
             Parcel back;
             status = hops[next]->transact(kHop, request, &back);
             answer = back.readString16();
+            if (status == DEAD_OBJECT && mRejoins) {
+                waitUntil([this] { return defaultServiceManager()->addService(name(mMark), this) == OK; });
+            }
         } else if (stall != 0 && mDeep != nullptr) {
             mDeep->post("deep");
             mRelease->next(20s);
@@ -216,6 +224,7 @@ private:
     const std::thread::id mFixedHome;
     Channel* const mDeep;
     Channel* const mRelease;
+    const bool mRejoins;
     std::mutex mLock;
     int mActive = 0;
     std::thread::id mHome;
@@ -226,8 +235,8 @@ TEST_F(HostBinderIpc, ChainsOfNestedCallsAnswerEveryLevelAndSurviveTheLossOfBind
     Channel release;
     auto serveHop = [this](char mark, Channel* stalls, Channel* release) {
         return session.spawn([this, mark, stalls, release] {
-            CHILD_CHECK(defaultServiceManager()->addService(String16((std::string("tivra.test.hop.") + mark).c_str()),
-                                                           new ChainHop(mark, {}, stalls, release)) == OK);
+            CHILD_CHECK(defaultServiceManager()->addService(ChainHop::name(mark), new ChainHop(mark, {}, stalls, release)) ==
+                        OK);
             events.post("ready");
             IPCThreadState::self()->joinThreadPool();
             return 0;
@@ -240,9 +249,9 @@ TEST_F(HostBinderIpc, ChainsOfNestedCallsAnswerEveryLevelAndSurviveTheLossOfBind
     const pid_t a = session.spawn([] {
         // No thread pool: the calls back into this process can run only on
         // the thread that waits.
-        const std::vector<sp<IBinder>> hops{new ChainHop('A', std::this_thread::get_id()),
-                                            lookUpTestService(String16("tivra.test.hop.B")),
-                                            lookUpTestService(String16("tivra.test.hop.C"))};
+        const std::vector<sp<IBinder>> hops{new ChainHop('A', std::this_thread::get_id(), nullptr, nullptr, true),
+                                            lookUpTestService(ChainHop::name('B')),
+                                            lookUpTestService(ChainHop::name('C'))};
         // Eight calls, from here to B, C, A, B, C, A, B and C.
         auto chain = [&hops](int32_t stall, Parcel* answer) {
             return call(hops[1], ChainHop::kHop, [&](Parcel* p) {
@@ -257,12 +266,16 @@ TEST_F(HostBinderIpc, ChainsOfNestedCallsAnswerEveryLevelAndSurviveTheLossOfBind
         Parcel answer;
         CHILD_CHECK(chain(0, &answer) == OK);
         CHILD_CHECK(answer.readString16() == String16("C0B1A2C3B4A5C6B7"));
-        // binderd goes while the chain stands at its deepest: each level fails.
+        // binderd goes while the chain stands at its deepest: each level
+        // fails, also after the levels here that answer later reconnected to
+        // the next binderd, and the session they made stands.
         CHILD_CHECK(chain(1, &answer) == DEAD_OBJECT);
+        CHILD_CHECK(lookUpTestService(ChainHop::name('A')) != nullptr);
         return 0;
     });
     ASSERT_EQ(deep.next(), "deep");
     ASSERT_TRUE(session.stopBinderd());
+    ASSERT_TRUE(session.startBinderd()) << session.error();
     release.post("go");
     for (pid_t process : {a, b, c}) {
         EXPECT_EQ(session.waitExit(process), 0);
