@@ -1,6 +1,7 @@
 // The client side of the service manager at handle 0.
 #include <binder/IServiceManager.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -49,11 +50,15 @@ public:
         mChanged.notify_all();
     }
 
-    // The registered binder, or null once binderd went away.
-    sp<IBinder> wait() {
+    // False when nothing was heard within the timeout; else true, with the
+    // registered binder, or null once binderd went away.
+    bool waitFor(std::chrono::milliseconds timeout, sp<IBinder>* binder) {
         std::unique_lock<std::mutex> lock(mLock);
-        mChanged.wait(lock, [this] { return mDone; });
-        return mBinder;
+        if (!mChanged.wait_for(lock, timeout, [this] { return mDone; })) {
+            return false;
+        }
+        *binder = mBinder;
+        return true;
     }
 
 private:
@@ -101,7 +106,10 @@ public:
         }
         sp<IBinder> found;
         if (registerForNotifications(name, waiter) == OK) {
-            found = waiter->wait();
+            // As the platform's wait does, it looks again each second: a
+            // notice binderd could not deliver must not leave it waiting for ever.
+            while (!waiter->waitFor(std::chrono::seconds(1), &found) && (found = checkService(name)) == nullptr) {
+            }
             if (found != nullptr) {
                 unregisterForNotifications(name, waiter);
             }
