@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <string>
 
 #include <android/os/BnServiceCallback.h>
 #include <binder/IPCThreadState.h>
@@ -163,12 +164,24 @@ private:
         if (transport != OK) {
             return transport;
         }
-        if (!status.isOk()) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s %s: %s", what, String8(name).string(),
-                                status.toString8().string());
-        }
+        logOutcome(status.isOk() ? std::string()
+                                 : std::string(what) + " " + String8(name).string() + ": " +
+                                       status.toString8().string());
         return status.isOk() ? OK : status.exceptionCode();
     }
+
+    // Logs a refusal, once while the same one repeats: a process that tries
+    // again and again while another holds a name says so once.
+    void logOutcome(const std::string& refusal) {
+        std::lock_guard<std::mutex> lock(mLogLock);
+        if (!refusal.empty() && refusal != mLastRefusal) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s", refusal.c_str());
+        }
+        mLastRefusal = refusal;
+    }
+
+    std::mutex mLogLock;
+    std::string mLastRefusal;
 
     status_t callbackCall(uint32_t code, const char* what, const String16& name,
                           const sp<os::IServiceCallback>& callback) {

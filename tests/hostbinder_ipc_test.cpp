@@ -12,9 +12,11 @@
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
+#include <binder/Status.h>
 
 #include "binderd_fixture.h"
 #include "hostbinder_test_service.h"
+#include "log_capture.h"
 
 namespace {
 
@@ -55,6 +57,14 @@ TEST_F(HostBinderIpc, ServiceManagerRegistersListsAndForgetsServicesOfDeadProces
         const Vector<String16> names = manager->listServices();
         CHILD_CHECK(names.size() == 1 && names[0] == kTestServiceName);
         sp<IBinder> local = new BBinder();
+        {
+            // Refused again and again, which is logged once.
+            LogCapture log;
+            for (int i = 0; i < 3; ++i) {
+                CHILD_CHECK(manager->addService(kTestServiceName, local) == binder::Status::EX_SECURITY);
+            }
+            CHILD_CHECK(log.Lines().size() == 1);
+        }
         CHILD_CHECK(manager->addService(String16("bad name!"), local) != OK);
         CHILD_CHECK(manager->addService(String16(""), local) != OK);
         CHILD_CHECK(manager->addService(String16("tivra.test.null"), nullptr) != OK);
