@@ -3,6 +3,7 @@
 #include <linux/android/binder.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include <binder/Binder.h>
@@ -247,10 +248,12 @@ void IPCThreadState::executeTransaction(const hostbinder::Frame& frame) {
         mConnection->post(hostbinder::kOnewayDone);
         return;
     }
-    if (status == OK && !fitsLimit(reply)) {
+    // As on the platform, only a negative status is an error; with any other
+    // the reply goes back as written.
+    if (status >= OK && !fitsLimit(reply)) {
         status = FAILED_TRANSACTION;
     }
-    sendReply(reply, status);
+    sendReply(reply, std::min<status_t>(status, OK));
 }
 
 void IPCThreadState::sendReply(const Parcel& reply, status_t status) {

@@ -51,9 +51,14 @@ start_binderd() {
   pids+=("$binderd_pid")
   wait_for test -S "$HOSTBINDER_SOCKET" || fail "binderd did not come up"
 }
-# start_monitord [SCENARIO]: the sample unless told otherwise.
+# The sample without its timeline, so that what the checks see does not
+# depend on how fast they run.
+static_scenario=$work/static.json
+awk '/"timeline":/ { print "  \"timeline\": []"; print "}"; exit } { print }' \
+  "$source_dir/tools/scenarios/sample.json" >"$static_scenario"
+# start_monitord [SCENARIO]: the sample without its timeline unless told otherwise.
 start_monitord() {
-  "$monitord_bin" --scenario "${1:-$source_dir/tools/scenarios/sample.json}" >"$work/monitord.out" 2>&1 &
+  "$monitord_bin" --scenario "${1:-$static_scenario}" >"$work/monitord.out" 2>&1 &
   monitord_pid=$!
   pids+=("$monitord_pid")
   wait_for sh -c "'$tivra_bin' services 2>/dev/null | grep -qx PravikDeviceMonitorService" ||
@@ -259,6 +264,34 @@ start_monitord "$work/large.json"
 tivra --pretty devices >"$work/large.out" 2>&1 || fail "10,000 devices: $(head -3 "$work/large.out")"
 [ "$(grep -c '"id": "dev-' "$work/large.out")" -eq 10000 ] || fail "10,000 devices did not all arrive"
 grep -q '"id": "dev-10000"' "$work/large.out" || fail "the last of 10,000 devices is missing"
+
+# watch started before the service waits for it, then follows it.
+{ kill -KILL "$monitord_pid"; wait "$monitord_pid"; } 2>/dev/null
+"$tivra_bin" --json watch >"$work/watch-early.out" 2>&1 &
+pids+=($!)
+wait_for grep -q '"event":"waiting"' "$work/watch-early.out" || fail "watch did not wait: $(cat "$work/watch-early.out")"
+start_monitord
+wait_for grep -q '"event":"watching"' "$work/watch-early.out" || fail "watch did not register with the service that came"
+tivra sim node-changed node-tv-19c2 1 >/dev/null
+wait_for grep -q '"kind":1,"nodeId":"node-tv-19c2"' "$work/watch-early.out" || fail "watch started first heard nothing"
+# binderd killed outright comes back on its socket; tivra-monitord, finding
+# its name taken meanwhile, says so once while it tries again, then registers.
+kill -STOP "$monitord_pid"
+{ kill -KILL "$binderd_pid"; wait "$binderd_pid"; } 2>/dev/null
+start_binderd  # its socket was there all along: wait until it answers
+wait_for sh -c "'$tivra_bin' services >/dev/null 2>&1" || fail "binderd did not come back after SIGKILL"
+"$monitord_bin" --scenario "$static_scenario" >"$work/taker.out" 2>&1 &
+taker_pid=$!
+pids+=("$taker_pid")
+wait_for sh -c "'$tivra_bin' services 2>/dev/null | grep -qx PravikDeviceMonitorService" || fail "the new binderd serves no one"
+kill -CONT "$monitord_pid"
+wait_for sh -c "[ \$(grep -c 'process $monitord_pid may not take' '$work/binderd.log') -ge 3 ]" ||
+  fail "tivra-monitord did not try again for the name taken"
+{ kill -KILL "$taker_pid"; wait "$taker_pid"; } 2>/dev/null
+wait_for grep -q "registered again" "$work/monitord.out" || fail "tivra-monitord did not take the name once free"
+[ "$(grep -c 'registered by another process' "$work/monitord.out")" -eq 1 ] &&
+  [ "$(grep -c 'EX_SECURITY' "$work/monitord.out")" -eq 1 ] ||
+  fail "tivra-monitord did not say once that the name was taken: $(cat "$work/monitord.out")"
 
 if [ "$failures" -ne 0 ]; then
   echo "--- watch output:" >&2; cat "$work/watch.out" >&2
