@@ -1,4 +1,5 @@
 #include <atomic>
+#include <mutex>
 
 #include "tivra_adapter_inner.h"
 
@@ -6,9 +7,12 @@ namespace Communication {
 
 // Defined together so that they are destroyed in the reverse order: the
 // registry mutexes first, the instance last. The adapter's destructor uses
-// none of the mutexes, so it may run after they are gone.
-std::shared_ptr<TivraAdapter> TivraAdapter::instance_;
-std::mutex TivraAdapter::instanceMutex_;
+// none of the mutexes, so it may run after they are gone. The instance and
+// its mutex are the library's own, not symbols of its interface.
+namespace {
+std::shared_ptr<TivraAdapter> instance_;
+std::mutex instanceMutex_;
+}  // namespace
 std::mutex TivraAdapterInner::listenerMapMutex_;
 std::mutex TivraAdapterInner::deathNotifierMapMutex_;
 std::mutex TivraAdapterInner::serviceInitMutex_;

@@ -9,7 +9,7 @@ set(TIVRA_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/tivra)
 # libhostbinder is no interface of ours: it lives in a folder of its own and
 # is found through the RUNPATH of what needs it.
 set(TIVRA_PRIVATE_LIBDIR ${CMAKE_INSTALL_LIBDIR}/tivra)
-file(RELATIVE_PATH _bin_to_lib /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
+file(RELATIVE_PATH _bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 
 # The platform's libutils and liblog keep the rpath their imported targets carry.
 set_target_properties(binderd tivra-monitord tivra-cli PROPERTIES
@@ -50,6 +50,6 @@ install(FILES ${PROJECT_SOURCE_DIR}/tools/tivra/tivra-completion.bash
 # The documentation keeps the source tree's layout, so its links hold.
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${TIVRA_DOC_DIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${TIVRA_DOC_DIR}/docs
-  FILES_MATCHING PATTERN "*.md")
+  FILES_MATCHING PATTERN "*.md" PATTERN man EXCLUDE)
 install(FILES ${PROJECT_SOURCE_DIR}/examples/device_watch.cpp ${PROJECT_SOURCE_DIR}/examples/CMakeLists.txt
   DESTINATION ${TIVRA_DOC_DIR}/examples)

@@ -1,5 +1,6 @@
 #include "device_info_external.h"
 
+#include <iterator>
 #include <utility>
 
 #include "text_conversion.h"
@@ -30,6 +31,14 @@ DeviceInfoExternal::DeviceInfoExternal(std::string deviceName, std::string devic
       deviceIp_(std::move(deviceIp)) {}
 
 android::status_t DeviceInfoExternal::writeToParcel(android::Parcel* parcel) const {
+    // All four at once when they can be; else one by one, which tells which failed.
+    const std::string* texts[std::size(kWireOrder)];
+    for (size_t i = 0; i < std::size(kWireOrder); ++i) {
+        texts[i] = &(this->*kWireOrder[i].member);
+    }
+    if (WriteUtf8sAsString16s(parcel, texts, std::size(kWireOrder))) {
+        return android::OK;
+    }
     for (const WireField& field : kWireOrder) {
         const android::status_t status = WriteUtf8AsString16(parcel, this->*field.member);
         if (status != android::OK) {

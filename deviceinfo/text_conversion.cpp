@@ -3,8 +3,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <memory>
-#include <optional>
+#include <string>
 
 #include <utils/String8.h>
 
@@ -56,50 +55,77 @@ bool AllPlainAscii(uint64_t word) {
     return (((word - kOnes) | word) & kNonAscii) == 0;
 }
 
-// Converts the leading run of plain ASCII, one lane per element, from `src`
-// (elements of SrcLane) to `dst` (elements of DstLane) and returns how many
-// elements it covered. Whole words are tested; the run is only extended to the
+// Loads unit `i` by copy: text read in place from a parcel need not be aligned.
+char16_t UnitAt(const unsigned char* units, size_t i) {
+    char16_t unit = 0;
+    std::memcpy(&unit, units + i * sizeof(char16_t), sizeof(unit));
+    return unit;
+}
+
+// Narrows the leading run of plain ASCII units of `count` to `dst` and returns
+// how many it covered. Whole words are tested; the run is only extended to the
 // end through an overlapping last word, so a short tail stays for the caller.
-template <typename SrcLane, typename DstLane>
-size_t NarrowOrWidenAscii(const unsigned char* src, size_t count, DstLane* dst) {
-    constexpr size_t kPerWord = sizeof(uint64_t) / sizeof(SrcLane);
-    const auto load = [src](size_t at) {
+size_t NarrowAscii(const unsigned char* units, size_t count, char* dst) {
+    constexpr size_t kPerWord = sizeof(uint64_t) / sizeof(char16_t);
+    const auto plain = [units](size_t at) {
         uint64_t word = 0;
-        std::memcpy(&word, src + at * sizeof(SrcLane), sizeof(word));
-        return word;
+        std::memcpy(&word, units + at * sizeof(char16_t), sizeof(word));
+        return AllPlainAscii<char16_t>(word);
     };
-    const auto copy = [src, dst](size_t at) {
+    const auto copy = [units, dst](size_t at) {
         for (size_t k = at; k < at + kPerWord; ++k) {
-            SrcLane lane{};
-            std::memcpy(&lane, src + k * sizeof(SrcLane), sizeof(lane));
-            dst[k] = static_cast<DstLane>(lane);
+            dst[k] = static_cast<char>(UnitAt(units, k));
         }
     };
     size_t done = 0;
-    for (; count - done >= kPerWord && AllPlainAscii<SrcLane>(load(done)); done += kPerWord) {
+    for (; count - done >= kPerWord && plain(done); done += kPerWord) {
         copy(done);
     }
-    if (done < count && count >= kPerWord && count - done < kPerWord && AllPlainAscii<SrcLane>(load(count - kPerWord))) {
+    if (done < count && count >= kPerWord && count - done < kPerWord && plain(count - kPerWord)) {
         copy(count - kPerWord);
         done = count;
     }
     return done;
 }
 
-// Converts well-formed UTF-8 up to its first NUL or `size` bytes into `dst`,
-// which holds at least `size` units (no byte yields more than one unit), and
-// stores the number of units. False, with `dst` in no defined state, when the
-// text is not well-formed.
-bool Utf8ToUtf16(const unsigned char* src, size_t size, char16_t* dst, size_t* units) {
-    size_t i = NarrowOrWidenAscii<uint8_t>(src, size, dst);
-    char16_t* const start = dst;
-    dst += i;
-    while (i < size) {
-        if (src[i] == 0) {
-            break;
-        }
+// The length of the leading run of bytes that are ASCII other than NUL,
+// tested a word at a time; an overlapping last word covers a short tail.
+size_t PlainAsciiPrefix(const unsigned char* src, size_t size) {
+    const auto plain = [src](size_t at) {
+        uint64_t word = 0;
+        std::memcpy(&word, src + at, sizeof(word));
+        return AllPlainAscii<uint8_t>(word);
+    };
+    size_t done = 0;
+    for (; size - done >= sizeof(uint64_t) && plain(done); done += sizeof(uint64_t)) {
+    }
+    if (done < size && size >= sizeof(uint64_t) && size - done < sizeof(uint64_t) && plain(size - sizeof(uint64_t))) {
+        return size;
+    }
+    while (done < size && src[done] - 1u < 0x7Fu) {
+        ++done;
+    }
+    return done;
+}
+
+// Well-formed UTF-8 text measured before it is converted: how many bytes lead
+// as plain ASCII, how many come before its first NUL (or its end), and how
+// many UTF-16 units those make.
+struct Utf8Measure {
+    size_t ascii = 0;
+    size_t bytes = 0;
+    size_t units = 0;
+};
+
+// False when the text before its first NUL is not well-formed.
+bool MeasureUtf8(const unsigned char* src, size_t size, Utf8Measure* measure) {
+    size_t i = PlainAsciiPrefix(src, size);
+    measure->ascii = i;
+    size_t units = i;
+    while (i < size && src[i] != 0) {
         if (src[i] < 0x80) {
-            *dst++ = src[i++];
+            ++i;
+            ++units;
             continue;
         }
         char32_t cp = 0;
@@ -108,55 +134,60 @@ bool Utf8ToUtf16(const unsigned char* src, size_t size, char16_t* dst, size_t* u
             return false;
         }
         i += length;
-        if (cp >= 0x10000) {
-            *dst++ = static_cast<char16_t>(0xD800 + ((cp - 0x10000) >> 10));
-            cp = 0xDC00 + (cp & 0x3FF);
-        }
-        *dst++ = static_cast<char16_t>(cp);
+        units += cp >= 0x10000 ? 2 : 1;
     }
-    *units = static_cast<size_t>(dst - start);
+    measure->bytes = i;
+    measure->units = units;
     return true;
 }
 
-// Text up to this many bytes converts without a heap allocation.
-constexpr size_t kInlineUnits = 128;
+// Stores `unit` at `dst`, which need not be aligned, and returns the next place.
+unsigned char* PutUnit(char16_t unit, unsigned char* dst) {
+    std::memcpy(dst, &unit, sizeof(unit));
+    return dst + sizeof(unit);
+}
 
-// The UTF-16 form of UTF-8 text up to its first NUL, exactly as libutils'
-// String16 makes it. Well-formed text is converted here, short text inside
-// the object so that converting a field for a write allocates nothing; text
-// that is not well-formed goes to String16 itself, whose answers for it
-// (dropped, merged or kept bytes) are the platform's.
-class Utf16Text {
-public:
-    explicit Utf16Text(const std::string& utf8) {
-        char16_t* dst = inline_;
-        if (utf8.size() > kInlineUnits) {
-            heap_.reset(new char16_t[utf8.size()]);
-            dst = heap_.get();
-        }
-        if (!Utf8ToUtf16(reinterpret_cast<const unsigned char*>(utf8.data()), utf8.size(), dst, &size_)) {
-            genuine_.emplace(utf8.c_str());
-            size_ = genuine_->size();
-        }
+// Writes the units of measured text to `dst`, which need not be aligned.
+void ConvertMeasuredUtf8(const unsigned char* src, const Utf8Measure& measure, unsigned char* dst) {
+    const size_t ascii = measure.ascii;
+    const size_t bytes = measure.bytes;
+    for (size_t i = 0; i < ascii; ++i) {
+        PutUnit(src[i], dst + i * sizeof(char16_t));
     }
-    Utf16Text(const Utf16Text&) = delete;
-    Utf16Text& operator=(const Utf16Text&) = delete;
+    dst += ascii * sizeof(char16_t);
+    for (size_t i = ascii; i < bytes;) {
+        if (src[i] < 0x80) {
+            dst = PutUnit(src[i++], dst);
+            continue;
+        }
+        char32_t cp = 0;
+        i += DecodeUtf8(src + i, bytes - i, &cp);
+        if (cp >= 0x10000) {
+            dst = PutUnit(static_cast<char16_t>(0xD800 + ((cp - 0x10000) >> 10)), dst);
+            cp = 0xDC00 + (cp & 0x3FF);
+        }
+        dst = PutUnit(static_cast<char16_t>(cp), dst);
+    }
+}
 
-    const char16_t* data() const { return genuine_ ? genuine_->string() : heap_ ? heap_.get() : inline_; }
-    size_t size() const { return size_; }
+// The most units a String16 in a parcel may have.
+constexpr size_t kMaxUnits = static_cast<size_t>(std::numeric_limits<int32_t>::max()) / sizeof(char16_t) - 1;
 
-private:
-    char16_t inline_[kInlineUnits];
-    std::unique_ptr<char16_t[]> heap_;
-    std::optional<android::String16> genuine_;
-    size_t size_ = 0;
-};
+// The bytes writeString16 takes for `units` units: the length, the units and
+// a terminator, padded to four.
+size_t String16Span(size_t units) { return sizeof(int32_t) + ((units + 1) * sizeof(char16_t) + 3) / 4 * 4; }
 
-// Loads unit `i` by copy: text read in place from a parcel need not be aligned.
-char16_t UnitAt(const unsigned char* units, size_t i) {
-    char16_t unit = 0;
-    std::memcpy(&unit, units + i * sizeof(char16_t), sizeof(unit));
-    return unit;
+// Writes measured text at `slot` framed as writeString16 frames it and
+// returns the end of its span.
+unsigned char* PutString16(const unsigned char* src, const Utf8Measure& measure, unsigned char* slot) {
+    const int32_t length = static_cast<int32_t>(measure.units);
+    std::memcpy(slot, &length, sizeof(length));
+    unsigned char* end = slot + String16Span(measure.units);
+    // The terminator, and the padding unit that an even length leaves.
+    const uint32_t zero = 0;
+    std::memcpy(end - sizeof(zero), &zero, sizeof(zero));
+    ConvertMeasuredUtf8(src, measure, slot + sizeof(length));
+    return end;
 }
 
 // Calls `emit` with each code point of `count` units; false at the first
@@ -212,7 +243,7 @@ void AssignUtf8(const unsigned char* units, size_t count, std::string* out) {
         out->resize(count);
     }
     char* dst = &(*out)[0];
-    size_t done = NarrowOrWidenAscii<char16_t>(units, count, dst);
+    size_t done = NarrowAscii(units, count, dst);
     for (; done < count && UnitAt(units, done) - 1u < 0x7Fu; ++done) {
         dst[done] = static_cast<char>(UnitAt(units, done));
     }
@@ -237,8 +268,14 @@ void AssignUtf8(const unsigned char* units, size_t count, std::string* out) {
 }  // namespace
 
 android::String16 ToString16(const std::string& utf8) {
-    const Utf16Text text(utf8);
-    return android::String16(text.data(), text.size());
+    const auto* src = reinterpret_cast<const unsigned char*>(utf8.data());
+    Utf8Measure measure;
+    if (!MeasureUtf8(src, utf8.size(), &measure)) {
+        return android::String16(utf8.c_str());  // the platform's answer, whatever the text
+    }
+    std::u16string units(measure.units, u'\0');
+    ConvertMeasuredUtf8(src, measure, reinterpret_cast<unsigned char*>(&units[0]));
+    return android::String16(units.data(), units.size());
 }
 
 std::string ToUtf8(const android::String16& utf16) {
@@ -248,8 +285,42 @@ std::string ToUtf8(const android::String16& utf16) {
 }
 
 android::status_t WriteUtf8AsString16(android::Parcel* parcel, const std::string& utf8) {
-    const Utf16Text text(utf8);
-    return parcel->writeString16(text.data(), text.size());
+    const std::string* const texts[] = {&utf8};
+    if (WriteUtf8sAsString16s(parcel, texts, 1)) {
+        return android::OK;
+    }
+    // Text that is not well-formed, or a parcel that cannot take it: the
+    // platform's conversion and the primitive's answer.
+    return parcel->writeString16(android::String16(utf8.c_str()));
+}
+
+bool WriteUtf8sAsString16s(android::Parcel* parcel, const std::string* const* texts, size_t count) {
+    constexpr size_t kMostTexts = 8;
+    Utf8Measure measures[kMostTexts];
+    if (count > kMostTexts) {
+        return false;
+    }
+    size_t span = 0;
+    for (size_t i = 0; i < count; ++i) {
+        const std::string& text = *texts[i];
+        if (!MeasureUtf8(reinterpret_cast<const unsigned char*>(text.data()), text.size(), &measures[i]) ||
+            measures[i].units > kMaxUnits) {
+            return false;
+        }
+        span += String16Span(measures[i].units);
+        if (span > static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
+            return false;  // more than any parcel holds
+        }
+    }
+    // One slot for all: the bytes writeString16 writes for each, converted in place.
+    auto* slot = static_cast<unsigned char*>(parcel->writeInplace(span));
+    if (slot == nullptr) {
+        return false;
+    }
+    for (size_t i = 0; i < count; ++i) {
+        slot = PutString16(reinterpret_cast<const unsigned char*>(texts[i]->data()), measures[i], slot);
+    }
+    return true;
 }
 
 android::status_t ReadString16AsUtf8(const android::Parcel* parcel, std::string* utf8) {

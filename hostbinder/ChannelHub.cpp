@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -316,7 +317,7 @@ bool ChannelHub::serveCall(const std::shared_ptr<Channel>& channel, const Frame&
     status_t status = OK;
     const sp<BBinder> target = reach(*channel, call.handle, &status);
     if ((call.flags & IBinder::FLAG_ONEWAY) != 0) {
-        const uint64_t charge = onewayCharge(call.dataSize, 0);
+        const uint64_t charge = bufferCharge(call.dataSize, 0, true);
         if (target == nullptr) {
             channel->finished += charge;
             IPCThreadState::self()->noteChannelDone(channel->id, channel->finished);
@@ -343,6 +344,8 @@ bool ChannelHub::serveCall(const std::shared_ptr<Channel>& channel, const Frame&
         status = IPCThreadState::self()->executeDirect(channel->peerPid, channel->peerUid, channel->id, target,
                                                       call.code, parcel, &reply);
     }
+    // As on the platform, only a negative status fails the call.
+    status = std::min<status_t>(status, OK);
     bool sent = true;
     if (status == OK && reply.objectsCount() > 0) {
         // Binder objects in a reply need binderd to translate them.

@@ -220,7 +220,7 @@ status_t IPCThreadState::sendDirectOneway(int32_t handle, uint32_t code, const P
     if (channel->relaying || !welcomed(*channel, false)) {
         return kGoRelay;
     }
-    const size_t charge = hostbinder::onewayCharge(data.dataSize(), 0);
+    const size_t charge = hostbinder::bufferCharge(data.dataSize(), 0, true);
     if (channel->credit < charge) {
         const status_t status = requestCredit(*channel, charge - channel->credit);
         if (status != OK) {

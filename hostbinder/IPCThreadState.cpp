@@ -3,6 +3,7 @@
 #include <linux/android/binder.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include <binder/Binder.h>
@@ -115,7 +116,11 @@ bool IPCThreadState::connect() {
     mConnection.reset();
     mCredit = OnewayCredit{};
     mOnewayAhead.clear();
-    forgetChannels();
+    // A thread's first connection keeps what it noted for this session; a
+    // new session after a lost one starts afresh.
+    if (mGeneration != 0) {
+        forgetChannels();
+    }
     hostbinder::HelloThread hello{};
     uint64_t generation = 0;
     if (!mProcess->ensureSession(&hello.token, &generation)) {
@@ -128,6 +133,7 @@ bool IPCThreadState::connect() {
     if (mConnection == nullptr) {
         if (!error.empty()) {
             __android_log_print(ANDROID_LOG_ERROR, "hostbinder", "%s", error.c_str());
+            mProcess->noteConnectionError(error);
         }
         return false;
     }
@@ -221,11 +227,13 @@ status_t IPCThreadState::transactThroughBinderd(int32_t handle, uint32_t code, c
 }
 
 bool IPCThreadState::paidFromCredit(int32_t handle, const Parcel& data) {
-    if (handle != mCredit.handle || data.objectsCount() != 0 || data.dataSize() > mCredit.bytes ||
+    // Spent as binderd counts the call in the receiver's buffer.
+    const size_t charge = hostbinder::bufferCharge(data.dataSize(), 0, true);
+    if (handle != mCredit.handle || data.objectsCount() != 0 || charge > mCredit.bytes ||
         mProcess->creditRevocations() > mCredit.revocations) {
         return false;
     }
-    mCredit.bytes -= data.dataSize();
+    mCredit.bytes -= charge;
     return true;
 }
 
@@ -373,10 +381,12 @@ void IPCThreadState::executeTransaction(const hostbinder::Frame& frame) {
         mConnection->post(hostbinder::kOnewayDone);
         return;
     }
-    if (status == OK && !fitsLimit(reply)) {
+    // As on the platform, only a negative status is an error; with any other
+    // the reply goes back as written.
+    if (status >= OK && !fitsLimit(reply)) {
         status = FAILED_TRANSACTION;
     }
-    sendReply(reply, status);
+    sendReply(reply, std::min<status_t>(status, OK));
 }
 
 void IPCThreadState::sendReply(const Parcel& reply, status_t status) {

@@ -105,11 +105,15 @@ uint8_t* Parcel::writeSlot(size_t len) {
     }
     uint8_t* slot = mData.get() + mDataPos;
     if (padLen != len) {
-        std::memset(slot + len, 0, padLen - len);
+        // Zero the last word whole: the caller's bytes then cover its start.
+        const uint32_t zero = 0;
+        std::memcpy(slot + padLen - sizeof(zero), &zero, sizeof(zero));
     }
     mDataPos = end;
     return slot;
 }
+
+void* Parcel::writeInplace(size_t len) { return writeSlot(len); }
 
 status_t Parcel::checkRead(size_t len) const {
     const size_t padLen = padded(len);
@@ -162,14 +166,28 @@ const void* Parcel::readInplace(size_t len) const {
     return where;
 }
 
+// Values are whole words, so they need no padding.
 template <typename T>
 status_t Parcel::writeValue(T value) {
-    return write(&value, sizeof(value));
+    static_assert(sizeof(T) % 4 == 0, "a value fills whole words");
+    uint8_t* slot = writeSlot(sizeof(T));
+    if (slot == nullptr) {
+        return BAD_VALUE;
+    }
+    std::memcpy(slot, &value, sizeof(T));
+    return OK;
 }
 
 template <typename T>
 status_t Parcel::readValue(T* out) const {
-    return read(out, sizeof(T));
+    static_assert(sizeof(T) % 4 == 0, "a value fills whole words");
+    const status_t status = checkRead(sizeof(T));
+    if (status != OK) {
+        return status;
+    }
+    std::memcpy(out, mData.get() + mDataPos, sizeof(T));
+    mDataPos += sizeof(T);
+    return OK;
 }
 
 template <typename T>

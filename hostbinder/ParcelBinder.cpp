@@ -116,11 +116,8 @@ status_t Parcel::readBinderObject(sp<IBinder>* val, bool nullable) const {
         setDataPosition(start);
         return BAD_TYPE;
     }
-    if (binder == nullptr && !nullable) {
-        return UNEXPECTED_NULL;
-    }
     *val = binder;
-    return OK;
+    return binder == nullptr && !nullable ? UNEXPECTED_NULL : OK;
 }
 
 status_t Parcel::readStrongBinder(sp<IBinder>* val) const { return readBinderObject(val, false); }

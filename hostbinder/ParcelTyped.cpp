@@ -54,7 +54,7 @@ status_t Parcel::readUtf8FromUtf16(std::unique_ptr<std::string>* str) const {
 }
 
 status_t Parcel::readString16(std::unique_ptr<String16>* pArg) const {
-    return readNullable(pArg, NullWhen::kMinusOne, Reader<String16>(&Parcel::readString16));
+    return readNullable(pArg, NullWhen::kNegative, Reader<String16>(&Parcel::readString16));
 }
 
 status_t Parcel::writeVectorCount(size_t count) {

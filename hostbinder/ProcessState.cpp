@@ -46,6 +46,7 @@ bool ProcessState::connectLocked() {
     std::string error = hostbinder::unsafeSocketReason(path, hostbinder::socketChosenByUser());
     if (!error.empty()) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "not using binderd at %s: %s", path.c_str(), error.c_str());
+        mLastConnectionError = "not using binderd at " + path + ": " + error;
         return false;
     }
     const hostbinder::HelloProcess hello{static_cast<uint32_t>(mMaxThreads), 0};
@@ -56,6 +57,7 @@ bool ProcessState::connectLocked() {
     if (!error.empty()) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "%s", error.c_str());
     }
+    mLastConnectionError = error;
     if (control == nullptr || payload.size() != sizeof(welcome)) {
         return false;
     }
@@ -213,6 +215,15 @@ uint64_t ProcessState::creditRevocations() const { return mCreditRevocations; }
 ChannelHub& ProcessState::channels() { return *mChannels; }
 
 OnewayChannels& ProcessState::onewayChannels() { return *mOnewayChannels; }
+std::string ProcessState::lastConnectionError() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mLastConnectionError;
+}
+
+void ProcessState::noteConnectionError(const std::string& error) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mLastConnectionError = error;
+}
 
 status_t ProcessState::sendControl(uint32_t command, const void* payload, size_t size) {
     std::shared_ptr<Connection> control;
@@ -274,6 +285,14 @@ void ProcessState::controlLoop(std::shared_ptr<Connection> control, uint64_t gen
             uint32_t watched = 0;
             std::memcpy(&watched, payload.data(), sizeof(watched));
             mTrafficWatched = watched != 0;
+        } else if (command == hostbinder::kConnectionRefused && payload.size() == sizeof(uint32_t)) {
+            // binderd ends the session, and says why.
+            uint32_t reason = 0;
+            std::memcpy(&reason, payload.data(), sizeof(reason));
+            const std::string error = "binderd at " + hostbinder::defaultSocketPath() +
+                                      " ended this process's session: " + hostbinder::refusalText(reason);
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s", error.c_str());
+            noteConnectionError(error);
         } else if (command == hostbinder::kDeadBinder && payload.size() == sizeof(uint32_t)) {
             int32_t handle = 0;
             std::memcpy(&handle, payload.data(), sizeof(handle));

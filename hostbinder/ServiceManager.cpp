@@ -1,8 +1,10 @@
 // The client side of the service manager at handle 0.
 #include <binder/IServiceManager.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <string>
 
 #include <android/os/BnServiceCallback.h>
 #include <binder/IPCThreadState.h>
@@ -49,11 +51,15 @@ public:
         mChanged.notify_all();
     }
 
-    // The registered binder, or null once binderd went away.
-    sp<IBinder> wait() {
+    // False when nothing was heard within the timeout; else true, with the
+    // registered binder, or null once binderd went away.
+    bool waitFor(std::chrono::milliseconds timeout, sp<IBinder>* binder) {
         std::unique_lock<std::mutex> lock(mLock);
-        mChanged.wait(lock, [this] { return mDone; });
-        return mBinder;
+        if (!mChanged.wait_for(lock, timeout, [this] { return mDone; })) {
+            return false;
+        }
+        *binder = mBinder;
+        return true;
     }
 
 private:
@@ -101,7 +107,10 @@ public:
         }
         sp<IBinder> found;
         if (registerForNotifications(name, waiter) == OK) {
-            found = waiter->wait();
+            // As the platform's wait does, it looks again each second: a
+            // notice binderd could not deliver must not leave it waiting for ever.
+            while (!waiter->waitFor(std::chrono::seconds(1), &found) && (found = checkService(name)) == nullptr) {
+            }
             if (found != nullptr) {
                 unregisterForNotifications(name, waiter);
             }
@@ -155,12 +164,24 @@ private:
         if (transport != OK) {
             return transport;
         }
-        if (!status.isOk()) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s %s: %s", what, String8(name).string(),
-                                status.toString8().string());
-        }
+        logOutcome(status.isOk() ? std::string()
+                                 : std::string(what) + " " + String8(name).string() + ": " +
+                                       status.toString8().string());
         return status.isOk() ? OK : status.exceptionCode();
     }
+
+    // Logs a refusal, once while the same one repeats: a process that tries
+    // again and again while another holds a name says so once.
+    void logOutcome(const std::string& refusal) {
+        std::lock_guard<std::mutex> lock(mLogLock);
+        if (!refusal.empty() && refusal != mLastRefusal) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s", refusal.c_str());
+        }
+        mLastRefusal = refusal;
+    }
+
+    std::mutex mLogLock;
+    std::string mLastRefusal;
 
     status_t callbackCall(uint32_t code, const char* what, const String16& name,
                           const sp<os::IServiceCallback>& callback) {

@@ -6,7 +6,9 @@
 #   tests/abi_test.sh SOURCE_DIR BUILD_DIR --update
 # Usage: abi_test.sh SOURCE_DIR BUILD_DIR [--update]
 set -euo pipefail
-source_dir=$1
+# Absolute, as the paths in the debug information are: "." would also strip
+# every character followed by a slash.
+source_dir=$(cd "$1" && pwd -P)
 build_dir=$2
 library=$build_dir/adapter/libtivra.so
 baseline=$source_dir/adapter/libtivra.abi

@@ -257,13 +257,13 @@ protected:
     }
 
     // binderd's answer to a call of `size` bytes from `thread`: 0 when it
-    // went to the service, else the refusal's status.
-    int32_t call(ConnectionId thread, size_t size, uint32_t flags) {
+    // went to the service (or `target`), else the refusal's status.
+    int32_t call(ConnectionId thread, size_t size, uint32_t flags, uint32_t target = 0) {
         const size_t before = outbox.sent.size();
         Parcel data;
         const std::vector<uint8_t> bytes(size, 7);
         data.write(bytes.data(), bytes.size());
-        EXPECT_TRUE(feed(thread, kTransaction, transactionPayload(handle, 1, flags, data)));
+        EXPECT_TRUE(feed(thread, kTransaction, transactionPayload(target == 0 ? handle : target, 1, flags, data)));
         for (size_t i = before; i < outbox.sent.size(); ++i) {
             if (outbox.sent[i].to == thread && outbox.sent[i].command == kRefused) {
                 int32_t status = 0;
@@ -272,6 +272,20 @@ protected:
             }
         }
         return 0;
+    }
+
+    // Another process (control `control`, one looper `control + 1`) serving
+    // a fresh binder under `name`; the client's handle to it.
+    uint32_t startService(ConnectionId control, pid_t pid, const std::string& name, uid_t uid = 1000) {
+        driver.onConnect(control, pid, uid);
+        driver.onConnect(control + 1, pid, uid);
+        const HelloProcess hello{15, 0};
+        EXPECT_TRUE(feed(control, kHelloProcess, bytesOf(hello)));
+        EXPECT_TRUE(feed(control + 1, kHelloThread, sent(control, kWelcome).payload));
+        EXPECT_TRUE(feed(control + 1, kEnterLooper, {}));
+        EXPECT_EQ(addService(control + 1, name, new BBinder()), kExNone);
+        EXPECT_TRUE(feed(kClientThread, kTransaction, serviceManagerCall(kCheckService, name, nullptr)));
+        return handleIn(sent(kClientThread, kIncomingReply));
     }
 
     size_t framesTo(ConnectionId to, uint32_t command) const {
@@ -418,20 +432,166 @@ TEST_F(DriverFrames, WorkForAProcessStaysWithinItsBuffer) {
     constexpr ConnectionId kSecondThread = 5, kThirdThread = 6;
     addClientThread(kSecondThread);
     addClientThread(kThirdThread);
-    constexpr size_t kThird = kMaxTransactionBytes / 3;
+    // Data rounded up to 8 bytes; a one-way call also its overhead.
+    constexpr size_t kThird = kMaxTransactionBytes / 3 / 8 * 8 + 4;
+    const size_t room = kMaxTransactionBytes - bufferCharge(kThird, 0, false) - bufferCharge(kThird, 0, true);
     // The service's one looper takes the first call and does not answer:
     // what follows waits in its buffer.
     EXPECT_EQ(call(kClientThread, kThird, 0), 0);
     EXPECT_EQ(call(kSecondThread, kThird, kFlagOneway), 0);
     // One-way beyond half of the buffer is refused, and so is anything
-    // beyond all of it.
+    // beyond all of it, to the byte.
     EXPECT_EQ(call(kThirdThread, kThird, kFlagOneway), FAILED_TRANSACTION);
-    EXPECT_EQ(call(kThirdThread, kThird + 64, 0), FAILED_TRANSACTION);
-    EXPECT_EQ(call(kThirdThread, kThird - 64, 0), 0);
+    EXPECT_EQ(call(kThirdThread, room + 4, 0), FAILED_TRANSACTION);
+    EXPECT_EQ(call(kThirdThread, room, 0), 0);
     // An answered call gives its room back.
     TransactionHeader reply{};
     ASSERT_TRUE(feed(kServiceLooper, kReply, bytesOf(reply)));
     EXPECT_EQ(call(kClientThread, kThird, 0), 0);
+}
+
+TEST_F(DriverFrames, OneWayCallsOfAnySizeFillTheBufferAsCountedAndGoAheadWithinBounds) {
+    constexpr size_t kFrameHeaders = sizeof(FrameHeader) + sizeof(TransactionHeader);
+    struct Case {
+        size_t size;
+        size_t ahead;  // calls sent ahead to the thread running the first
+    };
+    const std::vector<Case> cases{
+        {0, kMaxPipelinedCalls},
+        {4, kMaxPipelinedCalls},
+        {1000, kMaxPipelinedBytes / (kFrameHeaders + 1000)},
+    };
+    for (size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE(cases[i].size);
+        // A fresh service whose one looper runs the first call and no more.
+        const ConnectionId control = 20 + 2 * i;
+        const uint32_t target = startService(control, static_cast<pid_t>(300 + i), "stuck" + std::to_string(i));
+        const size_t fits = kMaxQueuedOnewayBytes / bufferCharge(cases[i].size, 0, true);
+        size_t accepted = 0;
+        while (accepted <= fits && call(kClientThread, cases[i].size, kFlagOneway, target) == 0) {
+            ++accepted;
+        }
+        EXPECT_EQ(accepted, fits);
+        EXPECT_EQ(framesTo(control + 1, kIncomingTransaction), 1 + cases[i].ahead);
+    }
+}
+
+TEST_F(DriverFrames, TheSessionsOfOneProcessShareItsBounds) {
+    // A second session of the service's process, with a binder of its own.
+    constexpr ConnectionId kSecondControl = 5;
+    const uint32_t second = startService(kSecondControl, 200, "svc.second");
+    // The first session's buffer fills up: the second's is the same one.
+    while (call(kClientThread, 0, kFlagOneway) == 0) {
+    }
+    EXPECT_EQ(call(kClientThread, 0, kFlagOneway, second), FAILED_TRANSACTION);
+    // Names: the two sessions hold the process's share together.
+    const sp<IBinder> other = new BBinder();
+    for (size_t i = 2; i < android::binderd::kMaxNamesPerProcess; ++i) {
+        ASSERT_EQ(addService(i % 2 == 0 ? kServiceLooper : kSecondControl + 1, "name" + std::to_string(i), other),
+                  kExNone);
+    }
+    EXPECT_EQ(addService(kSecondControl + 1, "one.too.many", other), kExIllegalState);
+    EXPECT_EQ(addService(kServiceLooper, "one.too.many", other), kExIllegalState);
+    // What the sessions held goes back when they end.
+    driver.onDisconnect(kServiceControl);
+    driver.onDisconnect(kSecondControl);
+    driver.onDisconnect(kClientControl);
+    for (size_t kind = 0; kind < android::binderd::kHoldings; ++kind) {
+        EXPECT_EQ(driver.holdings().total(kind), 0u) << "holding " << kind;
+    }
+}
+
+TEST_F(DriverFrames, WhenAUidRunsOutTheProcessHoldingTheMostGivesWay) {
+    using android::binderd::kMaxNamesPerProcess;
+    using android::binderd::kMaxNamesPerUid;
+    // Processes of the client's uid take all its names but the service's one.
+    const sp<IBinder> other = new BBinder();
+    std::vector<ConnectionId> hogs;
+    for (size_t hog = 0; hog < kMaxNamesPerUid / kMaxNamesPerProcess; ++hog) {
+        const ConnectionId control = 20 + 2 * hog;
+        startService(control, static_cast<pid_t>(300 + hog), "hog" + std::to_string(hog) + ".0");
+        hogs.push_back(control);
+        for (size_t i = 1; i < kMaxNamesPerProcess - (hog == 0 ? 1 : 0); ++i) {
+            ASSERT_EQ(addService(control + 1, "hog" + std::to_string(hog) + "." + std::to_string(i), other), kExNone);
+        }
+    }
+    ASSERT_TRUE(outbox.finished.empty());
+    // The client holds no name: its first one is taken from a process
+    // holding the most, whose sessions end.
+    EXPECT_EQ(addService(kClientThread, "innocent", other), kExNone);
+    ASSERT_EQ(outbox.finished.size(), 1u);
+    const ConnectionId evicted = outbox.finished[0];
+    EXPECT_NE(std::find(hogs.begin() + 1, hogs.end(), evicted), hogs.end()) << "not one holding the most";
+    // Its control connection heard why.
+    uint32_t reason = 0;
+    std::memcpy(&reason, sent(evicted, kConnectionRefused).payload.data(), sizeof(reason));
+    EXPECT_EQ(reason, kEvicted);
+    // Once it is gone, its names are free for anyone.
+    driver.onDisconnect(evicted);
+    EXPECT_EQ(addService(kClientThread, "innocent.too", other), kExNone);
+    EXPECT_EQ(outbox.finished.size(), 1u);
+}
+
+TEST(Ledger, ASharedBoundIsTakenFromTheHeaviestHolderAndNeverFromTheLightest) {
+    // One kind: 10 per process, 15 per uid, 30 in all.
+    using Ledger = android::binderd::Ledger<1>;
+    using Verdict = Ledger::Verdict;
+    Ledger ledger({{10}, {15}, {30}});
+    const Ledger::Holder a{1, 11}, b{1, 12}, c{1, 13}, d{2, 21}, e{2, 22}, f{3, 31}, g{3, 32};
+    struct Step {
+        const char* name;
+        Ledger::Holder taker;
+        size_t amount;
+        Verdict verdict;
+        pid_t victim = 0;
+    };
+    const std::vector<Step> steps{
+        {"within every bound", a, 8, Verdict::kFits},
+        {"over its own bound", a, 3, Verdict::kRefused},
+        {"its uid full to the bound", b, 7, Verdict::kFits},
+        {"a light process crosses its uid's bound: the heaviest gives way", c, 1, Verdict::kGiveWay, 11},
+        {"what gives way counts no more", c, 1, Verdict::kFits},
+        {"more of the same", c, 5, Verdict::kFits},
+        {"the heaviest of its uid crossing the bound is refused", b, 3, Verdict::kRefused},
+        {"another uid", d, 10, Verdict::kFits},
+        {"the total nearly full", e, 5, Verdict::kFits},
+        {"the total crossed: the heaviest uid's heaviest process gives way", f, 3, Verdict::kGiveWay, 21},
+        {"room again", f, 3, Verdict::kFits},
+        {"a third uid", g, 7, Verdict::kFits},
+        {"the total crossed by a light uid's process", e, 3, Verdict::kGiveWay, 12},
+    };
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.name);
+        const Ledger::Judgement judgement = ledger.judge(step.taker, 0, step.amount);
+        EXPECT_EQ(judgement.verdict, step.verdict);
+        if (judgement.verdict == Verdict::kFits) {
+            ledger.take(step.taker, 0, step.amount);
+        } else if (judgement.verdict == Verdict::kGiveWay) {
+            EXPECT_EQ(judgement.victim.pid, step.victim);
+            ledger.giveWay(judgement.victim);
+        }
+    }
+    // Holdings given back leave nothing behind.
+    for (const Ledger::Holder& holder : {a, b, c, d, e, f, g}) {
+        ledger.give(holder, 0, ledger.held(holder, 0));
+    }
+    EXPECT_EQ(ledger.total(0), 0u);
+    EXPECT_EQ(ledger.judge(a, 0, 10).verdict, Verdict::kFits);
+}
+
+TEST(HandleNumbers, ANewEntryNeverTakesANumberInUseNorZero) {
+    using android::binderd::HandleRef;
+    std::map<uint32_t, HandleRef> table{{UINT32_MAX, {}}, {1, {}}, {2, {}}, {5, {}}};
+    struct Case {
+        uint32_t next;
+        uint32_t number;
+    };
+    const std::vector<Case> cases{{3, 3}, {UINT32_MAX, 3}, {0, 3}, {5, 6}};
+    for (const Case& c : cases) {
+        uint32_t next = c.next;
+        EXPECT_EQ(android::binderd::newHandleNumber(table, &next), c.number) << "from " << c.next;
+        EXPECT_EQ(next, c.number + 1);
+    }
 }
 
 TEST_F(DriverFrames, LookupsWaitingForANameAreBoundedPerProcess) {
@@ -584,21 +744,33 @@ TEST(TrafficReport, OnlyTheOwnerAndRootMayWatchAndWatchersAreBounded) {
         }
         bool takesDescriptor(ConnectionId) const override { return false; }
         void cut(ConnectionId) override {}
-        void finish(ConnectionId) override {}
+        void finish(ConnectionId) override { ++finished; }
         size_t backlog(ConnectionId) const override { return 0; }
         void writeNow(ConnectionId) override {}
         void drain(ConnectionId) override {}
+        size_t finished = 0;
     } outbox;
+    using android::binderd::kMaxWatchers;
+    using android::binderd::kMaxWatchersPerProcess;
     android::binderd::TrafficReport report(outbox, 1000);
-    EXPECT_EQ(report.admit(1, 1001), kNotAllowedToWatch);
+    EXPECT_EQ(report.admit(1, 10, 1001), kNotAllowedToWatch);
     EXPECT_FALSE(report.watched());
-    EXPECT_EQ(report.admit(2, 0), 0u);
-    for (ConnectionId id = 3; id < 2 + android::binderd::kMaxWatchers; ++id) {
-        ASSERT_EQ(report.admit(id, 1000), 0u);
+    EXPECT_EQ(report.admit(2, 10, 0), 0u);
+    // Each process within its share, one process per share.
+    for (ConnectionId id = 3; id < 2 + kMaxWatchers; ++id) {
+        ASSERT_EQ(report.admit(id, static_cast<pid_t>(100 + (id - 3) / kMaxWatchersPerProcess), 1000), 0u)
+            << "watcher " << id;
     }
-    EXPECT_EQ(report.admit(100, 1000), kTooManyConnections);
+    const pid_t full = 100;
+    EXPECT_EQ(report.admit(200, full, 1000), kTooManyConnections);
+    // All places taken: a process watching with none takes the newest place
+    // of one watching with the most.
+    EXPECT_EQ(report.admit(201, 500, 1000), 0u);
+    EXPECT_EQ(outbox.finished, 1u);
+    // A place that comes free is taken without anyone giving way.
     report.forget(2);
-    EXPECT_EQ(report.admit(100, 1000), 0u);
+    EXPECT_EQ(report.admit(202, 501, 1000), 0u);
+    EXPECT_EQ(outbox.finished, 1u);
 }
 
 TEST(TrafficReport, TheInterfaceDescriptorIsReadOnlyFromAWellFormedToken) {

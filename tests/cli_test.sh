@@ -15,6 +15,9 @@ monitord_bin=$build_dir/tools/tivra-monitord
 # pid is the program's.
 tivra() { "$tivra_bin" "$@"; }
 tivra-monitord() { "$monitord_bin" "$@"; }
+# full PROGRAM ARGS...: PROGRAM with its stdout on a full disk, stopped after
+# ten seconds should it keep going.
+full() { timeout 10 "$@" >/dev/full; }
 work=$(mktemp -d)
 pids=()
 cleanup() {
@@ -48,9 +51,14 @@ start_binderd() {
   pids+=("$binderd_pid")
   wait_for test -S "$HOSTBINDER_SOCKET" || fail "binderd did not come up"
 }
-# start_monitord [SCENARIO]: the sample unless told otherwise.
+# The sample without its timeline, so that what the checks see does not
+# depend on how fast they run.
+static_scenario=$work/static.json
+awk '/"timeline":/ { print "  \"timeline\": []"; print "}"; exit } { print }' \
+  "$source_dir/tools/scenarios/sample.json" >"$static_scenario"
+# start_monitord [SCENARIO]: the sample without its timeline unless told otherwise.
 start_monitord() {
-  "$monitord_bin" --scenario "${1:-$source_dir/tools/scenarios/sample.json}" >"$work/monitord.out" 2>&1 &
+  "$monitord_bin" --scenario "${1:-$static_scenario}" >"$work/monitord.out" 2>&1 &
   monitord_pid=$!
   pids+=("$monitord_pid")
   wait_for sh -c "'$tivra_bin' services 2>/dev/null | grep -qx PravikDeviceMonitorService" ||
@@ -65,19 +73,40 @@ expect 3 "binderd is not running" tivra watch
 start_binderd
 expect 3 "no device monitor service is registered.*tivra-monitord" tivra local-device
 expect 3 "no device monitor service is registered" tivra watch --for 300ms
+expect 3 "no device monitor service is registered" tivra watch --for=0.0001h
 expect 3 "tivra-monitord" tivra sim counts
 expect 0 "^$" tivra services
+# A binderd that does not answer: its silence is the reason, exit 3.
+kill -STOP "$binderd_pid"
+expect 3 "binderd at .* did not answer" tivra services
+kill -CONT "$binderd_pid"
 
 # Options: GNU long options on every level, bad usage is 2 and says why.
 expect 0 "^tivra \(libtivra\) [0-9]+\.[0-9]+\.[0-9]+$" tivra --version
 expect 0 "^tivra \(libtivra\) " tivra sim fault --version
 expect 0 "^tivra-monitord \(libtivra\) [0-9]+\.[0-9]+\.[0-9]+$" tivra-monitord --version
+expect 0 "^tivra \(libtivra\) " tivra -V
+expect 0 "^tivra-monitord \(libtivra\) " tivra-monitord -V
+# Output that cannot be written is an error, said once.
+expect 1 "^tivra: write error: No space left on device$" full "$tivra_bin" --version
+expect 1 "^tivra: write error: No space left on device$" full "$tivra_bin" watch --help
+expect 1 "^tivra-monitord: write error: No space left on device$" full "$monitord_bin" --version
+expect 1 "^binderd: write error: No space left on device$" full "$binderd" --help
+expect 2 "^tivra: option '--ver' is ambiguous; possibilities: '--verbose' '--version'$" tivra --ver
+expect 2 "^tivra-monitord: option '--ver' is ambiguous" tivra-monitord --ver
 expect 2 "^tivra: unknown option '--bogus'" tivra --bogus devices
 expect 2 "^tivra devices: unknown option '--bogus'" tivra devices --bogus
 expect 2 "^tivra: unknown option '-x'" tivra -x
 expect 2 "option '--json' takes no value" tivra --json=yes devices
 expect 2 "option '--for' needs a value" tivra watch --for
 expect 2 "bad duration 'soon'" tivra watch --for=soon
+expect 2 "bad duration '25h'" tivra watch --for=25h
+expect 2 "bad duration '1e3'" tivra watch --for=1e3
+# Empty values are slips, never defaults.
+expect 2 "option '--service' needs a non-empty value" tivra monitor --service ""
+expect 2 "^tivra-monitord: option '--scenario' needs a non-empty value" tivra-monitord --scenario=
+expect 2 "NAME must not be empty" tivra sim device-online "" "" "" ""
+expect 2 "NODE_ID must not be empty" tivra node ""
 expect 2 "unknown command 'bogus'" tivra bogus
 expect 2 "tivra devices: too many arguments" tivra devices extra
 expect 2 "tivra node: expected NODE_ID" tivra node
@@ -85,6 +114,14 @@ expect 2 "unexpected argument 'now'" tivra watch now
 expect 2 "--pid must be a process id, not 'me'" tivra monitor --pid me
 expect 2 "unknown command 'bogus' \(accepted: clear-faults, counts, " tivra sim bogus
 expect 2 "KIND must be 1, 2 or 3, not '9'" tivra sim node-changed node-tv-19c2 9
+expect 2 "unknown option '-1'; to give a negative number, put '--' before it" tivra sim stop -1
+expect 2 "CODE must be an exit status from 0 to 255, not '-1'" tivra sim stop -- -1
+expect 2 "CODE must be an exit status from 0 to 255, not '256'" tivra sim stop 256
+expect 2 "unknown method 'getEverything' \(accepted: addOnDeviceChangeListener, .*, getUuidByNodeId\)" \
+  tivra sim fault getEverything refuse
+expect 2 "only addDeviceChangeListener can refuse" tivra sim fault getAllDevices refuse
+expect 2 "a fault of kind exception needs --code=N" tivra sim fault getAllDevices exception
+expect 2 "--times must be 0 \(every call until clear-faults\) or more" tivra sim fault getAllDevices transport --code=-32 --times=-1
 expect 2 "unknown fault kind 'sometimes' \(accepted: exception, transport, refuse, corruptReply\)" \
   tivra sim fault getAllDevices sometimes
 expect 2 "--times must be a 32-bit number, not 'often'" tivra sim fault getAllDevices exception --times=often
@@ -111,6 +148,11 @@ expect 0 "node-local-7f3a" tivra local-node
 expect 0 '"deviceTypeName":"DEVICE_TYPE_0A"' tivra node --json node-spk-4410
 expect 0 "Kitchen Speaker +DEVICE_TYPE_0A +node-spk-4410" tivra nodes
 expect 0 "^IS_ACCOUNT_TRUST +true$" tivra ext node-tv-19c2
+# A node that is there and has no such value: an empty answer, and no
+# trailing spaces.
+expect 0 "^VERSION_TYPE$" tivra ext node-tv-19c2 VERSION_TYPE
+expect 0 '^\{"VERSION_TYPE":""\}$' tivra --json ext node-tv-19c2 VERSION_TYPE
+expect 1 "^tivra: write error: No space left on device$" full "$tivra_bin" --json nodes
 expect 0 '^\{"GROUP_INFO":"home"\}$' tivra --json ext node-tv-19c2 GROUP_INFO
 expect 0 "^UDID-7F3A-0001$" tivra udid node-local-7f3a
 expect 0 "^6fa459ea-ee8a-3ca4-894e-db77e160355e$" tivra uuid -- node-tv-19c2
@@ -119,21 +161,24 @@ expect 1 "no node 'node-unknown' in the network" tivra ext node-unknown
 expect 1 "no node '--json' in the network" tivra ext -- --json
 
 # The service changed and failing through tivra sim.
-expect 0 '"delivered": 0' tivra sim device-online "Hall Lamp" dev-lamp-1 LIGHT 192.168.1.77
+expect 0 '^\{"delivered":0\}$' tivra sim device-online "Hall Lamp" dev-lamp-1 LIGHT 192.168.1.77
 expect 0 "Hall Lamp +dev-lamp-1 +LIGHT" tivra devices
 expect 0 "^$" tivra sim fault getAllDevices exception --code -3 --times=1
 expect 1 "failed to answer the device list" tivra devices
 expect 0 "Hall Lamp" tivra devices
 expect 0 '^\{.*"getAllDevices":4' tivra sim counts --json
-expect 1 "unknown method 'getEverything' \(accepted: addOnDeviceChangeListener, " tivra sim fault getEverything refuse
+expect 1 "expected an exit status from 0 to 255" tivra sim raw '{"op":"exit","code":256}'
 expect 2 "not a JSON document: .*number overflow" tivra sim raw '{"op":"emit","event":{"event":"nodeInfoChanged","nodeId":"x","kind":1e400}}'
 
-# Widths: columns line up by what a terminal shows, under the C locale too.
+# Widths: columns line up by what a terminal shows, under the C locale too;
+# control characters from the service show escaped, taking their escapes' width.
 tivra sim device-online "客厅电视" dev-cjk TV 10.0.0.8 >/dev/null
 tivra sim device-online $'Cafe\xcc\x81 Lamp' dev-cafe LIGHT 10.0.0.9 >/dev/null
+tivra sim device-online $'Evil\e[2J\tLamp\\' dev-esc LIGHT 10.0.0.10 >/dev/null
 tivra devices >"$work/devices.out"
+! grep -q $'[\e\t]' "$work/devices.out" || fail "a control character reached the terminal: $(cat -A "$work/devices.out")"
 id_column=$(head -1 "$work/devices.out" | awk '{ print index($0, "ID") }')
-for row in "客厅电视 8 dev-cjk" $'Cafe\xcc\x81_Lamp 9 dev-cafe'; do
+for row in "客厅电视 8 dev-cjk" $'Cafe\xcc\x81_Lamp 9 dev-cafe' 'Evil\x1b[2J\tLamp\\ 19 dev-esc'; do
   read -r name width id <<<"$row"
   name=${name//_/ }
   printf -v padding '%*s' $((id_column - 1 - width)) ''
@@ -163,10 +208,14 @@ grep -qE "^[0-9:.]+  #[0-9]+ call   [0-9]+/[0-9]+ -> [0-9]+/[0-9]+  PravikDevice
   "$work/monitor-human.out" && ! grep -q servicemanager "$work/monitor-human.out" ||
   fail "monitor --service did not show the call alone: $(cat "$work/monitor-human.out")"
 
-# watch: the banner goes to stderr, events to stdout.
+# watch: the banner goes to stderr, events to stdout, no line ends in a
+# space; it stops when it cannot write.
 tivra watch --for 200ms >"$work/watch-human.out" 2>"$work/watch-human.err"
 grep -q "Ctrl-C to stop" "$work/watch-human.err" && ! grep -q "Ctrl-C" "$work/watch-human.out" ||
   fail "watch's banner is not on stderr alone"
+grep -q "stopped$" "$work/watch-human.out" || fail "watch's last line ends in spaces: $(cat -A "$work/watch-human.out")"
+expect 1 "^tivra: write error: No space left on device$" full "$tivra_bin" --json watch
+expect 1 "^tivra: write error: No space left on device$" full "$tivra_bin" --json monitor
 # watch --json: one object per line with RFC 3339 times, the service's death,
 # its return, and events after it.
 TZ=IST-5:30 "$tivra_bin" --json watch --for 20s >"$work/watch.out" 2>&1 &
@@ -215,6 +264,34 @@ start_monitord "$work/large.json"
 tivra --pretty devices >"$work/large.out" 2>&1 || fail "10,000 devices: $(head -3 "$work/large.out")"
 [ "$(grep -c '"id": "dev-' "$work/large.out")" -eq 10000 ] || fail "10,000 devices did not all arrive"
 grep -q '"id": "dev-10000"' "$work/large.out" || fail "the last of 10,000 devices is missing"
+
+# watch started before the service waits for it, then follows it.
+{ kill -KILL "$monitord_pid"; wait "$monitord_pid"; } 2>/dev/null
+"$tivra_bin" --json watch >"$work/watch-early.out" 2>&1 &
+pids+=($!)
+wait_for grep -q '"event":"waiting"' "$work/watch-early.out" || fail "watch did not wait: $(cat "$work/watch-early.out")"
+start_monitord
+wait_for grep -q '"event":"watching"' "$work/watch-early.out" || fail "watch did not register with the service that came"
+tivra sim node-changed node-tv-19c2 1 >/dev/null
+wait_for grep -q '"kind":1,"nodeId":"node-tv-19c2"' "$work/watch-early.out" || fail "watch started first heard nothing"
+# binderd killed outright comes back on its socket; tivra-monitord, finding
+# its name taken meanwhile, says so once while it tries again, then registers.
+kill -STOP "$monitord_pid"
+{ kill -KILL "$binderd_pid"; wait "$binderd_pid"; } 2>/dev/null
+start_binderd  # its socket was there all along: wait until it answers
+wait_for sh -c "'$tivra_bin' services >/dev/null 2>&1" || fail "binderd did not come back after SIGKILL"
+"$monitord_bin" --scenario "$static_scenario" >"$work/taker.out" 2>&1 &
+taker_pid=$!
+pids+=("$taker_pid")
+wait_for sh -c "'$tivra_bin' services 2>/dev/null | grep -qx PravikDeviceMonitorService" || fail "the new binderd serves no one"
+kill -CONT "$monitord_pid"
+wait_for sh -c "[ \$(grep -c 'process $monitord_pid may not take' '$work/binderd.log') -ge 3 ]" ||
+  fail "tivra-monitord did not try again for the name taken"
+{ kill -KILL "$taker_pid"; wait "$taker_pid"; } 2>/dev/null
+wait_for grep -q "registered again" "$work/monitord.out" || fail "tivra-monitord did not take the name once free"
+[ "$(grep -c 'registered by another process' "$work/monitord.out")" -eq 1 ] &&
+  [ "$(grep -c 'EX_SECURITY' "$work/monitord.out")" -eq 1 ] ||
+  fail "tivra-monitord did not say once that the name was taken: $(cat "$work/monitord.out")"
 
 if [ "$failures" -ne 0 ]; then
   echo "--- watch output:" >&2; cat "$work/watch.out" >&2

@@ -210,19 +210,39 @@ TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
         bool asRootOnly = false;
     };
     const std::vector<Case> cases{
-        {"help", [](auto&, auto&) { return std::vector<std::string>{"--help"}; }, 0, "usage: binderd", 0, 0},
+        {"help", [](auto&, auto&) { return std::vector<std::string>{"--help"}; }, 0, "Usage: binderd", 0, 0},
         {"version", [](auto&, auto&) { return std::vector<std::string>{"--version"}; }, 0, "binderd (libtivra) ",
          0, 0},
-        {"unknown option", [](auto&, auto&) { return std::vector<std::string>{"--bogus"}; }, 2, "usage", 0, 0},
+        {"unknown option", [](auto&, auto&) { return std::vector<std::string>{"--bogus"}; }, 2,
+         "binderd: unknown option '--bogus'\nTry 'binderd --help' for more information.\n", 0, 0},
+        {"ambiguous option", [](auto&, auto&) { return std::vector<std::string>{"--ver"}; }, 2,
+         "option '--ver' is ambiguous", 0, 0},
+        {"empty socket path", [](auto&, auto&) { return std::vector<std::string>{"--socket="}; }, 2,
+         "option '--socket' needs a non-empty value", 0, 0},
         {"stray argument", [](auto&, auto& socket) { return std::vector<std::string>{"--socket", socket, "x"}; }, 2,
          "unexpected argument 'x'", 0, 0},
         {"unknown user", [](auto&, auto&) { return std::vector<std::string>{"--allow-uid=no-such-user-here"}; }, 2,
          "unknown user", 0, 0},
+        // Ids past the 32 bits of uid_t must not wrap onto someone (2^32 + 65534
+        // is uid 65534 cut short), nor negative ones turn into the largest.
+        {"uid past 32 bits", [](auto&, auto&) { return std::vector<std::string>{"--allow-uid=4295032830"}; }, 2,
+         "invalid uid '4295032830'", 0, 0},
+        {"uid past 64 bits", [](auto&, auto&) { return std::vector<std::string>{"--allow-uid=18446744073709551615"}; },
+         2, "invalid uid", 0, 0},
+        {"negative uid", [](auto&, auto&) { return std::vector<std::string>{"--allow-uid", "-1"}; }, 2,
+         "invalid uid '-1'", 0, 0},
+        {"the kernel's no-group", [](auto&, auto&) { return std::vector<std::string>{"--allow-group=4294967295"}; }, 2,
+         "invalid gid '4294967295'", 0, 0},
         {"private whatever the umask", [](auto&, auto& socket) { return std::vector<std::string>{"--socket=" + socket}; },
          0, "", 0600, 0700, 0},
-        {"searchable with allowed users", [](auto&, auto& socket) {
-             return std::vector<std::string>{"--socket", socket, "--allow-uid", "65533"};
-         }, 0, "", 0666, 0711},
+        {"searchable with allowed users, who are told of a private folder above", [](auto&, auto& socket) {
+             return std::vector<std::string>{"--socket", socket, "--allow-uid", "65533", "--allow-group=4294967294"};
+         }, 0, "warning: other users cannot reach", 0666, 0711},
+        {"private again without them", [](auto& base, auto& socket) {
+             std::filesystem::create_directory(base + "/run");
+             chmod((base + "/run").c_str(), 0711);
+             return std::vector<std::string>{"--socket", socket};
+         }, 0, "", 0600, 0700},
         {"stale socket replaced", [](auto& base, auto& socket) {
              std::filesystem::create_directory(base + "/run");
              leaveStaleSocket(socket);
@@ -272,6 +292,7 @@ TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
             std::string kept;
             std::getline(std::ifstream(socket), kept);
             EXPECT_EQ(kept, "precious");
+            EXPECT_FALSE(std::filesystem::exists(socket + ".lock")) << "a lock file beside a path binderd refused";
         }
         std::filesystem::remove_all(base);
     }

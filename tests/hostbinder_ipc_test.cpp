@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -11,9 +12,11 @@
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
+#include <binder/Status.h>
 
 #include "binderd_fixture.h"
 #include "hostbinder_test_service.h"
+#include "log_capture.h"
 
 namespace {
 
@@ -54,6 +57,14 @@ TEST_F(HostBinderIpc, ServiceManagerRegistersListsAndForgetsServicesOfDeadProces
         const Vector<String16> names = manager->listServices();
         CHILD_CHECK(names.size() == 1 && names[0] == kTestServiceName);
         sp<IBinder> local = new BBinder();
+        {
+            // Refused again and again, which is logged once.
+            LogCapture log;
+            for (int i = 0; i < 3; ++i) {
+                CHILD_CHECK(manager->addService(kTestServiceName, local) == binder::Status::EX_SECURITY);
+            }
+            CHILD_CHECK(log.Lines().size() == 1);
+        }
         CHILD_CHECK(manager->addService(String16("bad name!"), local) != OK);
         CHILD_CHECK(manager->addService(String16(""), local) != OK);
         CHILD_CHECK(manager->addService(String16("tivra.test.null"), nullptr) != OK);
@@ -71,19 +82,26 @@ TEST_F(HostBinderIpc, ServiceManagerRegistersListsAndForgetsServicesOfDeadProces
 TEST_F(HostBinderIpc, GetServiceAndWaitForServiceWaitForALaterRegistrationButCheckServiceDoesNot) {
     Channel waiting;
     std::vector<pid_t> clients;
-    for (bool notified : {false, true}) {
-        clients.push_back(session.spawn([&waiting, notified] {
+    enum Wait { kGet, kNotified, kNeverNotified };
+    for (Wait wait : {kGet, kNotified, kNeverNotified}) {
+        clients.push_back(session.spawn([&waiting, wait] {
+            // No thread pool started: binderd asks for the thread that hears
+            // of the name, unless none may be made; then the notice never
+            // comes and the wait finds the name by looking again.
+            if (wait == kNeverNotified) {
+                ProcessState::self()->setThreadPoolMaxThreadCount(0);
+            }
             CHILD_CHECK(lookUpTestService() == nullptr);
             waiting.post("looking");
-            // No thread pool started: binderd asks for the thread that hears of the name.
             const sp<IServiceManager> manager = defaultServiceManager();
-            CHILD_CHECK((notified ? manager->waitForService(kTestServiceName)
-                                  : manager->getService(kTestServiceName)) != nullptr);
+            CHILD_CHECK((wait == kGet ? manager->getService(kTestServiceName)
+                                      : manager->waitForService(kTestServiceName)) != nullptr);
             return 0;
         }));
     }
-    ASSERT_EQ(waiting.next(), "looking");
-    ASSERT_EQ(waiting.next(), "looking");
+    for (size_t i = 0; i < clients.size(); ++i) {
+        ASSERT_EQ(waiting.next(), "looking");
+    }
     startService();
     ASSERT_EQ(events.next(), "ready");
     for (pid_t client : clients) {
@@ -108,6 +126,13 @@ TEST_F(HostBinderIpc, TwoWayCallsCarryDataAndTheCallersIdentity) {
         CHILD_CHECK(identity.readInt32() == static_cast<int32_t>(getuid()));
         Parcel unknown;
         CHILD_CHECK(call(service, 0x00ffff00, nullptr, &unknown) == UNKNOWN_TRANSACTION);
+        // Only a negative status fails the call; with any other the reply arrives.
+        for (const status_t answer : {status_t{1}, status_t{BAD_VALUE}}) {
+            Parcel answered;
+            CHILD_CHECK(call(service, TestService::kAnswerWith, [answer](Parcel* p) { p->writeInt32(answer); },
+                             &answered) == std::min<status_t>(answer, OK));
+            CHILD_CHECK(answered.readInt32() == std::max<status_t>(answer, OK));
+        }
         // Outside any transaction, the caller is this process itself.
         CHILD_CHECK(IPCThreadState::self()->getCallingPid() == getpid());
         return 0;
@@ -145,14 +170,19 @@ TEST_F(HostBinderIpc, OneWayCallsToANodeRunInSendOrder) {
 // left to make, the index of the next hop, whether the last hop stalls, and
 // the hop of each process. A hop calls the next one and answers with the
 // answer it got plus its mark and level, and "!" when it ran on another
-// thread than the one its process waits on in the chain.
+// thread than the one its process waits on in the chain. A hop that rejoins
+// waits, once its call found binderd gone, for the next binderd and registers
+// itself there before it answers.
 class ChainHop : public BBinder {
 public:
     static constexpr uint32_t kHop = IBinder::FIRST_CALL_TRANSACTION;
 
     // The process waits on `home` when given, else on the thread of its first hop.
-    ChainHop(char mark, std::thread::id home = {}, Channel* deep = nullptr, Channel* release = nullptr)
-        : mMark(mark), mFixedHome(home), mDeep(deep), mRelease(release) {}
+    ChainHop(char mark, std::thread::id home = {}, Channel* deep = nullptr, Channel* release = nullptr,
+             bool rejoins = false)
+        : mMark(mark), mFixedHome(home), mDeep(deep), mRelease(release), mRejoins(rejoins) {}
+
+    static String16 name(char mark) { return String16((std::string("tivra.test.hop.") + mark).c_str()); }
 
 protected:
     status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
@@ -182,6 +212,9 @@ protected:
             Parcel back;
             status = hops[next]->transact(kHop, request, &back);
             answer = back.readString16();
+            if (status == DEAD_OBJECT && mRejoins) {
+                waitUntil([this] { return defaultServiceManager()->addService(name(mMark), this) == OK; });
+            }
         } else if (stall != 0 && mDeep != nullptr) {
             mDeep->post("deep");
             mRelease->next(20s);
@@ -208,6 +241,7 @@ private:
     const std::thread::id mFixedHome;
     Channel* const mDeep;
     Channel* const mRelease;
+    const bool mRejoins;
     std::mutex mLock;
     int mActive = 0;
     std::thread::id mHome;
@@ -218,8 +252,8 @@ TEST_F(HostBinderIpc, ChainsOfNestedCallsAnswerEveryLevelAndSurviveTheLossOfBind
     Channel release;
     auto serveHop = [this](char mark, Channel* stalls, Channel* release) {
         return session.spawn([this, mark, stalls, release] {
-            CHILD_CHECK(defaultServiceManager()->addService(String16((std::string("tivra.test.hop.") + mark).c_str()),
-                                                           new ChainHop(mark, {}, stalls, release)) == OK);
+            CHILD_CHECK(defaultServiceManager()->addService(ChainHop::name(mark), new ChainHop(mark, {}, stalls, release)) ==
+                        OK);
             events.post("ready");
             IPCThreadState::self()->joinThreadPool();
             return 0;
@@ -232,9 +266,9 @@ TEST_F(HostBinderIpc, ChainsOfNestedCallsAnswerEveryLevelAndSurviveTheLossOfBind
     const pid_t a = session.spawn([] {
         // No thread pool: the calls back into this process can run only on
         // the thread that waits.
-        const std::vector<sp<IBinder>> hops{new ChainHop('A', std::this_thread::get_id()),
-                                            lookUpTestService(String16("tivra.test.hop.B")),
-                                            lookUpTestService(String16("tivra.test.hop.C"))};
+        const std::vector<sp<IBinder>> hops{new ChainHop('A', std::this_thread::get_id(), nullptr, nullptr, true),
+                                            lookUpTestService(ChainHop::name('B')),
+                                            lookUpTestService(ChainHop::name('C'))};
         // Eight calls, from here to B, C, A, B, C, A, B and C.
         auto chain = [&hops](int32_t stall, Parcel* answer) {
             return call(hops[1], ChainHop::kHop, [&](Parcel* p) {
@@ -249,12 +283,16 @@ TEST_F(HostBinderIpc, ChainsOfNestedCallsAnswerEveryLevelAndSurviveTheLossOfBind
         Parcel answer;
         CHILD_CHECK(chain(0, &answer) == OK);
         CHILD_CHECK(answer.readString16() == String16("C0B1A2C3B4A5C6B7"));
-        // binderd goes while the chain stands at its deepest: each level fails.
+        // binderd goes while the chain stands at its deepest: each level
+        // fails, also after the levels here that answer later reconnected to
+        // the next binderd, and the session they made stands.
         CHILD_CHECK(chain(1, &answer) == DEAD_OBJECT);
+        CHILD_CHECK(lookUpTestService(ChainHop::name('A')) != nullptr);
         return 0;
     });
     ASSERT_EQ(deep.next(), "deep");
     ASSERT_TRUE(session.stopBinderd());
+    ASSERT_TRUE(session.startBinderd()) << session.error();
     release.post("go");
     for (pid_t process : {a, b, c}) {
         EXPECT_EQ(session.waitExit(process), 0);
@@ -348,8 +386,9 @@ TEST_F(HostBinderIpc, RemoteReferencesKeepANodeAliveUntilDroppedOrTheHolderDies)
             Parcel held;
             CHILD_CHECK(call(service, TestService::kHold, [&](Parcel* p) { p->writeStrongBinder(object); }, &held) == OK);
         }
-        control.post("held");
+        // Checked before the parent hears "held" and kills the holder.
         CHILD_CHECK(live == 1);
+        control.post("held");
         // The holder is killed now; its reference goes with it.
         CHILD_CHECK(waitUntil([&] { return live == 0; }));
         return 0;

@@ -20,39 +20,59 @@ trap cleanup EXIT
 fail() { echo "install_test: $*" >&2; exit 1; }
 
 # A prefix given in a roundabout way: the installed files name it normalised.
+# The library folder is the one GNUInstallDirs chose (lib, or lib/<triplet>
+# for /usr on Debian); nothing is written into the build tree but CMake's
+# install_manifest.txt (ctest's own Testing/ aside).
 prefix=$work/prefix
+libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$build_dir/CMakeCache.txt")
 mkdir -p "$work/elsewhere"
+touch "$work/before-install"
 cmake --install "$build_dir" --prefix "$work/elsewhere/../prefix/" >"$work/install.log" || fail "install failed"
-for file in lib/libtivra.so.0 lib/tivra/libhostbinder.so.0 include/tivra/tivra_adapter.h include/tivra/tivra_log.h \
-            lib/pkgconfig/tivra.pc lib/cmake/tivra/tivraConfig.cmake bin/binderd bin/tivra-monitord bin/tivra \
-            share/man/man1/tivra.1 share/man/man3/libtivra.3 share/bash-completion/completions/tivra \
-            share/doc/tivra/docs/user-guide.md share/doc/tivra/examples/device_watch.cpp \
-            lib/systemd/user/binderd.service lib/systemd/user/tivra-monitord.service; do
+written=$(find "$build_dir" -mindepth 1 -newer "$work/before-install" ! -name install_manifest.txt ! -path "*/Testing*")
+[ -z "$written" ] || fail "install wrote into the build tree: $(head -3 <<<"$written")"
+for file in "$libdir/libtivra.so.0" "$libdir/tivra/libhostbinder.so.0" include/tivra/tivra_adapter.h \
+            include/tivra/tivra_log.h "$libdir/pkgconfig/tivra.pc" "$libdir/cmake/tivra/tivraConfig.cmake" bin/binderd \
+            bin/tivra-monitord bin/tivra share/man/man1/tivra.1 share/man/man3/libtivra.3 \
+            share/bash-completion/completions/tivra share/doc/tivra/docs/user-guide.md \
+            share/doc/tivra/examples/device_watch.cpp lib/systemd/user/binderd.service \
+            lib/systemd/user/tivra-monitord.service; do
   [ -e "$prefix/$file" ] || fail "not installed: $file"
 done
-! compgen -G "$prefix/lib/libhostbinder*" >/dev/null || fail "libhostbinder is in the public lib folder"
+! compgen -G "$prefix/$libdir/libhostbinder*" >/dev/null || fail "libhostbinder is in the public lib folder"
+empty=$(find "$prefix" -type d -empty)
+[ -z "$empty" ] || fail "empty folders installed: $empty"
+# The installed documentation's links lead to installed files.
+while IFS= read -r link; do
+  page=${link%%:*} target=${link#*](} target=${target%)} target=${target%%#*}
+  [ -z "$target" ] || [ -e "$(dirname "$page")/$target" ] || fail "$page links to $target, which is not installed"
+done < <(grep -roE '\]\([^):]*\)' --include='*.md' "$prefix/share/doc/tivra")
 
 # libtivra.so: versioned SONAME, only the public interface, its runtime found
 # through its own RUNPATH.
-library=$prefix/lib/libtivra.so.0
+library=$prefix/$libdir/libtivra.so.0
 [ "$(readelf -d "$library" | sed -n 's/.*Library soname: \[\(.*\)\]/\1/p')" = libtivra.so.0 ] ||
   fail "libtivra.so has no versioned soname"
 leaked=$(nm -D --defined-only "$library" | c++filt | awk '{ $1 = $2 = ""; print }' | grep -v "^  TIVRA_0$" |
          grep -vE "^  ((typeinfo|typeinfo name|vtable) for )?Communication::.*@@TIVRA_0$" || true)
 [ -z "$leaked" ] || fail "libtivra.so exports more than its interface: $(head -5 <<<"$leaked")"
+# Its only data are the public classes' type information and vtables.
+data=$(nm -D --defined-only "$library" | awk '$2 ~ /^[BDGRSV]$/ { print $3 }' | c++filt |
+       grep -vE "^(typeinfo|typeinfo name|vtable) for Communication::" || true)
+[ -z "$data" ] || fail "libtivra.so exports data of its own: $data"
 # (Output held first: grep -q would end the pipe early, and pipefail with it.)
 found=$(ldd "$library")
-grep -qF "libhostbinder.so.0 => $prefix/lib/tivra/libhostbinder.so.0" <<<"$found" ||
+grep -qF "libhostbinder.so.0 => $prefix/$libdir/tivra/libhostbinder.so.0" <<<"$found" ||
   fail "libtivra.so does not find its private libhostbinder: $found"
 
 # tivra.pc: absolute, normalised, no rpath.
-export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
 [ "$(pkg-config --variable=prefix tivra)" = "$prefix" ] || fail "tivra.pc prefix: $(pkg-config --variable=prefix tivra)"
+[ "$(pkg-config --variable=libdir tivra)" = "$prefix/$libdir" ] || fail "tivra.pc libdir: $(pkg-config --variable=libdir tivra)"
 libs=$(pkg-config --libs tivra)
 [[ $libs != *rpath* ]] || fail "tivra.pc carries an rpath: $libs"
 
 # Programs against the installed package only; with no rpath they run with
-# LD_LIBRARY_PATH=PREFIX/lib, as a user's program in a private prefix would.
+# LD_LIBRARY_PATH=PREFIX/LIBDIR, as a user's program in a private prefix would.
 # The installed programs run without it.
 build() { # OUTPUT SOURCE...
   local output=$1
@@ -79,18 +99,17 @@ cmake -S "$prefix/share/doc/tivra/examples" -B "$work/example_cmake" -G Ninja -D
   -DCMAKE_PREFIX_PATH="$prefix" >"$work/example_cmake.log" || fail "find_package configure failed"
 cmake --build "$work/example_cmake" >>"$work/example_cmake.log" || fail "find_package build failed"
 
-# The log header, with no binderd: each call logs one failure.
+# The log, with no binderd: each call logs one failure. Left alone by the
+# library, it goes to the program's own logger; then to the header's sink.
 export HOSTBINDER_SOCKET=$work/binder
-LD_LIBRARY_PATH=$prefix/lib "$work/log_client" >"$work/log.out" 2>"$work/log.err" || fail "log client failed"
-[ "$(cat "$work/log.out")" = "6 libtivra: RegisterCallback: get pravik service failed" ] ||
-  fail "the sink did not get exactly the line it should: $(cat "$work/log.out")"
+LD_LIBRARY_PATH=$prefix/$libdir "$work/log_client" >"$work/log.out" 2>"$work/log.err" || fail "log client failed"
+[ "$(cat "$work/log.out")" = "program's logger: RegisterCallback: get pravik service failed
+6 libtivra: RegisterCallback: get pravik service failed" ] ||
+  fail "the log did not go where the program said: $(cat "$work/log.out")"
 [ "$(grep -c "RegisterCallback: get pravik service failed" "$work/log.err")" -eq 1 ] ||
   fail "stderr did not get the line logged without a sink alone: $(cat "$work/log.err")"
 
-# Completion and units.
-bash -c "source '$prefix/share/bash-completion/completions/tivra'
-         COMP_WORDS=(tivra sim fault getAllDevices ''); COMP_CWORD=4; _tivra
-         [ \"\${COMPREPLY[*]}\" = 'exception transport refuse corruptReply' ]" || fail "bash completion"
+# Units.
 if command -v systemd-analyze >/dev/null; then
   mkdir -p "$work/runtime"
   XDG_RUNTIME_DIR=$work/runtime systemd-analyze verify --man=no --user \
@@ -114,7 +133,7 @@ grep -qF "from $prefix/bin/../share/tivra/scenarios/sample.json" "$work/monitord
   fail "installed tivra-monitord did not use the installed sample: $(cat "$work/monitord.out")"
 
 # Both wait for the sample timeline's first device event.
-LD_LIBRARY_PATH=$prefix/lib "$work/example_pkgconfig" 1 10 >"$work/pkgconfig.out" 2>&1 &
+LD_LIBRARY_PATH=$prefix/$libdir "$work/example_pkgconfig" 1 10 >"$work/pkgconfig.out" 2>&1 &
 first=$!
 "$work/example_cmake/device_watch" 1 10 >"$work/cmake.out" 2>&1 &
 second=$!
@@ -125,4 +144,22 @@ for out in "$work/pkgconfig.out" "$work/cmake.out"; do
   grep -qF "node: Kitchen Speaker (node-spk-4410), network WIFI" "$out" || fail "no node table in $(cat "$out")"
   grep -qF "device online: Study Tablet (dev-tab-88e1)" "$out" || fail "no device event in $(cat "$out")"
 done
+# Bash completion, with the service running: the words typed, then what it
+# offers for the last one.
+while IFS='|' read -r typed offered; do
+  got=$(bash -c "source '$prefix/share/bash-completion/completions/tivra'
+                 COMP_WORDS=('$prefix/bin/tivra' $typed); COMP_CWORD=\$((\${#COMP_WORDS[@]} - 1)); _tivra
+                 echo \"\${COMPREPLY[*]}\"")
+  [ "$got" = "$offered" ] || fail "completing '$typed' offered '$got', not '$offered'"
+done <<'EOF'
+sim fault getAllDevices ''|exception transport refuse corruptReply
+sim fault getAllD|getAllDevices
+--json sim fault --times=1 addDev|addDeviceChangeListener addDeviceChangeListenerPassive
+watch --for = ''|500ms 10s 1m 1h
+watch --for=1|--for=10s --for=1m --for=1h
+monitor --interface IMon|IMonitorControl
+monitor --service = PravikDeviceMonitorS|PravikDeviceMonitorService
+sim device-offline dev-tv|dev-tv-19c2
+sim node-changed node-tv-19c2 ''|1 2 3
+EOF
 echo "install_test: ok"

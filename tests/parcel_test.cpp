@@ -598,11 +598,14 @@ TEST_P(ParcelBinderRead, ReadsTheObjectByItsType) {
         Load(&parcel, c.bytes);
         const uint64_t offset = 0;
         ASSERT_EQ(parcel.setObjects(&offset, c.listed ? 1 : 0), android::OK);
-        android::sp<android::IBinder> binder;
+        const android::sp<android::IBinder> before = new android::BBinder();
+        android::sp<android::IBinder> binder = before;
         const status_t result = nullable ? parcel.readNullableStrongBinder(&binder) : parcel.readStrongBinder(&binder);
         EXPECT_EQ(result, nullable ? c.nullable : c.strong) << nullable;
         EXPECT_EQ(HandleOf(binder), c.handle) << nullable;
+        // What was read replaces the output, a null too; a failed read leaves it.
         const bool consumed = result == android::OK || result == android::UNEXPECTED_NULL;
+        EXPECT_EQ(binder == before, !consumed) << nullable;
         EXPECT_EQ(parcel.dataPosition(), consumed ? c.bytes.size() : 0u) << nullable;
     }
 }
@@ -814,6 +817,13 @@ struct TypedReadCase {
 
 constexpr int32_t kHugeCount = 0x7FFFFFFF;
 
+// A nullable string read that must give null; UNKNOWN_ERROR when it gives a string.
+status_t ReadNullString16(const Parcel& p) {
+    auto text = std::make_unique<String16>(u"old");
+    const status_t status = p.readString16(&text);
+    return status == android::OK && text ? android::UNKNOWN_ERROR : status;
+}
+
 const TypedReadCase kTypedReads[] = {
     // A count no data could back fails as its first missing element does,
     // without an allocation of that size.
@@ -832,15 +842,9 @@ const TypedReadCase kTypedReads[] = {
     {"NullElementOfABinderVector", Cat(Le({1}), BinderObject(BINDER_TYPE_BINDER, 0, 0, 0)),
      [](const Parcel& p) { std::vector<android::sp<android::IBinder>> v; return p.readStrongBinderVector(&v); },
      android::UNEXPECTED_NULL},
-    {"NullString", Le({-1}),
-     [](const Parcel& p) {
-         auto text = std::make_unique<String16>(u"old");
-         const status_t status = p.readString16(&text);
-         return status == android::OK && text ? android::UNKNOWN_ERROR : status;
-     },
-     android::OK},
-    {"OtherNegativeStringLength", Le({-2}),
-     [](const Parcel& p) { std::unique_ptr<String16> text; return p.readString16(&text); }, android::UNEXPECTED_NULL},
+    // Any negative length is a null string.
+    {"NullString", Le({-1}), ReadNullString16, android::OK},
+    {"OtherNegativeStringLength", Le({-2}), ReadNullString16, android::OK},
     // Only a marker of 0 is a null parcelable.
     {"NegativeParcelableMarker", Le({-1, 5}),
      [](const Parcel& p) {

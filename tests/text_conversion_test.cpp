@@ -40,6 +40,18 @@ void ExpectConvertsLikeString16(const std::string& utf8) {
     ASSERT_EQ(std::string(ours.data(), ours.data() + ours.dataSize()),
               std::string(platform.data(), platform.data() + platform.dataSize()))
         << Hex(utf8);
+    // Written with another text in one step, or refused with nothing written.
+    const std::string* const texts[] = {&utf8, &utf8};
+    if (!WriteUtf8sAsString16s(&ours, texts, 2)) {
+        ASSERT_EQ(ours.dataSize(), platform.dataSize()) << Hex(utf8);
+        WriteUtf8AsString16(&ours, utf8);
+        WriteUtf8AsString16(&ours, utf8);
+    }
+    platform.writeString16(genuine);
+    platform.writeString16(genuine);
+    ASSERT_EQ(std::string(ours.data(), ours.data() + ours.dataSize()),
+              std::string(platform.data(), platform.data() + platform.dataSize()))
+        << Hex(utf8);
 }
 
 // A field read from the wire, as the platform reads it and as we do.

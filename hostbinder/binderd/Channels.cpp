@@ -156,6 +156,7 @@ void Driver::openChannel(Thread& thread, uint32_t handle, bool oneway) {
     channel->oneway = oneway;
     channel->holder = &process;
     channel->owner = owner;
+    channel->ownerHolder = owner->holder();
     if (oneway) {
         process.onewayChannels[owner] = channel->id;
     } else {
@@ -176,26 +177,37 @@ void Driver::openChannel(Thread& thread, uint32_t handle, bool oneway) {
 
 void Driver::grantChannelCredit(Thread& thread, const ChannelCredit& request) {
     Channel* channel = onewayChannelOf(thread, request.channel);
-    if (channel == nullptr || request.bytes > kMaxQueuedOnewayBytes ||
-        !bufferFits(*channel->owner, request.bytes, true)) {
+    // Credit never makes anyone give way.
+    const auto fitsOwner = [this](const Process& owner, size_t bytes) {
+        return fits(owner, kBufferBytes, bytes) && fits(owner, kOnewayBytes, bytes);
+    };
+    if (channel == nullptr || request.bytes > kMaxQueuedOnewayBytes || !fitsOwner(*channel->owner, request.bytes)) {
         const status_t status = FAILED_TRANSACTION;
         mOutbox.send(thread.connection, kRefused, &status, sizeof(status));
         return;
     }
-    Process& owner = *channel->owner;
+    const Process& owner = *channel->owner;
     // As with a thread's credit: ahead while the buffer has room to spare,
     // else exactly what the call needs, so that a lone sender fills the
     // buffer to the byte.
     size_t grant = request.bytes;
-    if (request.bytes < kChannelCreditBytes &&
-        owner.queuedOnewayBytes + owner.reservedOnewayBytes + kChannelCreditBytes <= kCreditGrantCeiling &&
-        bufferFits(owner, kChannelCreditBytes, true)) {
-        grant = kChannelCreditBytes;
+    if (request.bytes < kOnewayCreditBytes &&
+        mLedger.held(owner.holder(), kOnewayBytes) + kOnewayCreditBytes <= kCreditGrantCeiling &&
+        fitsOwner(owner, kOnewayCreditBytes)) {
+        grant = kOnewayCreditBytes;
     }
+    mLedger.take(channel->ownerHolder, kBufferBytes, grant);
+    mLedger.take(channel->ownerHolder, kOnewayBytes, grant);
     channel->granted += grant;
-    owner.reservedOnewayBytes += grant;
     const uint32_t granted = static_cast<uint32_t>(grant);
     mOutbox.send(thread.connection, kCreditGranted, &granted, sizeof(granted));
+}
+
+void Driver::giveBackCredit(Channel& channel, uint64_t bytes) {
+    if (bytes > 0) {
+        mLedger.give(channel.ownerHolder, kBufferBytes, static_cast<size_t>(bytes));
+        mLedger.give(channel.ownerHolder, kOnewayBytes, static_cast<size_t>(bytes));
+    }
 }
 
 bool Driver::fenceOneway(Thread& thread, const ChannelProgress& progress) {
@@ -208,7 +220,7 @@ bool Driver::fenceOneway(Thread& thread, const ChannelProgress& progress) {
     }
     // The holder gives back the credit it did not spend, so that a lone
     // sender fills the owner's buffer to the byte.
-    channel->owner->reservedOnewayBytes -= static_cast<size_t>(channel->granted - progress.total);
+    giveBackCredit(*channel, channel->granted - progress.total);
     channel->granted = progress.total;
     channel->fence = progress.total;
     channel->fenceArmed = true;
@@ -223,7 +235,7 @@ bool Driver::channelDone(Thread& thread, const ChannelProgress& progress) {
     }
     // An owner cannot finish more than it was sent room for.
     const uint64_t finished = std::min(progress.total, channel->granted);
-    channel->owner->reservedOnewayBytes -= static_cast<size_t>(finished - channel->finished);
+    giveBackCredit(*channel, finished - channel->finished);
     channel->finished = finished;
     releaseHeld(*channel);
     return true;
@@ -405,7 +417,7 @@ void Driver::closeChannel(uint64_t id, bool ownerDying) {
     } else if (channel->oneway) {
         mOutbox.send(holder.control, kChannelClosed, &id, sizeof(id));
     }
-    owner.reservedOnewayBytes -= static_cast<size_t>(channel->granted - channel->finished);
+    giveBackCredit(*channel, channel->granted - channel->finished);
     for (auto& entry : channel->reach) {
         dropNodeRef(entry.second);
     }

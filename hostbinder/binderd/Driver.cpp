@@ -31,7 +31,18 @@ Driver::Driver(Outbox& outbox, bool verbose, uid_t owner)
     mContextNode->refs = 1;
 }
 
-Driver::~Driver() = default;
+Driver::~Driver() {
+    // One-way calls queued on a node hold the node: let go of them, so that
+    // both go with sessions that never ended.
+    for (auto& entry : mProcesses) {
+        for (auto& node : entry.second->nodes) {
+            node.second->onewayQueue.clear();
+        }
+        for (auto& handle : entry.second->handles) {
+            handle.second.node->onewayQueue.clear();
+        }
+    }
+}
 
 void Driver::onConnect(ConnectionId id, pid_t pid, uid_t uid) {
     Peer& peer = mPeers[id];
@@ -239,7 +250,9 @@ void Driver::processDied(Process& process) {
     for (const auto& entry : nodes) {
         notifyDeath(*entry.second);
     }
-    process.nodes.clear();
+    while (!process.nodes.empty()) {
+        forgetNode(process, process.nodes.begin());
+    }
     while (!process.handles.empty()) {
         auto first = process.handles.begin();
         releaseHandle(process, first->first, first->second.count);

@@ -46,6 +46,10 @@ public:
     Clock::time_point nextDeadline() const;
 
     size_t processCount() const { return mProcesses.size(); }
+    // What every process holds, by pid, uid and in total.
+    const DriverLedger& holdings() const { return mLedger; }
+    // About how many bytes of binderd's memory the holdings stand for.
+    size_t heldBytes() const;
 
     // Once a round: watchers that lost records hear how many, where there is room.
     void catchUpWatchers() {
@@ -98,11 +102,27 @@ private:
     void abandon(const std::shared_ptr<Transaction>& transaction);
     void releaseTransit(Thread& thread);
 
-    // Whether the receiver's buffer takes `size` more bytes: everything
-    // pending within the platform's per-process buffer, one-way within half.
-    bool bufferFits(const Process& receiver, size_t size, bool oneway) const;
+    // --- what processes hold (Holdings.cpp) ---
+    // Whether `amount` more of `kind` fits for the process. Where a shared
+    // bound would be crossed, the pid holding the most gives way (its
+    // sessions end, after the frame) unless that is the taker's own.
+    bool makeRoom(const Process& taker, Holding kind, size_t amount);
+    // A check alone: true only when it fits with no one giving way.
+    bool fits(const Process& taker, Holding kind, size_t amount) const;
+    void evict(const DriverLedger::Holder& victim, Holding kind);
+    // Whether the receiver's buffer takes a transaction charged `charge`
+    // bytes: everything pending within the platform's per-process buffer,
+    // one-way within half, and within its uid's and everyone's bounds.
+    bool roomInBuffer(const Process& receiver, size_t charge, bool oneway);
+    // The transaction holds `charge` bytes of its target owner's buffer
+    // until releaseCharge (when it ends, whatever way).
+    void chargeBuffer(Transaction& transaction, size_t charge);
+    void releaseCharge(Transaction& transaction);
+    // Credit held in a receiver's buffer, taken and given back.
+    void reserveCredit(OnewayCredit& credit, size_t bytes);
+    void releaseCredit(OnewayCredit& credit, size_t bytes);
     // A two-way call ended: its bytes leave the receiver's buffer.
-    void releaseCall(Transaction& call);
+    void releaseCall(Transaction& call) { releaseCharge(call); }
 
     // --- one-way calls (Oneway.cpp) ---
     // Queues an accepted one-way call and tells the sender, granting credit
@@ -114,7 +134,7 @@ private:
     void settleCredits(Process& process, uint32_t handle);
     // Voids every credit for the dying process's nodes, telling the holders.
     void revokeCreditsOn(const Process& dying);
-    void queueOneway(Process& receiver, const std::shared_ptr<Transaction>& transaction);
+    void queueOneway(const std::shared_ptr<Transaction>& transaction);
     // Starts the call now if its node is free, else queues it behind the node's.
     void dispatchOneway(const std::shared_ptr<Transaction>& transaction);
     // Sends the node's waiting calls ahead to the thread serving it.
@@ -122,13 +142,15 @@ private:
     bool finishOneway(Thread& thread);
     // The node's previous one-way call is over: start the next one.
     void advanceOneway(Node& node);
-    void retireOneway(const Transaction& transaction);
+    void retireOneway(Transaction& transaction);
     void requeuePipeline(Thread& thread);
 
     // --- objects and references (References.cpp) ---
     // Every object well formed and naming what the sender may name, and room
     // for them in both processes' tables.
-    bool objectsValid(const Process& from, const Process& to, const hostbinder::TransactionView& view) const;
+    bool objectsValid(const Process& from, const Process& to, const hostbinder::TransactionView& view);
+    bool objectsWellFormed(const Process& from, const hostbinder::TransactionView& view) const;
+    bool roomForObjects(const Process& from, const Process& to, size_t count);
     // Copies the parcel for `to`, translating every object; owner-bound
     // binders are kept alive in `transit`.
     void translate(Process& from, Process& to, const hostbinder::TransactionView& view, Transaction* out,
@@ -138,6 +160,8 @@ private:
     void returnSendRefs(const Process& from, const hostbinder::TransactionView& view);
     std::shared_ptr<Node> nodeFor(Process& owner, uint64_t address, uint64_t cookie);
     uint32_t addHandleRef(Process& process, const std::shared_ptr<Node>& node);
+    // The node leaves its owner's table.
+    void forgetNode(Process& owner, std::map<uint64_t, std::shared_ptr<Node>>::iterator node);
     bool releaseHandle(Process& process, uint32_t handle, uint32_t count);
     void takeNodeRef(Node& node);
     void dropNodeRef(const std::shared_ptr<Node>& node);
@@ -151,6 +175,8 @@ private:
     void openChannel(Thread& thread, uint32_t handle, bool oneway);
     void grantChannelCredit(Thread& thread, const hostbinder::ChannelCredit& request);
     bool fenceOneway(Thread& thread, const hostbinder::ChannelProgress& progress);
+    // Credit reserved in the owner's buffer for the channel goes back.
+    void giveBackCredit(Channel& channel, uint64_t bytes);
     bool channelDone(Thread& thread, const hostbinder::ChannelProgress& progress);
     void resolveReach(Thread& thread, const hostbinder::ChannelReach& request);
     bool channelReply(Thread& thread, const hostbinder::TransactionView& view);
@@ -190,9 +216,9 @@ private:
     void replyFromServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request, const Parcel& reply,
                                  status_t status);
     // Each call's answer: the exception code, with a message beside it.
-    int32_t addService(const ServiceRegistry::Owner& registrant, const std::u16string& name, uint32_t handle,
-                       int32_t stability, std::string* message);
-    int32_t registerCallback(const ServiceRegistry::Owner& registrant, const std::u16string& name, uint32_t handle,
+    int32_t addService(const Process& registrant, const std::u16string& name, uint32_t handle, int32_t stability,
+                       std::string* message);
+    int32_t registerCallback(const Process& registrant, const std::u16string& name, uint32_t handle,
                              std::string* message);
     int32_t unregisterCallback(const std::u16string& name, uint32_t handle, std::string* message);
     // Tells the callback at `callback` of the service under `name`, one-way.
@@ -208,12 +234,17 @@ private:
         std::u16string name;
         Clock::time_point deadline;
         uint64_t process = 0;  // the waiting process's token
+        DriverLedger::Holder holder;
     };
     // Removes the waiter at `it`, uncounting it from its process.
     std::vector<LookupWaiter>::iterator dropWaiter(std::vector<LookupWaiter>::iterator it);
+    // Gives back what the registry forgot: names or callbacks of their registrants.
+    void uncountRegistrations(const std::vector<ServiceRegistry::Owner>& owners, Holding kind);
 
     Outbox& mOutbox;
     const bool mVerbose;
+    DriverLedger mLedger{kHoldingBounds};
+    Clock::time_point mLastEvictionWarning;
     std::mt19937_64 mTokens;
     std::map<ConnectionId, Peer> mPeers;
     std::map<uint64_t, std::unique_ptr<Process>> mProcesses;  // by token

@@ -1,6 +1,8 @@
 #include "EventLoop.h"
 
 #include <fcntl.h>
+#include <malloc.h>
+#include <sys/ioctl.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -74,7 +76,10 @@ EventLoop::EventLoop(int listenFd, int stopFd, const PeerPolicy& policy, bool ve
       mDriver(*this, verbose),
       mNextId(kStopId + 1),
       mMaxConnections(connectionLimit()),
-      mReserveFd(open("/dev/null", O_RDONLY | O_CLOEXEC)) {
+      mReserveFd(open("/dev/null", O_RDONLY | O_CLOEXEC)),
+      mHoldings({{kMaxConnectionsPerProcess, kMaxBufferedPerProcess},
+                 {kMaxConnectionsPerUid, kMaxBufferedPerUid},
+                 {mMaxConnections, kMaxBuffered}}) {
     watch(mEpollFd, mListenFd, kListenId, EPOLLIN, EPOLL_CTL_ADD);
     watch(mEpollFd, mStopFd, kStopId, EPOLLIN, EPOLL_CTL_ADD);
 }
@@ -137,6 +142,7 @@ bool EventLoop::runOnce(int timeoutMs) {
     flushDirty();
     trimIdleBuffers(now);
     reap();
+    returnMemory(now);
     return true;
 }
 
@@ -157,6 +163,22 @@ void EventLoop::trimIdleBuffers(Clock::time_point now) {
     mToTrim.clear();
 }
 
+void EventLoop::returnMemory(Clock::time_point now) {
+    // The allocator keeps what was freed for later; after an attack (or a
+    // burst) that may be hundreds of megabytes. Once a few megabytes of what
+    // was held are gone, they go back to the system, at most once a second.
+    constexpr size_t kWorthReturning = 4 * kMiB;
+    const size_t held = mHoldings.total(kBytesBuffered) + mDriver.heldBytes();
+    mHeldPeak = std::max(mHeldPeak, held);
+    mReturnPending = mHeldPeak - held >= kWorthReturning;
+    if (mReturnPending && now >= mNextReturn) {
+        malloc_trim(0);
+        mHeldPeak = held;
+        mNextReturn = now + std::chrono::seconds(1);
+        mReturnPending = false;
+    }
+}
+
 int EventLoop::epollTimeout() const {
     Clock::time_point deadline = mDriver.nextDeadline();
     if (!mAwaitingHello.empty()) {
@@ -164,6 +186,9 @@ int EventLoop::epollTimeout() const {
     }
     if (!mToTrim.empty()) {
         deadline = std::min(deadline, mNextTrim);
+    }
+    if (mReturnPending) {
+        deadline = std::min(deadline, mNextReturn);
     }
     if (deadline == Clock::time_point::max()) {
         return -1;
@@ -245,33 +270,27 @@ void EventLoop::admit(int fd) {
         refuse(fd, kRefusedByPolicy);
         return;
     }
-    Usage& process = mProcessUsage[peer.pid];
-    Usage& user = mUserUsage[peer.uid];
-    if (process.connections >= kMaxConnectionsPerProcess || user.connections >= kMaxConnectionsPerUid ||
-        mTotalUsage.connections >= mMaxConnections) {
-        if (mayWarn()) {
-            __android_log_print(ANDROID_LOG_WARN, kTag, "refused a connection of process %d (uid %u): too many",
-                                peer.pid, peer.uid);
+    const Holdings::Holder holder{peer.uid, peer.pid};
+    for (;;) {
+        const Holdings::Judgement judgement = mHoldings.judge(holder, kConnectionsHeld, 1);
+        if (judgement.verdict == Holdings::Verdict::kFits) {
+            break;
         }
-        refuse(fd, kTooManyConnections);
-        if (process.connections == 0) {
-            mProcessUsage.erase(peer.pid);
+        if (judgement.verdict == Holdings::Verdict::kRefused) {
+            if (mayWarn()) {
+                __android_log_print(ANDROID_LOG_WARN, kTag, "refused a connection of process %d (uid %u): too many",
+                                    peer.pid, peer.uid);
+            }
+            refuse(fd, kTooManyConnections);
+            return;
         }
-        if (user.connections == 0) {
-            mUserUsage.erase(peer.uid);
-        }
-        return;
+        cutToMakeRoom(judgement.victim, kConnectionsHeld);
     }
     const ConnectionId id = mNextId++;
     Connection& connection = mConnections[id];
     connection.fd = fd;
-    connection.pid = peer.pid;
-    connection.uid = peer.uid;
-    connection.process = &process;
-    connection.user = &user;
-    ++process.connections;
-    ++user.connections;
-    ++mTotalUsage.connections;
+    connection.holder = holder;
+    mHoldings.take(holder, kConnectionsHeld, 1);
     mAwaitingHello.emplace_back(Clock::now() + kHelloDeadline, id);
     watch(mEpollFd, fd, id, EPOLLIN, EPOLL_CTL_ADD);
     mDriver.onConnect(id, peer.pid, peer.uid);
@@ -305,12 +324,10 @@ void EventLoop::close(ConnectionId id, Connection& connection, bool tellDriver) 
     refund(connection, connection.buffered);
     dropDescriptors(connection);
     connection.partial.reset();
-    connection.partialSize = connection.partialUsed = 0;
+    connection.partialCapacity = connection.partialUsed = 0;
     std::vector<uint8_t>().swap(connection.out);
     connection.outStart = 0;
-    --connection.process->connections;
-    --connection.user->connections;
-    --mTotalUsage.connections;
+    mHoldings.give(connection.holder, kConnectionsHeld, 1);
     if (tellDriver) {
         mUntold.push_back(id);
     }
@@ -342,16 +359,7 @@ void EventLoop::finish(ConnectionId id) {
 
 void EventLoop::reap() {
     for (ConnectionId id : mClosed) {
-        auto it = mConnections.find(id);
-        auto process = mProcessUsage.find(it->second.pid);
-        if (process != mProcessUsage.end() && process->second.connections == 0) {
-            mProcessUsage.erase(process);
-        }
-        auto user = mUserUsage.find(it->second.uid);
-        if (user != mUserUsage.end() && user->second.connections == 0) {
-            mUserUsage.erase(user);
-        }
-        mConnections.erase(it);
+        mConnections.erase(id);
     }
     mClosed.clear();
 }
@@ -359,23 +367,52 @@ void EventLoop::reap() {
 // --- bytes held for connections ---
 
 bool EventLoop::charge(Connection& connection, size_t bytes) {
-    if (connection.buffered + bytes > kMaxBufferedPerConnection ||
-        connection.process->buffered + bytes > kMaxBufferedPerProcess ||
-        connection.user->buffered + bytes > kMaxBufferedPerUid || mTotalUsage.buffered + bytes > kMaxBuffered) {
+    if (connection.buffered + bytes > kMaxBufferedPerConnection) {
         return false;
     }
+    for (;;) {
+        const Holdings::Judgement judgement = mHoldings.judge(connection.holder, kBytesBuffered, bytes);
+        if (judgement.verdict == Holdings::Verdict::kFits) {
+            break;
+        }
+        if (judgement.verdict == Holdings::Verdict::kRefused) {
+            return false;
+        }
+        cutToMakeRoom(judgement.victim, kBytesBuffered);
+    }
     connection.buffered += bytes;
-    connection.process->buffered += bytes;
-    connection.user->buffered += bytes;
-    mTotalUsage.buffered += bytes;
+    mHoldings.take(connection.holder, kBytesBuffered, bytes);
     return true;
 }
 
 void EventLoop::refund(Connection& connection, size_t bytes) {
     connection.buffered -= bytes;
-    connection.process->buffered -= bytes;
-    connection.user->buffered -= bytes;
-    mTotalUsage.buffered -= bytes;
+    mHoldings.give(connection.holder, kBytesBuffered, bytes);
+}
+
+void EventLoop::cutToMakeRoom(const Holdings::Holder& victim, Kind kind) {
+    // Closing gives the connection's holdings back at once.
+    ConnectionId chosen = 0;
+    Connection* cut = nullptr;
+    for (auto& [id, connection] : mConnections) {
+        if (!connection.open || connection.holder != victim) {
+            continue;
+        }
+        const bool better = cut == nullptr || (kind == kBytesBuffered ? connection.buffered > cut->buffered : id > chosen);
+        if (better) {
+            chosen = id;
+            cut = &connection;
+        }
+    }
+    if (cut == nullptr) {
+        return;
+    }
+    if (mayWarn()) {
+        __android_log_print(ANDROID_LOG_WARN, kTag,
+                            "cutting a connection of process %d: it holds the most %s of uid %u, which reached its bound",
+                            victim.pid, kind == kBytesBuffered ? "buffered bytes" : "connections", victim.uid);
+    }
+    close(chosen, *cut, true);
 }
 
 // --- input ---
@@ -393,10 +430,10 @@ bool EventLoop::readFrom(ConnectionId id) {
         return false;
     }
     Connection& connection = it->second;
-    if (connection.partialSize > kReadChunk) {
+    if (connection.partialUsed >= sizeof(FrameHeader)) {
         return readIntoPartial(id, connection);
     }
-    // A small partial frame goes in front of the new bytes, where it fits whole.
+    // The few bytes of a header that came go in front of the new bytes.
     uint8_t* buffer = readBuffer();
     const size_t kept = connection.partialUsed;
     if (kept > 0) {
@@ -412,13 +449,48 @@ bool EventLoop::readFrom(ConnectionId id) {
     }
     releasePartial(connection);
     handFrames(id, connection, buffer, kept + static_cast<size_t>(n));
-    // The rest of a large frame is often there already.
-    return connection.open && (connection.partialSize <= kReadChunk || readIntoPartial(id, connection));
+    return connection.open;
 }
 
 bool EventLoop::readIntoPartial(ConnectionId id, Connection& connection) {
+    FrameHeader header;
+    std::memcpy(&header, connection.partial.get(), sizeof(header));
+    // decodeFrame already refused a length beyond the largest frame.
+    const size_t frameSize = sizeof(header) + header.payloadSize;
+    int waiting = 0;
+    if (ioctl(connection.fd, FIONREAD, &waiting) != 0 || waiting <= 0) {
+        // Nothing waits, or the peer is gone: a byte tells which.
+        uint8_t byte;
+        const ssize_t peeked = recv(connection.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+        if (peeked < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+            return false;
+        }
+        if (peeked <= 0) {
+            close(id, connection, true);
+            return false;
+        }
+        waiting = 1;
+    }
+    // The buffer grows with what has arrived, by doubling so that a frame
+    // sent a byte at a time costs no more than one sent whole.
+    const size_t needed = connection.partialUsed + std::min(frameSize - connection.partialUsed, size_t(waiting));
+    if (needed > connection.partialCapacity) {
+        const size_t capacity = std::min(frameSize, std::max(needed, 2 * connection.partialCapacity));
+        if (!charge(connection, capacity - connection.partialCapacity)) {
+            if (mayWarn()) {
+                __android_log_print(ANDROID_LOG_WARN, kTag, "cutting a connection of process %d: too much buffered",
+                                    connection.holder.pid);
+            }
+            close(id, connection, true);
+            return false;
+        }
+        std::unique_ptr<uint8_t[]> grown(new uint8_t[capacity]);
+        std::memcpy(grown.get(), connection.partial.get(), connection.partialUsed);
+        connection.partial = std::move(grown);
+        connection.partialCapacity = capacity;
+    }
     const ssize_t n = receiveSome(connection.fd, connection.partial.get() + connection.partialUsed,
-                                  connection.partialSize - connection.partialUsed);
+                                  std::min(connection.partialCapacity, frameSize) - connection.partialUsed);
     if (n < 0) {
         return false;
     }
@@ -427,13 +499,12 @@ bool EventLoop::readIntoPartial(ConnectionId id, Connection& connection) {
         return false;
     }
     connection.partialUsed += static_cast<size_t>(n);
-    if (connection.partialUsed < connection.partialSize) {
+    if (connection.partialUsed < frameSize) {
         return true;
     }
     // Charged until the driver is done with it.
     const std::unique_ptr<uint8_t[]> frame = std::move(connection.partial);
-    const size_t size = connection.partialSize;
-    handFrames(id, connection, frame.get(), size);
+    handFrames(id, connection, frame.get(), frameSize);
     if (connection.open) {
         releasePartial(connection);
     }
@@ -473,31 +544,25 @@ void EventLoop::keepPartial(ConnectionId id, Connection& connection, const uint8
     if (size == 0) {
         return;
     }
-    // decodeFrame already refused a length beyond the largest frame.
-    size_t frameSize = sizeof(FrameHeader);
-    if (size >= sizeof(FrameHeader)) {
-        FrameHeader header;
-        std::memcpy(&header, bytes, sizeof(header));
-        frameSize += header.payloadSize;
-    }
-    if (!charge(connection, frameSize)) {
+    // Charged by what arrived, never by the length the header announces.
+    if (!charge(connection, size)) {
         if (mayWarn()) {
             __android_log_print(ANDROID_LOG_WARN, kTag, "cutting a connection of process %d: too much buffered",
-                                connection.pid);
+                                connection.holder.pid);
         }
         close(id, connection, true);
         return;
     }
-    connection.partial.reset(new uint8_t[frameSize]);
+    connection.partial.reset(new uint8_t[size]);
     std::memcpy(connection.partial.get(), bytes, size);
-    connection.partialSize = frameSize;
+    connection.partialCapacity = size;
     connection.partialUsed = size;
 }
 
 void EventLoop::releasePartial(Connection& connection) {
-    refund(connection, connection.partialSize);
+    refund(connection, connection.partialCapacity);
     connection.partial.reset();
-    connection.partialSize = connection.partialUsed = 0;
+    connection.partialCapacity = connection.partialUsed = 0;
 }
 
 void EventLoop::drain(ConnectionId id) {
@@ -523,7 +588,7 @@ EventLoop::Connection* EventLoop::outputTo(ConnectionId id, size_t size) {
             if (mayWarn()) {
                 __android_log_print(ANDROID_LOG_WARN, kTag,
                                     "cutting a connection of process %d: it does not read what it is sent",
-                                    connection.pid);
+                                    connection.holder.pid);
             }
             close(id, connection, true);
             return nullptr;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Driver.h"
+#include "Ledger.h"
 #include "Outbox.h"
 #include "PeerPolicy.h"
 
@@ -52,25 +53,22 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    // What the connections of one process, one uid or all of them hold.
-    struct Usage {
-        size_t connections = 0;
-        size_t buffered = 0;
-    };
+    // What the connections of each process hold: themselves and the bytes
+    // buffered for them.
+    enum Kind : size_t { kConnectionsHeld, kBytesBuffered, kKinds };
+    using Holdings = Ledger<kKinds>;
 
     struct Connection {
         int fd = -1;
-        pid_t pid = 0;
-        uid_t uid = 0;
-        Usage* process = nullptr;
-        Usage* user = nullptr;
+        Holdings::Holder holder;  // its process's pid and uid
         bool open = true;
         bool greeted = false;  // its first frame, the hello, was handled
         bool reading = false;  // its frames are being handed to the driver
-        // The frame that arrived in part, in a buffer sized to it (to its
-        // header while the length is unknown).
+        // The frame that arrived in part: while its header is incomplete the
+        // few bytes there are; then a buffer that grows as the frame's bytes
+        // arrive (to at most twice what arrived), never beyond the frame.
         std::unique_ptr<uint8_t[]> partial;
-        size_t partialSize = 0;
+        size_t partialCapacity = 0;
         size_t partialUsed = 0;
         std::vector<uint8_t> out;
         size_t outStart = 0;
@@ -90,9 +88,9 @@ private:
     // Tells a peer why it is turned away and closes the descriptor.
     static void refuse(int fd, uint32_t reason);
 
-    // Reads what the peer sent (one chunk, or the rest of a large frame) and
-    // hands whole frames to the driver; false when nothing was read or the
-    // connection ended.
+    // Reads what the peer sent (one chunk, or more of a frame that arrived
+    // in part) and hands whole frames to the driver; false when nothing was
+    // read or the connection ended.
     bool readFrom(ConnectionId id);
     bool readIntoPartial(ConnectionId id, Connection& connection);
     void handFrames(ConnectionId id, Connection& connection, const uint8_t* bytes, size_t size);
@@ -110,8 +108,18 @@ private:
     static ssize_t write(const Connection& connection, size_t end, int descriptor);
     void dropDescriptors(Connection& connection);
 
+    // Takes `bytes` more for the connection within its bounds. Where a shared
+    // bound (its uid's, or the total) would be crossed, the process holding
+    // the most loses its heaviest connections first; false when the charging
+    // connection must go itself: over its own bound, or its process holding
+    // the most.
     bool charge(Connection& connection, size_t bytes);
     void refund(Connection& connection, size_t bytes);
+    // Cuts the connection of `victim` that holds the most bytes, or its
+    // newest connection, so that another process's take fits.
+    void cutToMakeRoom(const Holdings::Holder& victim, Kind kind);
+    // Gives freed memory back to the system once much of it is free.
+    void returnMemory(Clock::time_point now);
     void close(ConnectionId id, Connection& connection, bool tellDriver);
     // Tells the driver of the connections closed since it last heard.
     void settle();
@@ -133,9 +141,7 @@ private:
     int mReserveFd;
     int mStatus = 0;
     std::unordered_map<ConnectionId, Connection> mConnections;
-    std::unordered_map<pid_t, Usage> mProcessUsage;
-    std::unordered_map<uid_t, Usage> mUserUsage;
-    Usage mTotalUsage;
+    Holdings mHoldings;
     std::vector<ConnectionId> mDirty;
     std::deque<ConnectionId> mUntold;
     std::vector<ConnectionId> mClosed;
@@ -146,6 +152,11 @@ private:
     std::vector<std::unique_ptr<uint8_t[]>> mReadBuffers;
     size_t mDepth = 0;
     size_t mDescriptorsInFlight = 0;
+    // Bytes held at most since memory was last given back to the system,
+    // and when it may be given back next.
+    size_t mHeldPeak = 0;
+    bool mReturnPending = false;
+    Clock::time_point mNextReturn;
     Clock::time_point mLastWarning;
     unsigned mSuppressedWarnings = 0;
 };

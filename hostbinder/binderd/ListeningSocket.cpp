@@ -41,6 +41,10 @@ bool prepareFolder(const std::string& folder, bool othersAllowed, std::string* e
         *error = "refusing " + folder + ": others can write to it";
     } else if (othersAllowed && chmod(folder.c_str(), (status.st_mode & 07777) | 0011) != 0) {
         *error = systemError("cannot open " + folder + " to other users");
+    } else if (!othersAllowed && (status.st_mode & 0077) == 0011 &&
+               chmod(folder.c_str(), status.st_mode & 07700) != 0) {
+        // Left searchable by a run that allowed other users: private again.
+        *error = systemError("cannot make " + folder + " private again");
     }
     return error->empty();
 }
@@ -62,10 +66,11 @@ int lockSocket(const std::string& path, std::string* error) {
     return fd;
 }
 
-// With the lock held, a socket at `path` is stale unless some other program
-// listens on it; any other file is not binderd's to remove.
-bool clearStaleSocket(const std::string& path, const sockaddr_un& address, std::string* error) {
+// Whether `path` is free or holds a socket (stale or live): anything else is
+// not binderd's to touch. Sets `present` when a socket is there.
+bool socketOrNothing(const std::string& path, bool* present, std::string* error) {
     struct stat status{};
+    *present = false;
     if (lstat(path.c_str(), &status) != 0) {
         if (errno == ENOENT) {
             return true;
@@ -76,6 +81,20 @@ bool clearStaleSocket(const std::string& path, const sockaddr_un& address, std::
     if (!S_ISSOCK(status.st_mode)) {
         *error = path + " exists and is not a socket: not replacing it";
         return false;
+    }
+    *present = true;
+    return true;
+}
+
+// With the lock held, a socket at `path` is stale unless some other program
+// listens on it; any other file is not binderd's to remove.
+bool clearStaleSocket(const std::string& path, const sockaddr_un& address, std::string* error) {
+    bool present = false;
+    if (!socketOrNothing(path, &present, error)) {
+        return false;
+    }
+    if (!present) {
+        return true;
     }
     const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const bool answered =
@@ -97,21 +116,38 @@ bool clearStaleSocket(const std::string& path, const sockaddr_un& address, std::
 }  // namespace
 
 ListeningSocket ListeningSocket::open(const std::string& path, bool othersAllowed, std::string* error) {
+    // The socket is bound under a name of its own beside `path`, made to
+    // listen, then renamed to `path`: whoever sees a socket at `path` can
+    // connect to it at once, never between bind and listen.
+    const std::string staging = path + ".new";
     sockaddr_un address{};
-    if (path.empty() || path.size() >= sizeof(address.sun_path)) {
+    sockaddr_un stagingAddress{};
+    if (path.empty() || staging.size() >= sizeof(address.sun_path)) {
         *error = "socket path is empty or too long: " + path;
         return ListeningSocket(-1, -1, "");
     }
-    address.sun_family = AF_UNIX;
+    address.sun_family = stagingAddress.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    std::memcpy(stagingAddress.sun_path, staging.c_str(), staging.size() + 1);
     if (!prepareFolder(folderOf(path), othersAllowed, error)) {
+        return ListeningSocket(-1, -1, "");
+    }
+    // A path that holds some other file gets no lock file beside it; the
+    // check is made again under the lock.
+    bool present = false;
+    if (!socketOrNothing(path, &present, error)) {
         return ListeningSocket(-1, -1, "");
     }
     const int lockFd = lockSocket(path, error);
     if (lockFd < 0) {
         return ListeningSocket(-1, -1, "");
     }
-    if (!clearStaleSocket(path, address, error)) {
+    // Under the lock, a socket left at the staging name is a dead binderd's.
+    if (!clearStaleSocket(path, address, error) || !socketOrNothing(staging, &present, error) ||
+        (present && unlink(staging.c_str()) != 0)) {
+        if (error->empty()) {
+            *error = systemError("cannot remove the stale socket " + staging);
+        }
         close(lockFd);
         return ListeningSocket(-1, -1, "");
     }
@@ -119,12 +155,14 @@ ListeningSocket ListeningSocket::open(const std::string& path, bool othersAllowe
     // The socket file is born without permissions for anyone else, whatever
     // the umask; then it gets exactly its mode.
     const mode_t umaskBefore = umask(0177);
-    const bool bound = fd >= 0 && bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    const bool bound =
+        fd >= 0 && bind(fd, reinterpret_cast<const sockaddr*>(&stagingAddress), sizeof(stagingAddress)) == 0;
     umask(umaskBefore);
-    if (!bound || chmod(path.c_str(), othersAllowed ? 0666 : 0600) != 0 || listen(fd, SOMAXCONN) != 0) {
+    if (!bound || chmod(staging.c_str(), othersAllowed ? 0666 : 0600) != 0 || listen(fd, SOMAXCONN) != 0 ||
+        rename(staging.c_str(), path.c_str()) != 0) {
         *error = systemError("cannot listen on " + path);
         if (bound) {
-            unlink(path.c_str());
+            unlink(staging.c_str());
         }
         if (fd >= 0) {
             close(fd);
@@ -133,6 +171,18 @@ ListeningSocket ListeningSocket::open(const std::string& path, bool othersAllowe
         return ListeningSocket(-1, -1, "");
     }
     return ListeningSocket(fd, lockFd, path);
+}
+
+std::string ListeningSocket::closedToOthers(const std::string& path) {
+    std::string folder = folderOf(path);
+    while (folder != "/" && folder != ".") {
+        folder = folderOf(folder);
+        struct stat status{};
+        if (stat(folder.c_str(), &status) == 0 && (status.st_mode & S_IXOTH) == 0) {
+            return folder;
+        }
+    }
+    return "";
 }
 
 ListeningSocket::ListeningSocket(int fd, int lockFd, std::string path)

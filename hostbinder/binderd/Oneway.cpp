@@ -11,12 +11,13 @@ void Driver::acceptOneway(Thread& sender, uint32_t handle, const std::shared_ptr
     if (const Channel* channel = onewayChannelTo(*sender.process, receiver)) {
         transaction->channel = channel->id;
     }
-    queueOneway(receiver, transaction);
+    queueOneway(transaction);
     OnewayAccepted accepted{0, 0, sender.process->revocations};
-    if (receiver.queuedOnewayBytes + receiver.reservedOnewayBytes + kOnewayCreditBytes <= kCreditGrantCeiling &&
-        bufferFits(receiver, kOnewayCreditBytes, true)) {
-        sender.credit = OnewayCredit{transaction->target, handle, kOnewayCreditBytes};
-        receiver.reservedOnewayBytes += kOnewayCreditBytes;
+    // Credit never makes anyone give way.
+    if (mLedger.held(receiver.holder(), kOnewayBytes) + kOnewayCreditBytes <= kCreditGrantCeiling &&
+        fits(receiver, kBufferBytes, kOnewayCreditBytes) && fits(receiver, kOnewayBytes, kOnewayCreditBytes)) {
+        sender.credit = OnewayCredit{transaction->target, handle, 0};
+        reserveCredit(sender.credit, kOnewayCreditBytes);
         accepted.creditBytes = static_cast<uint32_t>(kOnewayCreditBytes);
     }
     mOutbox.send(sender.connection, kTransactionComplete, &accepted, sizeof(accepted));
@@ -32,27 +33,25 @@ bool Driver::startCreditedOneway(Thread& thread, const TransactionView& view) {
         // it goes down with the owner, as if it had been queued.
         return true;
     }
-    const size_t size = view.header.dataSize;
-    if (view.header.target != credit.handle || size > credit.bytes) {
+    // Spent as the call is charged in the buffer, from the room it reserved.
+    const size_t charge = bufferCharge(view.header.dataSize, 0, true);
+    if (view.header.target != credit.handle || charge > credit.bytes) {
         return false;
     }
     Process& receiver = *credit.node->owner;
-    credit.bytes -= size;
-    receiver.reservedOnewayBytes -= size;
+    releaseCredit(credit, charge);
     std::vector<std::shared_ptr<Node>> noTransit;
     std::shared_ptr<Transaction> transaction = makeTransaction(*thread.process, credit.node, view, &noTransit);
     if (const Channel* channel = onewayChannelTo(*thread.process, receiver)) {
         transaction->channel = channel->id;
     }
-    queueOneway(receiver, transaction);
+    queueOneway(transaction);
     return true;
 }
 
 void Driver::endCredit(Thread& thread) {
     OnewayCredit& credit = thread.credit;
-    if (credit.node != nullptr && credit.node->owner != nullptr) {
-        credit.node->owner->reservedOnewayBytes -= credit.bytes;
-    }
+    releaseCredit(credit, credit.bytes);
     credit = OnewayCredit{};
 }
 
@@ -79,7 +78,7 @@ void Driver::revokeCreditsOn(const Process& dying) {
         if (thread.credit.node == nullptr || thread.credit.node->owner != &dying) {
             continue;
         }
-        thread.credit = OnewayCredit{};
+        endCredit(thread);
         Process& holder = *thread.process;
         if (&holder != &dying) {
             ++holder.revocations;
@@ -88,8 +87,8 @@ void Driver::revokeCreditsOn(const Process& dying) {
     }
 }
 
-void Driver::queueOneway(Process& receiver, const std::shared_ptr<Transaction>& transaction) {
-    receiver.queuedOnewayBytes += transaction->size();
+void Driver::queueOneway(const std::shared_ptr<Transaction>& transaction) {
+    chargeBuffer(*transaction, bufferCharge(transaction->data.size(), transaction->offsets.size(), true));
     // Behind the direct calls its sender made before it, when there are any.
     if (transaction->channel != 0 && holdBehindChannel(transaction)) {
         return;
@@ -109,11 +108,16 @@ void Driver::dispatchOneway(const std::shared_ptr<Transaction>& transaction) {
 }
 
 void Driver::fillPipeline(Node& node) {
+    // Bounded in frames and in their bytes, headers included, so that calls
+    // of no data cannot pile up in the thread's connection either; a call
+    // larger than the bound goes ahead alone.
     Thread* thread = node.onewayThread;
-    while (thread != nullptr && !node.onewayQueue.empty() && thread->pipelinedBytes < kMaxPipelinedBytes) {
+    while (thread != nullptr && !node.onewayQueue.empty() && thread->pipeline.size() < kMaxPipelinedCalls &&
+           (thread->pipeline.empty() ||
+            thread->pipelinedBytes + node.onewayQueue.front()->frameBytes() <= kMaxPipelinedBytes)) {
         std::shared_ptr<Transaction> next = node.onewayQueue.front();
         node.onewayQueue.pop_front();
-        thread->pipelinedBytes += next->size();
+        thread->pipelinedBytes += next->frameBytes();
         thread->pipeline.push_back(next);
         sendIncoming(*thread, *next);
     }
@@ -131,7 +135,7 @@ bool Driver::finishOneway(Thread& thread) {
     } else {
         std::shared_ptr<Transaction> next = thread.pipeline.front();
         thread.pipeline.pop_front();
-        thread.pipelinedBytes -= next->size();
+        thread.pipelinedBytes -= next->frameBytes();
         thread.serving.push_back(next);
         keepTransit(thread, *next);
         fillPipeline(*done->target);
@@ -152,10 +156,8 @@ void Driver::advanceOneway(Node& node) {
     }
 }
 
-void Driver::retireOneway(const Transaction& transaction) {
-    if (Process* owner = transaction.target->owner) {
-        owner->queuedOnewayBytes -= transaction.size();
-    }
+void Driver::retireOneway(Transaction& transaction) {
+    releaseCharge(transaction);
     if (transaction.channel != 0) {
         relayedOnewayDone(transaction);
     }

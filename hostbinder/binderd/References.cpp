@@ -23,12 +23,23 @@ uint64_t offsetAt(const TransactionView& view, size_t index) {
 
 }  // namespace
 
-bool Driver::objectsValid(const Process& from, const Process& to, const TransactionView& view) const {
-    // Counted as if every object were new to both tables.
-    const size_t count = view.header.offsetsCount;
-    if (to.handles.size() + count > kMaxHandlesPerProcess || from.nodes.size() + count > kMaxNodesPerProcess) {
-        return false;
+bool Driver::objectsValid(const Process& from, const Process& to, const TransactionView& view) {
+    return objectsWellFormed(from, view) && roomForObjects(from, to, view.header.offsetsCount);
+}
+
+bool Driver::roomForObjects(const Process& from, const Process& to, size_t count) {
+    // Counted as if every object were new to both tables. The service
+    // manager's table is bounded by the names and callbacks it keeps; it
+    // owns no nodes.
+    if (count == 0) {
+        return true;
     }
+    const bool handlesFit = &to == &mServiceManager ? to.handles.size() + count <= kMaxHandlesPerProcess
+                                                    : makeRoom(to, kHandlesHeld, count);
+    return handlesFit && (&from == &mServiceManager || makeRoom(from, kNodesHeld, count));
+}
+
+bool Driver::objectsWellFormed(const Process& from, const TransactionView& view) const {
     uint64_t nextFree = 0;
     for (size_t i = 0; i < view.header.offsetsCount; ++i) {
         const uint64_t offset = offsetAt(view, i);
@@ -107,6 +118,8 @@ std::shared_ptr<Node> Driver::nodeFor(Process& owner, uint64_t address, uint64_t
     if (node == nullptr) {
         node = std::make_shared<Node>();
         node->owner = &owner;
+        node->ownerHolder = owner.holder();
+        mLedger.take(owner.holder(), kNodesHeld, 1);
         node->address = address;
         node->cookie = cookie;
     }
@@ -119,9 +132,12 @@ uint32_t Driver::addHandleRef(Process& process, const std::shared_ptr<Node>& nod
         ++process.handles[known->second].count;
         return known->second;
     }
-    const uint32_t handle = process.nextHandle++;
+    const uint32_t handle = newHandleNumber(process.handles, &process.nextHandle);
     process.handles[handle] = HandleRef{node, 1};
     process.handleOfNode[node.get()] = handle;
+    if (&process != &mServiceManager) {
+        mLedger.take(process.holder(), kHandlesHeld, 1);
+    }
     takeNodeRef(*node);
     return handle;
 }
@@ -139,6 +155,9 @@ bool Driver::releaseHandle(Process& process, uint32_t handle, uint32_t count) {
     revokeReach(process, node, handle);
     process.handleOfNode.erase(node.get());
     process.handles.erase(it);
+    if (&process != &mServiceManager) {
+        mLedger.give(process.holder(), kHandlesHeld, 1);
+    }
     auto& watchers = node->deathWatchers;
     const std::pair<uint64_t, uint32_t> mine{process.token, handle};
     watchers.erase(std::remove(watchers.begin(), watchers.end(), mine), watchers.end());
@@ -155,8 +174,13 @@ void Driver::dropNodeRef(const std::shared_ptr<Node>& node) {
     sendDecNode(*node);
     auto it = node->owner->nodes.find(node->address);
     if (it != node->owner->nodes.end() && it->second == node) {
-        node->owner->nodes.erase(it);
+        forgetNode(*node->owner, it);
     }
+}
+
+void Driver::forgetNode(Process& owner, std::map<uint64_t, std::shared_ptr<Node>>::iterator node) {
+    owner.nodes.erase(node);
+    mLedger.give(owner.holder(), kNodesHeld, 1);
 }
 
 void Driver::sendDecNode(const Node& node) {

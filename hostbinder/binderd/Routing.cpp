@@ -32,7 +32,7 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
     }
     Process& receiver = *target->owner;
     const bool oneway = (view.header.flags & kFlagOneway) != 0;
-    const size_t size = size_t{view.header.dataSize} + size_t{view.header.offsetsCount} * sizeof(uint64_t);
+    const size_t charge = bufferCharge(view.header.dataSize, view.header.offsetsCount, oneway);
     // A two-way call made while serving one continues that call's chain.
     std::shared_ptr<Transaction> parent;
     if (!oneway && !thread.serving.empty() && !thread.serving.back()->oneway()) {
@@ -44,7 +44,7 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
         }
     }
     if (!objectsValid(sender, receiver, view) ||
-        (&receiver != &mServiceManager && !bufferFits(receiver, size, oneway)) ||
+        (&receiver != &mServiceManager && !roomInBuffer(receiver, charge, oneway)) ||
         (parent != nullptr && parent->depth >= kMaxCallDepth)) {
         refuse(thread, view, target.get(), FAILED_TRANSACTION);
         return true;
@@ -74,8 +74,7 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
         return true;
     }
     awaitReply(thread, transaction);
-    transaction->charged = true;
-    receiver.pendingBytes += size;
+    chargeBuffer(*transaction, charge);
     // A call back into a process that is waiting in this chain, at any level,
     // goes to the thread that waits there, not to its pool.
     for (std::shared_ptr<Transaction> link = parent; link != nullptr; link = link->parent.lock()) {
@@ -128,7 +127,7 @@ bool Driver::finishReply(Thread& thread, const TransactionView& view) {
             status = FAILED_TRANSACTION;
         }
         deliverReply(*call, status, thread.process, status == OK ? &view : nullptr);
-    } else if (objectsValid(*thread.process, *thread.process, view)) {
+    } else if (objectsWellFormed(*thread.process, view)) {
         returnSendRefs(*thread.process, view);
     }
     dropNodeRef(call->target);
@@ -242,19 +241,6 @@ void Driver::refuse(Thread& thread, const TransactionView& view, const Node* tar
         reportRefusal(thread, view, target, status);
     }
     mOutbox.send(thread.connection, kRefused, &status, sizeof(status));
-}
-
-bool Driver::bufferFits(const Process& receiver, size_t size, bool oneway) const {
-    const size_t oneways = receiver.queuedOnewayBytes + receiver.reservedOnewayBytes;
-    return receiver.pendingBytes + oneways + size <= kMaxTransactionBytes &&
-           (!oneway || oneways + size <= kMaxQueuedOnewayBytes);
-}
-
-void Driver::releaseCall(Transaction& call) {
-    if (call.charged && call.target->owner != nullptr) {
-        call.target->owner->pendingBytes -= call.size();
-    }
-    call.charged = false;
 }
 
 void Driver::abandon(const std::shared_ptr<Transaction>& transaction) {

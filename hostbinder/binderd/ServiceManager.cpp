@@ -111,12 +111,13 @@ void Driver::serveServiceManager(Thread& caller, const std::shared_ptr<Transacti
                 releaseRequestHandles(*request, 0);
                 Process& process = *caller.process;
                 if (mRegistry.find(name) == nullptr && code == kGetService &&
-                    process.lookupWaiters < kMaxLookupWaitersPerProcess) {
+                    makeRoom(process, kLookupsWaiting, 1)) {
                     // The request's bytes are not needed to answer it.
                     request->data = {};
                     request->offsets = {};
-                    ++process.lookupWaiters;
-                    mLookupWaiters.push_back({request, name, Clock::now() + kLookupWait, process.token});
+                    mLedger.take(process.holder(), kLookupsWaiting, 1);
+                    mLookupWaiters.push_back(
+                        {request, name, Clock::now() + kLookupWait, process.token, process.holder()});
                     return;
                 }
                 answerLookup(caller, request, name);
@@ -132,10 +133,10 @@ void Driver::serveServiceManager(Thread& caller, const std::shared_ptr<Transacti
                     break;
                 }
                 std::string message;
-                const ServiceRegistry::Owner owner{caller.process->token, caller.process->pid, caller.process->uid};
+                const Process& registrant = *caller.process;
                 const int32_t exception =
-                    code == kAddService                 ? addService(owner, name, binder.handle, binder.stability, &message)
-                    : code == kRegisterForNotifications ? registerCallback(owner, name, binder.handle, &message)
+                    code == kAddService ? addService(registrant, name, binder.handle, binder.stability, &message)
+                    : code == kRegisterForNotifications ? registerCallback(registrant, name, binder.handle, &message)
                                                         : unregisterCallback(name, binder.handle, &message);
                 binder::Status::fromExceptionCode(exception, String8(message.c_str())).writeToParcel(&reply);
                 if (exception == binder::Status::EX_NONE && code != kUnregisterForNotifications) {
@@ -172,18 +173,26 @@ void Driver::serveServiceManager(Thread& caller, const std::shared_ptr<Transacti
     }
 }
 
-int32_t Driver::addService(const ServiceRegistry::Owner& registrant, const std::u16string& name, uint32_t handle,
+int32_t Driver::addService(const Process& registrant, const std::u16string& name, uint32_t handle,
                            int32_t stability, std::string* message) {
     if (handle == 0) {
         *message = "a null binder cannot be added";
         return binder::Status::EX_ILLEGAL_ARGUMENT;
     }
+    // A new name counts against the process, its uid and everyone.
+    if (ServiceRegistry::validName(name) && mRegistry.find(name) == nullptr &&
+        !makeRoom(registrant, kNamesHeld, 1)) {
+        *message = "too many service names";
+        return binder::Status::EX_ILLEGAL_STATE;
+    }
     ServiceRegistry::Entry previous;
-    switch (mRegistry.add(name, {handle, stability, registrant}, &previous)) {
+    const ServiceRegistry::Owner owner{registrant.token, registrant.pid, registrant.uid};
+    switch (mRegistry.add(name, {handle, stability, owner}, &previous)) {
         case ServiceRegistry::Added::kReplaced:
             releaseHandle(mServiceManager, previous.handle, 1);
-            [[fallthrough]];
+            return binder::Status::EX_NONE;
         case ServiceRegistry::Added::kNew:
+            mLedger.take(registrant.holder(), kNamesHeld, 1);
             return binder::Status::EX_NONE;
         case ServiceRegistry::Added::kInvalidName:
             *message = "a name is 1 to 127 characters of [A-Za-z0-9_.-/]";
@@ -193,15 +202,12 @@ int32_t Driver::addService(const ServiceRegistry::Owner& registrant, const std::
             __android_log_print(ANDROID_LOG_WARN, kTag, "process %d may not take a service name of process %d",
                                 registrant.pid, previous.owner.pid);
             return binder::Status::EX_SECURITY;
-        case ServiceRegistry::Added::kTooMany:
-            break;
     }
-    *message = "too many service names";
     return binder::Status::EX_ILLEGAL_STATE;
 }
 
-int32_t Driver::registerCallback(const ServiceRegistry::Owner& registrant, const std::u16string& name,
-                                 uint32_t handle, std::string* message) {
+int32_t Driver::registerCallback(const Process& registrant, const std::u16string& name, uint32_t handle,
+                                 std::string* message) {
     if (!ServiceRegistry::validName(name)) {
         *message = "a name is 1 to 127 characters of [A-Za-z0-9_.-/]";
         return binder::Status::EX_ILLEGAL_ARGUMENT;
@@ -210,21 +216,31 @@ int32_t Driver::registerCallback(const ServiceRegistry::Owner& registrant, const
         *message = "a null callback";
         return binder::Status::EX_NULL_POINTER;
     }
-    if (!mRegistry.addCallback(name, {handle, registrant})) {
+    if (!makeRoom(registrant, kCallbacksHeld, 1)) {
         *message = "too many callbacks";
         return binder::Status::EX_ILLEGAL_STATE;
     }
+    mRegistry.addCallback(name, {handle, {registrant.token, registrant.pid, registrant.uid}});
+    mLedger.take(registrant.holder(), kCallbacksHeld, 1);
     return binder::Status::EX_NONE;
 }
 
 int32_t Driver::unregisterCallback(const std::u16string& name, uint32_t handle, std::string* message) {
-    const uint32_t registrations = handle == 0 ? 0 : mRegistry.removeCallback(name, handle);
-    if (registrations == 0) {
+    const std::vector<ServiceRegistry::Owner> registrants =
+        handle == 0 ? std::vector<ServiceRegistry::Owner>{} : mRegistry.removeCallback(name, handle);
+    if (registrants.empty()) {
         *message = "the callback is not registered for the name";
         return binder::Status::EX_ILLEGAL_STATE;
     }
-    releaseHandle(mServiceManager, handle, registrations);
+    uncountRegistrations(registrants, kCallbacksHeld);
+    releaseHandle(mServiceManager, handle, static_cast<uint32_t>(registrants.size()));
     return binder::Status::EX_NONE;
+}
+
+void Driver::uncountRegistrations(const std::vector<ServiceRegistry::Owner>& owners, Holding kind) {
+    for (const ServiceRegistry::Owner& owner : owners) {
+        mLedger.give({owner.uid, owner.pid}, kind, 1);
+    }
 }
 
 void Driver::notifyRegistration(const std::u16string& name, uint32_t callback) {
@@ -244,7 +260,7 @@ void Driver::notifyRegistration(const std::u16string& name, uint32_t callback) {
     view.header.flags = kFlagOneway;
     // A receiver that does not take its one-way calls misses the notice.
     if (!objectsValid(mServiceManager, receiver, view) ||
-        !bufferFits(receiver, data.dataSize() + data.objectsCount() * sizeof(uint64_t), true)) {
+        !roomInBuffer(receiver, bufferCharge(data.dataSize(), data.objectsCount(), true), true)) {
         if (mVerbose) {
             __android_log_print(ANDROID_LOG_INFO, kTag, "process %d missed a registration: its buffer is full",
                                 receiver.pid);
@@ -254,7 +270,7 @@ void Driver::notifyRegistration(const std::u16string& name, uint32_t callback) {
     std::vector<std::shared_ptr<Node>> transit;
     std::shared_ptr<Transaction> notice = makeTransaction(mServiceManager, node, view, &transit);
     notice->transit = std::move(transit);
-    queueOneway(receiver, notice);
+    queueOneway(notice);
 }
 
 void Driver::answerWaiters() {
@@ -271,10 +287,7 @@ void Driver::answerWaiters() {
 }
 
 std::vector<Driver::LookupWaiter>::iterator Driver::dropWaiter(std::vector<LookupWaiter>::iterator it) {
-    auto process = mProcesses.find(it->process);
-    if (process != mProcesses.end()) {
-        --process->second->lookupWaiters;
-    }
+    mLedger.give(it->holder, kLookupsWaiting, 1);
     return mLookupWaiters.erase(it);
 }
 
@@ -291,8 +304,10 @@ void Driver::replyFromServiceManager(Thread& caller, const std::shared_ptr<Trans
     if (request->from != &caller) {
         return;
     }
-    // Never a reply the caller could not read.
-    if (reply.dataSize() + reply.objectsCount() * sizeof(uint64_t) > kMaxTransactionBytes) {
+    // Never a reply the caller could not read, nor one with a binder its
+    // table has no room for.
+    if (reply.dataSize() + reply.objectsCount() * sizeof(uint64_t) > kMaxTransactionBytes ||
+        (status == OK && !roomForObjects(mServiceManager, *caller.process, reply.objectsCount()))) {
         status = FAILED_TRANSACTION;
     }
     TransactionView view = viewOf(reply);
@@ -318,7 +333,9 @@ void Driver::releaseRequestHandles(const Transaction& request, uint32_t keptHand
 }
 
 void Driver::removeServicesOf(const Process& process) {
-    for (uint32_t handle : mRegistry.removeOwner(process.token)) {
+    const std::vector<uint32_t> names = mRegistry.removeOwner(process.token);
+    mLedger.give(process.holder(), kNamesHeld, names.size());
+    for (uint32_t handle : names) {
         releaseHandle(mServiceManager, handle, 1);
     }
     const auto gone = [&](const ServiceRegistry::Callback& callback) {
@@ -326,8 +343,9 @@ void Driver::removeServicesOf(const Process& process) {
         return callback.owner.token == process.token || ref == mServiceManager.handles.end() ||
                ref->second.node->owner == &process;
     };
-    for (uint32_t handle : mRegistry.removeCallbacks(gone)) {
-        releaseHandle(mServiceManager, handle, 1);
+    for (const ServiceRegistry::Callback& callback : mRegistry.removeCallbacks(gone)) {
+        mLedger.give({callback.owner.uid, callback.owner.pid}, kCallbacksHeld, 1);
+        releaseHandle(mServiceManager, callback.handle, 1);
     }
 }
 

@@ -8,38 +8,7 @@ namespace {
 
 constexpr size_t kMaxNameLength = 127;
 
-template <typename Key>
-size_t countOf(const std::map<Key, size_t>& counts, Key key) {
-    auto it = counts.find(key);
-    return it == counts.end() ? 0 : it->second;
-}
-
-template <typename Key>
-void uncount(std::map<Key, size_t>& counts, Key key) {
-    auto it = counts.find(key);
-    if (it != counts.end() && --it->second == 0) {
-        counts.erase(it);
-    }
-}
-
 }  // namespace
-
-bool ServiceRegistry::Quota::take(const Owner& owner) {
-    if (countOf(mOfProcess, owner.token) >= mPerProcess || countOf(mOfUid, owner.uid) >= mPerUid ||
-        mCount >= mTotal) {
-        return false;
-    }
-    ++mOfProcess[owner.token];
-    ++mOfUid[owner.uid];
-    ++mCount;
-    return true;
-}
-
-void ServiceRegistry::Quota::give(const Owner& owner) {
-    uncount(mOfProcess, owner.token);
-    uncount(mOfUid, owner.uid);
-    --mCount;
-}
 
 bool ServiceRegistry::validName(const std::u16string& name) {
     if (name.empty() || name.size() > kMaxNameLength) {
@@ -65,9 +34,6 @@ ServiceRegistry::Added ServiceRegistry::add(const std::u16string& name, const En
         existing->second = entry;
         mNamesOfHandle.emplace(entry.handle, &existing->first);
         return Added::kReplaced;
-    }
-    if (!mNameQuota.take(entry.owner)) {
-        return Added::kTooMany;
     }
     const auto added = mEntries.emplace(name, entry).first;
     mNamesOfHandle.emplace(entry.handle, &added->first);
@@ -96,9 +62,6 @@ void ServiceRegistry::unindex(uint32_t handle, const std::u16string& name) {
 
 std::vector<uint32_t> ServiceRegistry::removeOwner(uint64_t token) {
     std::vector<uint32_t> handles;
-    if (!mNameQuota.holdsAny(token)) {
-        return handles;
-    }
     for (auto it = mEntries.begin(); it != mEntries.end();) {
         if (it->second.owner.token != token) {
             ++it;
@@ -106,18 +69,13 @@ std::vector<uint32_t> ServiceRegistry::removeOwner(uint64_t token) {
         }
         handles.push_back(it->second.handle);
         unindex(it->second.handle, it->first);
-        mNameQuota.give(it->second.owner);
         it = mEntries.erase(it);
     }
     return handles;
 }
 
-bool ServiceRegistry::addCallback(const std::u16string& name, const Callback& callback) {
-    if (!mCallbackQuota.take(callback.owner)) {
-        return false;
-    }
+void ServiceRegistry::addCallback(const std::u16string& name, const Callback& callback) {
     mCallbacks.emplace(name, callback);
-    return true;
 }
 
 std::vector<uint32_t> ServiceRegistry::callbacksOf(const std::u16string& name) const {
@@ -129,33 +87,32 @@ std::vector<uint32_t> ServiceRegistry::callbacksOf(const std::u16string& name) c
     return handles;
 }
 
-uint32_t ServiceRegistry::removeCallback(const std::u16string& name, uint32_t handle) {
-    uint32_t removed = 0;
+std::vector<ServiceRegistry::Owner> ServiceRegistry::removeCallback(const std::u16string& name, uint32_t handle) {
+    std::vector<Owner> removed;
     auto [it, last] = mCallbacks.equal_range(name);
     while (it != last) {
         if (it->second.handle != handle) {
             ++it;
             continue;
         }
-        mCallbackQuota.give(it->second.owner);
+        removed.push_back(it->second.owner);
         it = mCallbacks.erase(it);
-        ++removed;
     }
     return removed;
 }
 
-std::vector<uint32_t> ServiceRegistry::removeCallbacks(const std::function<bool(const Callback&)>& drop) {
-    std::vector<uint32_t> handles;
+std::vector<ServiceRegistry::Callback> ServiceRegistry::removeCallbacks(
+    const std::function<bool(const Callback&)>& drop) {
+    std::vector<Callback> removed;
     for (auto it = mCallbacks.begin(); it != mCallbacks.end();) {
         if (!drop(it->second)) {
             ++it;
             continue;
         }
-        handles.push_back(it->second.handle);
-        mCallbackQuota.give(it->second.owner);
+        removed.push_back(it->second);
         it = mCallbacks.erase(it);
     }
-    return handles;
+    return removed;
 }
 
 }  // namespace android::binderd

@@ -12,6 +12,7 @@
 
 #include <utils/Errors.h>
 
+#include "Limits.h"
 #include "Outbox.h"
 #include "protocol/Protocol.h"
 
@@ -23,6 +24,9 @@ struct Thread;
 // A local binder of some process, known to others through handles.
 struct Node {
     Process* owner = nullptr;  // null once the owner died
+    // The owner's pid and uid, kept after its death: what was charged to it
+    // for the node's calls goes back there.
+    DriverLedger::Holder ownerHolder;
     uint64_t address = 0;
     uint64_t cookie = 0;
     // Handle entries of other processes plus transactions and deliveries in
@@ -44,22 +48,33 @@ struct Transaction {
     // chain along which a call back into a waiting process finds its thread.
     std::weak_ptr<Transaction> parent;
     uint32_t depth = 1;  // two-way calls in the chain, this one included
+    // What it holds of its receiver's buffer (the target's owner) until it
+    // ends; 0 when nothing (given back, or to the service manager).
+    uint32_t charge = 0;
     std::shared_ptr<Node> target;
     hostbinder::TransactionHeader header{};
     std::vector<uint8_t> data;
     std::vector<uint64_t> offsets;
     // Owner-bound binders in the data, kept alive until delivery.
     std::vector<std::shared_ptr<Node>> transit;
-    // A two-way call counted in its receiver's pendingBytes until it ends.
-    bool charged = false;
     // A one-way call relayed by a process that also has a one-way channel to
     // the receiver: the channel that keeps its order with the direct ones;
     // fenced when its sender announced it (kChannelFence) and counts it.
     uint64_t channel = 0;
     bool fenced = false;
     bool oneway() const { return (header.flags & 1u) != 0; }
-    size_t size() const { return data.size() + offsets.size() * sizeof(uint64_t); }
+    // Its frame's bytes, headers included, when delivered.
+    size_t frameBytes() const {
+        return sizeof(hostbinder::FrameHeader) + sizeof(header) + data.size() + offsets.size() * sizeof(uint64_t);
+    }
 };
+
+// A queued one-way call costs binderd its Transaction in one allocation with
+// the shared pointer's counts (and the allocator's header), its place in a
+// queue, and the allocator's rounding of its data (up to 24 bytes) and object
+// table (up to 16): its buffer charge covers that beyond its data.
+static_assert(((sizeof(Transaction) + 16 + 8 + 15) & ~size_t{15}) + sizeof(std::shared_ptr<Transaction>) + 24 + 16 <=
+              hostbinder::kOnewayBufferOverhead);
 
 struct HandleRef {
     std::shared_ptr<Node> node;
@@ -67,7 +82,8 @@ struct HandleRef {
     bool deathRequested = false;
 };
 
-// Room reserved for a thread's one-way calls in the receiver's buffer.
+// Room reserved for a thread's one-way calls in the receiver's buffer (the
+// node owner's), charged to it while it lasts.
 struct OnewayCredit {
     std::shared_ptr<Node> node;  // null: no credit
     uint32_t handle = 0;
@@ -95,7 +111,8 @@ struct Thread {
     bool looper = false;
     bool idle = false;
     std::vector<std::shared_ptr<Transaction>> serving;
-    // One-way calls of the node being served, sent ahead to run next in order.
+    // One-way calls of the node being served, sent ahead to run next in
+    // order, and their frames' bytes.
     std::deque<std::shared_ptr<Transaction>> pipeline;
     size_t pipelinedBytes = 0;
     OnewayCredit credit;
@@ -110,10 +127,15 @@ struct Thread {
     bool waiting() const { return !awaiting.empty() && awaiting.back().servingBelow == serving.size(); }
 };
 
+// One session: a control connection and its threads. The sessions of one pid
+// share its holdings (the driver's ledger), its buffer above all.
 struct Process {
     uint64_t token = 0;
     pid_t pid = 0;
     uid_t uid = 0;
+    // Its pid held the most of something shared when it ran out: the
+    // session is ending.
+    bool evicted = false;
     ConnectionId control = 0;
     uint32_t maxThreads = 15;
     uint32_t loopers = 0;
@@ -125,14 +147,6 @@ struct Process {
     std::deque<std::shared_ptr<Transaction>> todo;
     std::deque<Thread*> idleLoopers;
     std::vector<Thread*> threads;
-    // Two-way calls queued for or delivered to this process and not yet
-    // answered; one-way calls accepted for it and not yet finished; and the
-    // credit other threads hold for more. Together they are its buffer.
-    size_t pendingBytes = 0;
-    size_t queuedOnewayBytes = 0;
-    size_t reservedOnewayBytes = 0;
-    // getService calls of this process waiting for a name.
-    size_t lookupWaiters = 0;
     // Credit revocations sent to this process so far.
     uint64_t revocations = 0;
     // Direct channels with this process at either end.
@@ -141,6 +155,8 @@ struct Process {
     // and its one-way channel to each process it sends one-way calls to.
     std::vector<uint64_t> heldChannels;
     std::map<const Process*, uint64_t> onewayChannels;
+
+    DriverLedger::Holder holder() const { return {uid, pid}; }
 };
 
 // A direct channel to the process that owns what its holder calls: a
@@ -152,6 +168,8 @@ struct Channel {
     Process* holder = nullptr;  // whose handles the calls name
     Thread* caller = nullptr;   // the thread of a two-way channel; null once gone
     Process* owner = nullptr;
+    // The owner's pid and uid: its credit reserved in the ledger is theirs.
+    DriverLedger::Holder ownerHolder;
     // Nodes of the owner that the holder's handles name, as the owner asked,
     // or that a released handle named until the owner took in the calls sent
     // before the release; each node held meanwhile.
@@ -175,5 +193,18 @@ struct Channel {
     // reaches the caller.
     std::shared_ptr<Transaction> chainLink;
 };
+
+// The number for a new entry of a handle table: the next at or after `*next`
+// that is neither 0 nor in use, so that numbers that wrapped around never
+// overwrite a live entry (a table holds far fewer entries than there are
+// numbers).
+inline uint32_t newHandleNumber(const std::map<uint32_t, HandleRef>& handles, uint32_t* next) {
+    uint32_t number = *next;
+    while (number == 0 || handles.count(number) != 0) {
+        ++number;
+    }
+    *next = number + 1;
+    return number;
+}
 
 }  // namespace android::binderd

@@ -25,7 +25,7 @@ bool Driver::startWatching(ConnectionId id, Peer& peer, const Frame& frame) {
     if (frame.payloadSize != 0) {
         return false;
     }
-    const uint32_t refusal = mTraffic.admit(id, peer.uid);
+    const uint32_t refusal = mTraffic.admit(id, peer.pid, peer.uid);
     if (refusal != 0) {
         mOutbox.send(id, kConnectionRefused, &refusal, sizeof(refusal));
         mOutbox.finish(id);

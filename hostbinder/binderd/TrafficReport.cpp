@@ -44,23 +44,41 @@ const uint8_t* interfaceDescriptor(const uint8_t* parcel, size_t size, size_t* u
     return parcel + kUnitsStart;
 }
 
-TrafficReport::TrafficReport(Outbox& outbox, uid_t owner) : mOutbox(outbox), mOwner(owner) {}
+TrafficReport::TrafficReport(Outbox& outbox, uid_t owner)
+    : mOutbox(outbox), mOwner(owner), mPlaces({{kMaxWatchersPerProcess}, {kMaxWatchers}, {kMaxWatchers}}) {}
 
-uint32_t TrafficReport::admit(ConnectionId id, uid_t uid) {
+uint32_t TrafficReport::admit(ConnectionId id, pid_t pid, uid_t uid) {
     if (uid != mOwner && uid != 0) {
         return kNotAllowedToWatch;
     }
-    if (mWatchers.size() >= kMaxWatchers) {
-        return kTooManyConnections;
+    const Places::Holder holder{uid, pid};
+    for (;;) {
+        const Places::Judgement judgement = mPlaces.judge(holder, 0, 1);
+        if (judgement.verdict == Places::Verdict::kFits) {
+            break;
+        }
+        if (judgement.verdict == Places::Verdict::kRefused) {
+            return kTooManyConnections;
+        }
+        auto newest = std::find_if(mWatchers.rbegin(), mWatchers.rend(),
+                                   [&](const Watcher& watcher) { return watcher.holder == judgement.victim; });
+        const ConnectionId victim = newest->id;
+        const uint32_t reason = kTooManyConnections;
+        mOutbox.send(victim, kConnectionRefused, &reason, sizeof(reason));
+        mOutbox.finish(victim);
+        forget(victim);
     }
-    mWatchers.push_back({id, 0});
+    mPlaces.take(holder, 0, 1);
+    mWatchers.push_back({id, 0, holder});
     return 0;
 }
 
 void TrafficReport::forget(ConnectionId id) {
-    mWatchers.erase(std::remove_if(mWatchers.begin(), mWatchers.end(),
-                                   [id](const Watcher& watcher) { return watcher.id == id; }),
-                    mWatchers.end());
+    auto it = std::find_if(mWatchers.begin(), mWatchers.end(), [id](const Watcher& watcher) { return watcher.id == id; });
+    if (it != mWatchers.end()) {
+        mPlaces.give(it->holder, 0, 1);
+        mWatchers.erase(it);
+    }
 }
 
 void TrafficReport::report(TrafficRecord record, const std::u16string* name, const uint8_t* parcel,

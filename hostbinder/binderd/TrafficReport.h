@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Ledger.h"
 #include "Outbox.h"
 #include "protocol/Protocol.h"
 
@@ -25,8 +26,10 @@ public:
     bool watched() const { return !mWatchers.empty(); }
     size_t watcherCount() const { return mWatchers.size(); }
 
-    // Takes a connection that asked to watch: 0, or why it is refused.
-    uint32_t admit(ConnectionId id, uid_t uid);
+    // Takes a connection that asked to watch: 0, or why it is refused. When
+    // all the watchers' places are taken, the process watching with the most
+    // connections gives its newest up (unless that is the newcomer's).
+    uint32_t admit(ConnectionId id, pid_t pid, uid_t uid);
     void forget(ConnectionId id);
 
     // Sends the record, stamped with the time, to every watcher. `name` is
@@ -38,9 +41,11 @@ public:
     void catchUp();
 
 private:
+    using Places = Ledger<1>;
     struct Watcher {
         ConnectionId id = 0;
         uint64_t lost = 0;
+        Places::Holder holder;
     };
 
     // Whether `bytes` more fit the watcher's backlog, once it heard of its losses.
@@ -49,6 +54,7 @@ private:
     Outbox& mOutbox;
     const uid_t mOwner;
     std::vector<Watcher> mWatchers;
+    Places mPlaces;
     std::vector<uint8_t> mPayload;  // reused: no allocation per record
 };
 

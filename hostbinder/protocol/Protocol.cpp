@@ -87,6 +87,8 @@ const char* refusalText(uint32_t reason) {
             return "no hello in time";
         case kNotAllowedToWatch:
             return "only binderd's own user and root may watch its traffic";
+        case kEvicted:
+            return "it held the most of what its user shares with others, when that ran out";
         default:
             return "unknown reason";
     }

@@ -78,13 +78,24 @@ constexpr size_t kMaxObjects = kMaxTransactionBytes / 24;
 // Room a sending thread may hold in one receiver's one-way buffer; granted
 // only while the buffer is at most half full, so that reservations never make
 // a sender fail before the buffer is really short.
-constexpr size_t kOnewayCreditBytes = 16 * 1024;
+constexpr size_t kOnewayCreditBytes = 64 * 1024;
 constexpr size_t kCreditGrantCeiling = kMaxQueuedOnewayBytes / 2;
-// A direct channel's credit comes in larger steps: its calls cost binderd
-// nothing, so each step saves a round trip per few hundred calls.
-constexpr size_t kChannelCreditBytes = 64 * 1024;
-// One-way calls sent to a thread ahead of time, at most.
+// One-way calls sent to a thread ahead of time, at most: their frames'
+// bytes, headers included, and their number.
 constexpr size_t kMaxPipelinedBytes = 64 * 1024;
+constexpr size_t kMaxPipelinedCalls = 1024;
+// What a transaction takes of its receiver's buffer, as the platform's driver
+// counts it: the data and the object table each rounded up to 8 bytes, at
+// least 8 bytes in all; a one-way call also a fixed amount for the buffer's
+// bookkeeping. The platform counts its own struct for that (about a hundred
+// bytes); binderd counts what a queued call costs binderd itself, so that
+// the bound on one-way bytes bounds its memory too. A one-way credit is spent
+// by the same count.
+constexpr size_t kOnewayBufferOverhead = 272;
+constexpr size_t bufferCharge(size_t dataSize, size_t offsetsCount, bool oneway) {
+    const size_t rounded = ((dataSize + 7) & ~size_t{7}) + offsetsCount * sizeof(uint64_t);
+    return (rounded < 8 ? 8 : rounded) + (oneway ? kOnewayBufferOverhead : 0);
+}
 // IBinder::FLAG_ONEWAY, for binderd which does not use the client headers.
 constexpr uint32_t kFlagOneway = 1;
 
@@ -149,6 +160,7 @@ enum RefusalReason : uint32_t {
     kOutOfDescriptors,      // binderd reached its descriptor limit
     kNoHello,               // the hello did not arrive in time
     kNotAllowedToWatch,     // only binderd's own uid and root may watch the traffic
+    kEvicted,               // the process held the most of what its uid (or everyone) shares, when it ran out
 };
 // What a refusal means, for messages.
 const char* refusalText(uint32_t reason);
@@ -298,14 +310,6 @@ struct DirectReply {
     uint32_t reserved;
 };
 
-// What a one-way call takes of its receiver's buffer: data and object table
-// each rounded up to 8 bytes, at least 8 bytes, plus the bookkeeping of a
-// buffer, as the platform counts it.
-constexpr size_t kOnewayBookkeepingBytes = 96;
-constexpr size_t onewayCharge(size_t dataSize, size_t offsetsCount) {
-    const size_t bytes = ((dataSize + 7) & ~size_t{7}) + offsetsCount * sizeof(uint64_t);
-    return (bytes < 8 ? 8 : bytes) + kOnewayBookkeepingBytes;
-}
 // One-way calls that go straight to a channel: small enough for one socket
 // write that never splits.
 constexpr size_t kMaxDirectOnewayBytes = 16 * 1024;

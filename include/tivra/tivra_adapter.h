@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -146,10 +145,6 @@ public:
     virtual std::string GetNodeExtInfo(const std::string& nodeId, const std::string& key) = 0;
     virtual std::string GetUdidByNodeId(const std::string& nodeId) = 0;
     virtual std::string GetUuidByNodeId(const std::string& nodeId) = 0;
-
-private:
-    static std::shared_ptr<TivraAdapter> instance_;
-    static std::mutex instanceMutex_;
 };
 
 }  // namespace Communication

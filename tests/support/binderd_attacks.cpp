@@ -1,12 +1,17 @@
 #include "binderd_attacks.h"
 
 #include <dirent.h>
+#include <linux/android/binder.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -15,6 +20,7 @@
 #include <utils/Errors.h>
 #include <utils/String16.h>
 
+#include "Limits.h"
 #include "hostbinder_test_service.h"
 #include "raw_peer.h"
 
@@ -290,6 +296,242 @@ Outcome partialFrames(const AttackTarget& target) {
     return cut ? Outcome::kCut : Outcome::kAbsorbed;
 }
 
+// Starts `body` in `count` child processes of the attacker, each its own
+// process for binderd.
+std::vector<pid_t> startProcesses(size_t count, const std::function<int(size_t)>& body) {
+    std::vector<pid_t> children;
+    for (size_t i = 0; i < count; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(body(i));
+        }
+        children.push_back(child);
+    }
+    return children;
+}
+
+// Their exit statuses (-1: killed, or still running at the timeout).
+std::vector<int> exitStatuses(const std::vector<pid_t>& children, std::chrono::milliseconds timeout) {
+    std::vector<int> statuses;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (pid_t child : children) {
+        int status = 0;
+        pid_t done = 0;
+        while ((done = waitpid(child, &status, WNOHANG)) == 0 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(milliseconds(5));
+        }
+        if (done == 0) {
+            kill(child, SIGKILL);
+            waitpid(child, &status, 0);
+        }
+        statuses.push_back(done == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1);
+    }
+    return statuses;
+}
+
+// One process of the uid holds what binderd buffers for a process, to within
+// a few bytes, in frames that never end: each connection sends all but the
+// last byte of a frame, a largest one first, half as large after binderd cut
+// one for going over. Then it holds them while others need room. 1 when
+// binderd then cut one of them.
+int holdPartialFrames(const AttackTarget& target) {
+    RawSession session(target.socketPath);
+    if (!session.ready()) {
+        return 2;
+    }
+    std::vector<uint8_t> frame(sizeof(FrameHeader) + kMaxPayload, 0);
+    std::vector<std::unique_ptr<RawPeer>> held;
+    size_t size = frame.size();
+    while (size >= 16 && held.size() < android::binderd::kMaxConnectionsPerProcess - 8) {
+        const FrameHeader header{static_cast<uint32_t>(size - sizeof(FrameHeader)), kTransaction};
+        std::memcpy(frame.data(), &header, sizeof(header));
+        auto thread = std::make_unique<RawPeer>(target.socketPath);
+        std::vector<uint8_t> welcome;
+        if (!session.addThread(*thread) || thread->nextCommand(&welcome) != kWelcome ||
+            !thread->sendBytes(frame.data(), size - 1) || thread->closedByBinderd(milliseconds(20))) {
+            size /= 2;
+            continue;
+        }
+        held.push_back(std::move(thread));
+    }
+    for (int wait = 0; wait < 100; ++wait) {
+        for (const auto& thread : held) {
+            if (thread->closedByBinderd(milliseconds(0))) {
+                return 1;
+            }
+        }
+        std::this_thread::sleep_for(milliseconds(20));
+    }
+    return 0;
+}
+
+// Processes of the uid fill the bytes binderd buffers for the uid with
+// partial frames, each to its own bound and one more beyond the uid's.
+Outcome uidFilledWithPartialFrames(const AttackTarget& target) {
+    using namespace android::binderd;
+    const size_t processes = kMaxBufferedPerUid / kMaxBufferedPerProcess + 1;
+    const std::vector<int> statuses = exitStatuses(
+        startProcesses(processes, [&](size_t) { return holdPartialFrames(target); }), milliseconds(60000));
+    if (std::count(statuses.begin(), statuses.end(), 2) > 0) {
+        return Outcome::kBroken;
+    }
+    return std::count(statuses.begin(), statuses.end(), 1) > 0 ? Outcome::kCut : Outcome::kAbsorbed;
+}
+
+// The first of a stream of one-way calls of no data, waiting for binderd's
+// answer: the credit it grants (0 when none), or -1 when refused.
+int64_t firstOnewayCall(RawSession& session, uint32_t handle) {
+    std::vector<uint8_t> payload;
+    if (!session.thread().sendTransaction(handle, 1, {}, {}, kFlagOneway)) {
+        return -1;
+    }
+    for (;;) {
+        const int64_t command = session.thread().nextCommand(&payload);
+        OnewayAccepted accepted{};
+        if (command == kTransactionComplete && payload.size() == sizeof(accepted)) {
+            std::memcpy(&accepted, payload.data(), sizeof(accepted));
+            return accepted.creditBytes;
+        }
+        if (command != kWelcome) {
+            return -1;
+        }
+    }
+}
+
+// A service of the attacker's that never takes its calls, and a stream of
+// one-way calls of no data at it, paid from credit as if credit never ended.
+Outcome zeroByteOnewayFlood(const AttackTarget& target) {
+    RawSession sink(target.socketPath);
+    RawSession sender(target.socketPath);
+    if (!sink.ready() || sink.addService("attack.zero", 0x4000) != 0) {
+        return Outcome::kBroken;
+    }
+    const uint32_t handle = sender.checkService("attack.zero");
+    if (handle == 0 || firstOnewayCall(sender, handle) <= 0) {
+        return Outcome::kBroken;
+    }
+    TransactionHeader header{};
+    header.target = handle;
+    header.code = 1;
+    header.flags = kFlagOneway;
+    std::vector<uint8_t> batch;
+    for (int i = 0; i < 4096; ++i) {
+        appendTransaction(&batch, kOnewayCredited, header, nullptr, nullptr);
+    }
+    const size_t total = scaled(target, 20e6, 100000);
+    for (size_t sent = 0; sent < total; sent += 4096) {
+        if (!sender.thread().sendBytes(batch.data(), batch.size())) {
+            return Outcome::kCut;
+        }
+    }
+    return sender.thread().closedByBinderd(milliseconds(5000)) ? Outcome::kCut : Outcome::kAbsorbed;
+}
+
+// The victim service stops (as under a debugger) while one-way calls of no
+// data pour in for it; then it goes on. Its connections must not be cut for
+// what others sent it: calls beyond its buffer are refused to their sender.
+Outcome onewayFloodAtAStoppedService(const AttackTarget& target) {
+    RawSession sender(target.socketPath);
+    const uint32_t handle = sender.checkService(target.victimName);
+    if (handle == 0 || target.victimPid <= 0 || kill(target.victimPid, SIGSTOP) != 0) {
+        return Outcome::kBroken;
+    }
+    struct Resume {
+        pid_t pid;
+        ~Resume() { kill(pid, SIGCONT); }
+    } resume{target.victimPid};
+    TransactionHeader header{};
+    header.target = handle;
+    header.code = 1;
+    header.flags = kFlagOneway;
+    std::vector<uint8_t> batch;
+    constexpr size_t kBatch = 1024;
+    for (size_t i = 0; i < kBatch; ++i) {
+        appendTransaction(&batch, kTransaction, header, nullptr, nullptr);
+    }
+    size_t refused = 0;
+    const size_t total = scaled(target, 1e6, 20000);
+    std::vector<uint8_t> payload;
+    for (size_t sent = 0; sent < total; sent += kBatch) {
+        if (!sender.thread().sendBytes(batch.data(), batch.size())) {
+            return Outcome::kCut;
+        }
+        for (size_t answered = 0; answered < kBatch;) {
+            const int64_t command = sender.thread().nextCommand(&payload);
+            if (command <= 0) {
+                return command == 0 ? Outcome::kCut : Outcome::kUnanswered;
+            }
+            refused += command == kRefused ? 1 : 0;
+            answered += command == kRefused || command == kTransactionComplete ? 1 : 0;
+        }
+    }
+    return refused > 0 ? Outcome::kRefused : Outcome::kAbsorbed;
+}
+
+// Processes of the uid register all the names the uid may have, and one
+// more; then a process holding none registers one. It must get it: the uid's
+// bound is taken back from a process holding the most.
+Outcome namesOfManyProcesses(const AttackTarget& target) {
+    using namespace android::binderd;
+    const size_t processes = kMaxNamesPerUid / kMaxNamesPerProcess + 1;
+    Channel registered;
+    const std::vector<pid_t> hogs = startProcesses(processes, [&](size_t index) {
+        RawSession session(target.socketPath);
+        for (size_t i = 0; i < kMaxNamesPerProcess; ++i) {
+            session.addService("attack.hog" + std::to_string(index) + "." + std::to_string(i), 0x1000 + 16 * i);
+        }
+        registered.post("done");
+        // 1 when binderd ended this process's session.
+        return session.control().closedByBinderd(milliseconds(3000)) ? 1 : 0;
+    });
+    for (size_t i = 0; i < processes; ++i) {
+        registered.next(milliseconds(20000));
+    }
+    RawSession fresh(target.socketPath);
+    const int32_t exception = fresh.addService("attack.fresh", 0x7000);
+    const std::vector<int> statuses = exitStatuses(hogs, milliseconds(10000));
+    if (exception != 0) {
+        return Outcome::kRefused;
+    }
+    return std::count(statuses.begin(), statuses.end(), 1) > 0 ? Outcome::kCut : Outcome::kAbsorbed;
+}
+
+// One process opens session pairs; in each, one session sends the other
+// (which never reads) a call carrying as many new binders as a call holds.
+// Its sessions share the process's bound on nodes and handles.
+Outcome nodesFromManySessions(const AttackTarget& target) {
+    const size_t objects = kMaxTransactionBytes / (sizeof(flat_binder_object) + sizeof(uint64_t));
+    std::vector<std::unique_ptr<RawSession>> sessions;
+    for (size_t pair = 0; pair < scaled(target, 60, 2); ++pair) {
+        auto receiver = std::make_unique<RawSession>(target.socketPath);
+        auto sender = std::make_unique<RawSession>(target.socketPath);
+        const std::string name = "attack.pair." + std::to_string(pair);
+        if (!receiver->ready() || !sender->ready() || receiver->addService(name, 0x4000) != 0) {
+            return Outcome::kBroken;
+        }
+        const uint32_t handle = sender->checkService(name);
+        std::vector<uint8_t> data(objects * sizeof(flat_binder_object));
+        std::vector<uint64_t> offsets(objects);
+        for (size_t i = 0; i < objects; ++i) {
+            flat_binder_object object{};
+            object.hdr.type = BINDER_TYPE_BINDER;
+            object.binder = object.cookie = 0x100000 + 0x100 * (pair * objects + i);
+            std::memcpy(data.data() + i * sizeof(object), &object, sizeof(object));
+            offsets[i] = i * sizeof(object);
+        }
+        if (handle == 0 || !sender->thread().sendTransaction(handle, 1, data, offsets)) {
+            return Outcome::kBroken;
+        }
+        // The first pair's call waits in its receiver; a later one is refused.
+        if (sender->answer(nullptr, milliseconds(pair == 0 ? 200 : 5000)) == android::FAILED_TRANSACTION) {
+            return Outcome::kRefused;
+        }
+        sessions.push_back(std::move(receiver));
+        sessions.push_back(std::move(sender));
+    }
+    return Outcome::kAbsorbed;
+}
+
 }  // namespace
 
 const char* outcomeName(Outcome outcome) {
@@ -321,6 +563,11 @@ const std::vector<Attack>& binderdAttacks() {
         {"name_theft", Outcome::kRefused, nameTheft},
         {"calls_to_a_service_that_never_reads", Outcome::kRefused, slowReceiverFlood},
         {"partial_frames_on_200_threads", Outcome::kCut, partialFrames},
+        {"uid_buffer_filled_by_5_processes", Outcome::kCut, uidFilledWithPartialFrames},
+        {"zero_byte_oneway_flood_20M", Outcome::kCut, zeroByteOnewayFlood},
+        {"oneway_flood_at_a_stopped_service_1M", Outcome::kRefused, onewayFloodAtAStoppedService},
+        {"names_of_5_processes", Outcome::kCut, namesOfManyProcesses},
+        {"nodes_from_60_session_pairs_of_one_process", Outcome::kRefused, nodesFromManySessions},
     };
     return attacks;
 }

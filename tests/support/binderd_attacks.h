@@ -26,6 +26,9 @@ struct AttackTarget {
     // A live service of another process of the same uid, whose name the
     // attacker tries to take and whose handle it abuses.
     std::string victimName;
+    // That service's process, which an attacker may stop for a while (it
+    // always lets it go on).
+    pid_t victimPid = -1;
     // 1 runs each attack at the sizes it was first seen at; tests run small.
     double scale = 1;
 };

@@ -98,6 +98,11 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             std::lock_guard<std::mutex> lock(mLock);
             return reply->writeBool(candidate != nullptr && candidate == mHeld);
         }
+        case kAnswerWith: {
+            const status_t status = data.readInt32();
+            reply->writeInt32(status);
+            return status;
+        }
         case kBlockOneway:
             if (mWaitForRelease) {
                 mWaitForRelease();

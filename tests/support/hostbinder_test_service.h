@@ -32,6 +32,7 @@ public:
         kIsHeld,         // binder -> bool whether it is the kept one (same proxy)
         kBlockOneway,    // one-way: blocks this node until release() is called
         kLookUpAndRecord, // one-way: a two-way service lookup first, then as kRecord
+        kAnswerWith,     // int32 status -> that int32, and onTransact returns the status
     };
 
     explicit TestService(std::function<void()> waitForRelease = {}) : mWaitForRelease(std::move(waitForRelease)) {}

@@ -132,6 +132,10 @@ json ControlCommands::Run(const json& command) {
     }
     if (op == "exit") {
         const int32_t code = fields.Find("code") != nullptr ? fields.Int32("code") : 0;
+        // An exit status is one byte: 256 would look like success.
+        if (code < 0 || code > 255) {
+            fields.Fail("expected an exit status from 0 to 255", "code");
+        }
         std::fflush(nullptr);
         // Leave at once, like a crash would, without running static destructors
         // under live Binder threads; the caller sees the service die.

@@ -28,6 +28,7 @@
 #include "scenario.h"
 #include "simulated_network.h"
 #include "timeline_player.h"
+#include "written_output.h"
 
 namespace {
 
@@ -49,13 +50,13 @@ void PrintUsage() {
                  "  --scenario FILE  the network and its timeline (JSON); default: the bundled sample\n"
                  "  -v, --verbose    report every timeline event on stderr\n"
                  "  -h, --help       show this help\n"
-                 "  --version        show the version\n"
+                 "  -V, --version    show the version\n"
                  "\n"
                  "binderd's socket is $HOSTBINDER_SOCKET, else $XDG_RUNTIME_DIR/hostbinder/binder,\n"
                  "else /tmp/hostbinder-<uid>/binder.\n"
                  "\n"
-                 "Exit status: 0 stopped by SIGINT or SIGTERM, 1 bad scenario, 2 bad usage,\n"
-                 "3 binderd is not running.\n",
+                 "Exit status: 0 stopped by SIGINT or SIGTERM, 1 could not start (a bad scenario,\n"
+                 "the name taken, this text not written), 2 bad usage, 3 binderd is not running.\n",
                  kServiceName, tivra_control::kControlServiceName);
 }
 
@@ -122,32 +123,35 @@ int RegisterAgain(const android::sp<android::IBinder>& service, const android::s
 int main(int argc, char** argv) {
     std::string scenarioPath;
     bool verbose = false;
-    enum { kScenario = 256, kVersion };
+    enum { kScenario = 256 };
     const struct option options[] = {
         {"scenario", required_argument, nullptr, kScenario}, {"verbose", no_argument, nullptr, 'v'},
-        {"help", no_argument, nullptr, 'h'},                 {"version", no_argument, nullptr, kVersion},
+        {"help", no_argument, nullptr, 'h'},                 {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     };
     opterr = 0;
     int option;
-    while ((option = getopt_long(argc, argv, ":hv", options, nullptr)) != -1) {
+    while ((option = getopt_long(argc, argv, ":hvV", options, nullptr)) != -1) {
         switch (option) {
             case 'h':
                 PrintUsage();
-                return 0;
-            case kVersion:
+                return tivra_tools::FinishOutput("tivra-monitord", 0);
+            case 'V':
                 std::printf("tivra-monitord (libtivra) %s\n", TIVRA_VERSION);
-                return 0;
+                return tivra_tools::FinishOutput("tivra-monitord", 0);
             case 'v':
                 verbose = true;
                 break;
             case kScenario:
+                if (*optarg == '\0') {
+                    return UsageError("option '--scenario' needs a non-empty value");
+                }
                 scenarioPath = optarg;
                 break;
             case ':':
                 return UsageError(std::string("option '") + argv[optind - 1] + "' needs a value");
             default:
-                return UsageError(tivra_tools::RefusedOption(argv[optind - 1]));
+                return UsageError(tivra_tools::RefusedOption(argv[optind - 1], options));
         }
     }
     if (optind < argc) {

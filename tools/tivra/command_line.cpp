@@ -2,7 +2,9 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <sstream>
 
 #include "exit_codes.h"
 #include "refused_option.h"
@@ -11,7 +13,7 @@
 namespace tivra_cli {
 namespace {
 
-enum CommonOption : int { kHelp = 'h', kVerbose = 'v', kJson = 256, kPretty, kVersion, kFirstCommandOption };
+enum CommonOption : int { kHelp = 'h', kVerbose = 'v', kVersion = 'V', kJson = 256, kPretty, kFirstCommandOption };
 
 const struct option kCommonOptions[] = {
     {"help", no_argument, nullptr, kHelp},
@@ -27,6 +29,25 @@ int UsageError(const std::string& command, const std::string& reason) {
     std::fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", command.c_str(), reason.c_str(),
                  command.c_str());
     return kExitUsage;
+}
+
+int RefuseEmptyArguments(const std::string& command, const std::string& synopsis,
+                         const std::vector<std::string>& words) {
+    std::vector<std::string> names;
+    std::istringstream parts(synopsis);
+    for (std::string part; parts >> part;) {
+        part.erase(std::remove_if(part.begin(), part.end(), [](char c) { return c == '[' || c == ']'; }), part.end());
+        if (part.rfind('-', 0) != 0) {
+            names.push_back(part);
+        }
+    }
+    for (size_t i = 0; i < words.size(); ++i) {
+        if (words[i].empty()) {
+            const std::string name = names.empty() ? "argument" : names[std::min(i, names.size() - 1)];
+            return UsageError(command, name + " must not be empty");
+        }
+    }
+    return kExitOk;
 }
 
 Parsed Parse(const CommandLine& line, const std::vector<std::string>& args, Options& options) {
@@ -48,7 +69,7 @@ Parsed Parse(const CommandLine& line, const std::vector<std::string>& args, Opti
     const int argc = static_cast<int>(storage.size());
 
     // "+" stops at the first word; ":" reports a missing value apart.
-    const char* shortOptions = line.stopAtFirstWord ? "+:hv" : ":hv";
+    const char* shortOptions = line.stopAtFirstWord ? "+:hvV" : ":hvV";
     Parsed parsed;
     optind = 0;  // glibc: start over with a new vector
     opterr = 0;
@@ -78,13 +99,20 @@ Parsed Parse(const CommandLine& line, const std::vector<std::string>& args, Opti
                 parsed.exit = UsageError(line.command, "option '" + given + "' needs a value");
                 return parsed;
             case '?':
-                parsed.exit = UsageError(line.command, tivra_tools::RefusedOption(given));
+                parsed.exit = UsageError(line.command, tivra_tools::RefusedOption(given, table.data(), true));
                 return parsed;
-            default:
-                if (!line.options[found - kFirstCommandOption].take(optarg != nullptr ? optarg : "")) {
+            default: {
+                const CommandOption& own = line.options[found - kFirstCommandOption];
+                // An empty value is a slip (an unset variable), never a choice.
+                if (own.argument != nullptr && *optarg == '\0') {
+                    parsed.exit = UsageError(line.command, std::string("option '--") + own.name + "' needs a non-empty value");
+                    return parsed;
+                }
+                if (!own.take(optarg != nullptr ? optarg : "")) {
                     parsed.exit = kExitUsage;
                     return parsed;
                 }
+            }
         }
     }
     // getopt_long has moved the words behind the options.

@@ -46,6 +46,11 @@ Parsed Parse(const CommandLine& line, const std::vector<std::string>& args, Opti
 // Reports bad usage of `command`: the reason, and where to find help.
 int UsageError(const std::string& command, const std::string& reason);
 
+// Bad usage when one of `words` is empty, named after its place in
+// `synopsis` ("NODE_ID [KEY]"); kExitOk when none is.
+int RefuseEmptyArguments(const std::string& command, const std::string& synopsis,
+                         const std::vector<std::string>& words);
+
 // The JSON form of an answer: compact, or indented with --pretty. Text that
 // is not UTF-8 is replaced, never thrown on.
 std::string JsonText(const nlohmann::json& document, const Options& options);

@@ -8,8 +8,8 @@
 
 namespace tivra_cli {
 
-// "10s", "500ms", "2m" or a plain number of seconds ("1.5"); nothing when the
-// text is not a duration of at most a day.
+// "500ms", "10s", "2m", "1h" or a bare number of seconds ("1.5"); nothing when
+// the text is not a duration of at most a day.
 std::optional<std::chrono::milliseconds> ParseDuration(const std::string& text);
 
 // `--for DURATION` of `command` ("tivra watch"), stored in `limit`.

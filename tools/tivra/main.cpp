@@ -12,6 +12,7 @@
 #include "text_width.h"
 #include "tivra/tivra_log.h"
 #include "watch_command.h"
+#include "written_output.h"
 
 namespace {
 
@@ -39,10 +40,10 @@ constexpr const char* kUsage =
     "  --pretty       indented JSON (implies --json)\n"
     "  -v, --verbose  show the library's log lines on stderr\n"
     "  -h, --help     show help (also after a command: tivra watch --help)\n"
-    "  --version      show the version\n"
+    "  -V, --version  show the version\n"
     "\n"
-    "Exit status: 0 success, 1 an operation failed, 2 bad usage,\n"
-    "3 binderd or the device monitor service is not running.\n";
+    "Exit status: 0 success, 1 an operation failed (or the output could not be written),\n"
+    "2 bad usage, 3 binderd or the device monitor service is not running.\n";
 
 int Run(const std::vector<std::string>& args) {
     tivra_cli::Options options;
@@ -86,10 +87,12 @@ int main(int argc, char** argv) {
             return tivra_cli::UsageError("tivra", "argument " + std::to_string(i + 1) + " is not valid UTF-8");
         }
     }
+    int status;
     try {
-        return Run(args);
+        status = Run(args);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "tivra: %s\n", error.what());
-        return tivra_cli::kExitCallFailed;
+        status = tivra_cli::kExitCallFailed;
     }
+    return tivra_tools::FinishOutput("tivra", status);
 }

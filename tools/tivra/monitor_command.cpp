@@ -22,7 +22,9 @@
 #include "exit_codes.h"
 #include "protocol/Connection.h"
 #include "service_diagnosis.h"
+#include "text_width.h"
 #include "traffic_names.h"
+#include "written_output.h"
 
 namespace tivra_cli {
 namespace {
@@ -35,7 +37,8 @@ constexpr const char* kUsage =
     "Usage: tivra monitor [--for DURATION] [--service NAME]... [--pid PID]... [--interface DESC]...\n"
     "                     [--oneway|--twoway] [--json|--pretty]\n"
     "Prints every transaction and reply passing through binderd, until Ctrl-C or for\n"
-    "DURATION (500ms, 10s, 2m). Only binderd's own user and root may watch.\n"
+    "DURATION (500ms, 10s, 2m, 1h; a bare number is seconds; at most a day).\n"
+    "Only binderd's own user and root may watch.\n"
     "\n"
     "      --service NAME     traffic to the service registered as NAME\n"
     "      --pid PID          traffic from or to process PID\n"
@@ -166,13 +169,14 @@ std::string Text(const Traffic& traffic) {
     const std::string outcome = reply ? StatusName(record.status) : Oneway(traffic) ? "one-way" : "two-way";
     return TimeOfDay(When(record)) + "  #" + std::to_string(record.id) + (reply ? " reply  " : " call   ") +
            PeerText(record.senderPid, record.senderUid) + " -> " + PeerText(record.receiverPid, record.receiverUid) +
-           "  " + TargetText(traffic) + "  " + Method(traffic) + "  " + outcome + "  " +
+           "  " + Printable(TargetText(traffic)) + "  " + Printable(Method(traffic)) + "  " + outcome + "  " +
            std::to_string(record.dataSize) + " B";
 }
 
 // A line of the tool's own between the records: JSON with the time and the
-// event's name, or the time of day and `text`.
-void PrintNotice(const Options& options, const char* event, json details, const std::string& text) {
+// event's name, or the time of day and `text`. False when it could not be
+// written.
+bool PrintNotice(const Options& options, const char* event, json details, const std::string& text) {
     const auto now = std::chrono::system_clock::now();
     if (options.json) {
         details["time"] = Rfc3339(now);
@@ -181,11 +185,12 @@ void PrintNotice(const Options& options, const char* event, json details, const 
     } else {
         std::printf("%s  %s\n", TimeOfDay(now).c_str(), text.c_str());
     }
-    std::fflush(stdout);
+    return tivra_tools::StdoutWritten();
 }
 
-// Prints what binderd reports until the connection ends.
-void PrintTraffic(Connection& connection, const Filter& filter, const Options& options) {
+// Prints what binderd reports until the connection ends or a line cannot be
+// written; true in the second case.
+bool PrintTraffic(Connection& connection, const Filter& filter, const Options& options) {
     uint32_t command = 0;
     std::vector<uint8_t> payload;
     Traffic traffic;
@@ -197,9 +202,12 @@ void PrintTraffic(Connection& connection, const Filter& filter, const Options& o
                         "lost " + std::to_string(lost) + " events: this watcher fell behind");
         } else if (command == kTrafficRecord && Decode(payload, &traffic) && filter.Matches(traffic)) {
             std::printf("%s\n", options.json ? JsonText(ToJson(traffic), options).c_str() : Text(traffic).c_str());
-            std::fflush(stdout);
+        }
+        if (!tivra_tools::StdoutWritten()) {
+            return true;
         }
     }
+    return false;
 }
 
 std::optional<pid_t> ParsePid(const std::string& text) {
@@ -283,14 +291,16 @@ int RunMonitor(const std::vector<std::string>& args, Options& options) {
 
     // A program learns from this event that binderd took the watcher; a
     // person gets the banner on stderr, away from the records.
-    if (options.json) {
-        PrintNotice(options, "watching", json::object(), "");
-    } else {
+    if (options.json && !PrintNotice(options, "watching", json::object(), "")) {
+        return kExitCallFailed;  // main says why
+    }
+    if (!options.json) {
         std::fprintf(stderr, "tivra: watching the traffic of binderd at %s (Ctrl-C to stop)\n", path.c_str());
     }
     std::atomic<bool> ended{false};
+    std::atomic<bool> writeFailed{false};
     std::thread printer([&] {
-        PrintTraffic(*connection, filter, options);
+        writeFailed = PrintTraffic(*connection, filter, options);
         ended = true;
     });
     const auto deadline =
@@ -307,6 +317,9 @@ int RunMonitor(const std::vector<std::string>& args, Options& options) {
     const bool binderdGone = ended;
     connection->shutdown();
     printer.join();
+    if (writeFailed) {
+        return kExitCallFailed;  // main says why
+    }
     if (binderdGone) {
         std::fprintf(stderr, "tivra: binderd at %s went away\n", path.c_str());
         return kExitServiceUnavailable;

@@ -10,6 +10,7 @@
 #include "exit_codes.h"
 #include "record_output.h"
 #include "service_diagnosis.h"
+#include "text_width.h"
 #include "tivra/tivra_adapter.h"
 
 namespace tivra_cli {
@@ -126,7 +127,7 @@ int ExtInfo(const std::vector<std::string>& args, const Options& options) {
         if (!ServicePresent()) {
             return Unavailable();
         }
-        std::fprintf(stderr, "tivra: no node '%s' in the network (see 'tivra nodes')\n", args[0].c_str());
+        std::fprintf(stderr, "tivra: no node '%s' in the network (see 'tivra nodes')\n", Printable(args[0]).c_str());
         return kExitCallFailed;
     }
     std::vector<std::string> keys;
@@ -135,15 +136,13 @@ int ExtInfo(const std::vector<std::string>& args, const Options& options) {
     } else {
         for (const std::string* key : kPublishedKeys) keys.push_back(*key);
     }
+    // The node is there, so an empty value is the answer: the node has none.
     json values = json::object();
     Table table({"KEY", "VALUE"});
     for (const std::string& key : keys) {
         const std::string value = adapter->GetNodeExtInfo(args[0], key);
         values[key] = value;
         table.AddRow({key, value});
-    }
-    if (args.size() > 1 && values[args[1]].get<std::string>().empty()) {
-        return EmptyAnswer(("value for key " + args[1]).c_str());
     }
     Print(options, values, table.Render());
     return kExitOk;
@@ -153,7 +152,7 @@ int PrintText(const std::string& value, const char* what, const Options& options
     if (value.empty()) {
         return EmptyAnswer(what);
     }
-    Print(options, json{{what, value}}, value + "\n");
+    Print(options, json{{what, value}}, Printable(value) + "\n");
     return kExitOk;
 }
 
@@ -203,6 +202,9 @@ int RunQuery(const std::string& command, const std::vector<std::string>& args, O
     if (parsed.words.size() < query.minArgs || parsed.words.size() > query.maxArgs) {
         return UsageError(name, parsed.words.size() < query.minArgs ? std::string("expected") + query.arguments
                                                                     : "too many arguments");
+    }
+    if (const int refused = RefuseEmptyArguments(name, query.arguments, parsed.words); refused != kExitOk) {
+        return refused;
     }
     return query.run(parsed.words, options);
 }

@@ -37,15 +37,19 @@ Table::Table(std::vector<std::string> headings) { rows_.push_back(std::move(head
 void Table::AddRow(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
 
 std::string Table::Render() const {
+    // Cells come from the service: escaped first, then measured.
+    std::vector<std::vector<std::string>> shown;
     std::vector<size_t> widths;
     for (const auto& row : rows_) {
+        shown.emplace_back();
         widths.resize(std::max(widths.size(), row.size()), 0);
         for (size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], DisplayWidth(row[i]));
+            shown.back().push_back(Printable(row[i]));
+            widths[i] = std::max(widths[i], DisplayWidth(shown.back()[i]));
         }
     }
     std::string out;
-    for (const auto& row : rows_) {
+    for (const auto& row : shown) {
         std::string line;
         for (size_t i = 0; i < row.size(); ++i) {
             line += row[i];
@@ -53,6 +57,8 @@ std::string Table::Render() const {
                 line.append(widths[i] - DisplayWidth(row[i]) + 2, ' ');
             }
         }
+        // An empty last cell leaves no spaces behind.
+        line.erase(line.find_last_not_of(' ') + 1);
         out += line + "\n";
     }
     return out;

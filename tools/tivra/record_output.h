@@ -24,7 +24,8 @@ class Table {
 public:
     explicit Table(std::vector<std::string> headings);
     void AddRow(std::vector<std::string> cells);
-    // Every column as wide as its widest cell on a terminal, two spaces apart.
+    // Every column as wide as its widest cell on a terminal, two spaces apart,
+    // each cell as Printable shows it; no line ends in spaces.
     std::string Render() const;
 
 private:

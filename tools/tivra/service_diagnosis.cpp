@@ -6,6 +6,8 @@
 
 #include <cstring>
 
+#include <binder/ProcessState.h>
+
 #include "protocol/Protocol.h"
 
 namespace tivra_cli {
@@ -32,6 +34,11 @@ bool Accepts(const std::string& path) {
 bool BinderdIsRunning() { return Accepts(android::hostbinder::defaultSocketPath()); }
 
 std::string ExplainUnavailableService() {
+    // binderd turned this process away or did not answer: its reason first.
+    const std::string refusal = android::ProcessState::self()->lastConnectionError();
+    if (!refusal.empty()) {
+        return refusal;
+    }
     const std::string path = android::hostbinder::defaultSocketPath();
     if (!Accepts(path)) {
         return "binderd is not running at " + path +

@@ -4,7 +4,8 @@
 
 namespace tivra_cli {
 
-// What to tell a user whose request found no device monitor service: whether
+// What to tell a user whose request found no device monitor service: why
+// binderd turned this process away or that it did not answer, whether
 // binderd itself is missing or only the service, and what to start.
 std::string ExplainUnavailableService();
 

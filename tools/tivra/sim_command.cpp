@@ -1,6 +1,7 @@
 #include "sim_command.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -11,14 +12,20 @@
 #include <string>
 #include <vector>
 
+#include <binder/IBinder.h>
 #include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
 #include <nlohmann/json.hpp>
 #include <utils/String8.h>
 
 #include "exit_codes.h"
 #include "monitor_control_client.h"
 #include "monitor_control_protocol.h"
+#include "protocol/Protocol.h"
 #include "service_diagnosis.h"
+#include "text_width.h"
+#include "traffic_names.h"
 
 namespace tivra_cli {
 namespace {
@@ -37,14 +44,41 @@ Built Command(json command) { return Built{std::move(command), ""}; }
 Built Refuse(std::string error) { return Built{std::nullopt, std::move(error)}; }
 Built Emit(json event) { return Command(json{{"op", "emit"}, {"event", std::move(event)}}); }
 
+// A 32-bit number in decimal or, after "0x", in hexadecimal (a leading zero
+// does not mean octal); nothing else, not even a space.
 std::optional<int32_t> ToInt(const std::string& text) {
+    const size_t digits = text.find_first_not_of("+-");
+    if (text.empty() || digits > 1 || digits == text.size() || !std::isxdigit(static_cast<unsigned char>(text[digits]))) {
+        return std::nullopt;
+    }
+    const bool hex = text.compare(digits, 2, "0x") == 0 || text.compare(digits, 2, "0X") == 0;
     char* end = nullptr;
     errno = 0;
-    const long long value = std::strtoll(text.c_str(), &end, 0);
-    if (text.empty() || *end != '\0' || errno == ERANGE || value < INT32_MIN || value > INT32_MAX) {
+    const long long value = std::strtoll(text.c_str(), &end, hex ? 16 : 10);
+    if (*end != '\0' || errno == ERANGE || value < INT32_MIN || value > INT32_MAX) {
         return std::nullopt;
     }
     return static_cast<int32_t>(value);
+}
+
+std::string Joined(const std::vector<std::string>& names) {
+    std::string joined;
+    for (const std::string& name : names) joined += (joined.empty() ? "" : ", ") + name;
+    return joined;
+}
+
+// The service's methods, several to a line, for a help text.
+std::string MethodList() {
+    std::string list;
+    std::string line = " ";
+    for (const std::string& name : ServiceMethodNames()) {
+        if (line.size() + name.size() + 1 > 78) {
+            list += line + "\n";
+            line = " ";
+        }
+        line += " " + name;
+    }
+    return list + line + "\n";
 }
 
 std::string FaultKinds() {
@@ -57,7 +91,7 @@ std::string FaultKinds() {
 
 struct SimCommand {
     const char* arguments;  // after the command's name, for its usage line
-    const char* summary;
+    std::string summary;  // its first line goes in the list of commands
     size_t minArgs;
     size_t maxArgs;
     std::vector<const char*> valueOptions;  // its own --name=VALUE options
@@ -99,14 +133,25 @@ const std::map<std::string, SimCommand>& SimCommands() {
                    "  transport     the transaction fails with the status code --code\n"
                    "  refuse        addDeviceChangeListener answers false\n"
                    "  corruptReply  the answer cannot be read\n"
-                   "--times=N: only the next N calls (default: until clear-faults); --message: the exception's text.",
+                   "--code=N: not 0, needed by exception and transport.\n"
+                   "--times=N: only the next N calls; 0 or no --times: every call until clear-faults.\n"
+                   "--message=TEXT: the exception's text.\n"
+                   "\n"
+                   "METHOD is one of:\n" + MethodList(),
                    2, 2, {"code", "times", "message"},
                    [](const Args& a, const Values& values) {
+                       const std::vector<std::string> methods = ServiceMethodNames();
+                       if (std::find(methods.begin(), methods.end(), a[0]) == methods.end()) {
+                           return Refuse("unknown method '" + a[0] + "' (accepted: " + Joined(methods) + ")");
+                       }
                        const auto* kinds = std::begin(tivra_control::kFaultKindNames);
                        if (std::find_if(kinds, std::end(tivra_control::kFaultKindNames),
                                         [&a](const char* name) { return a[1] == name; }) ==
                            std::end(tivra_control::kFaultKindNames)) {
                            return Refuse("unknown fault kind '" + a[1] + "' (accepted: " + FaultKinds() + ")");
+                       }
+                       if (a[1] == "refuse" && a[0] != "addDeviceChangeListener") {
+                           return Refuse("only addDeviceChangeListener can refuse, not " + a[0]);
                        }
                        json command{{"op", "fault"}, {"method", a[0]}, {"kind", a[1]}};
                        for (const char* name : {"code", "times"}) {
@@ -115,6 +160,13 @@ const std::map<std::string, SimCommand>& SimCommands() {
                            const auto number = ToInt(value->second);
                            if (!number) return Refuse(std::string("--") + name + " must be a 32-bit number, not '" + value->second + "'");
                            command[name] = *number;
+                       }
+                       const bool needsCode = a[1] == "exception" || a[1] == "transport";
+                       if (needsCode && command.value("code", 0) == 0) {
+                           return Refuse("a fault of kind " + a[1] + " needs --code=N, a number other than 0");
+                       }
+                       if (command.value("times", 0) < 0) {
+                           return Refuse("--times must be 0 (every call until clear-faults) or more, not '" + values.at("times") + "'");
                        }
                        if (values.count("message") != 0) command["message"] = values.at("message");
                        return Command(command);
@@ -133,10 +185,12 @@ const std::map<std::string, SimCommand>& SimCommands() {
                          return Refuse(std::string("not a JSON document: ") + error.what());
                      }
                  }}},
-        {"stop", {"[CODE]", "Ends the service process, with exit status CODE (default 0).", 0, 1, {},
+        {"stop", {"[CODE]", "Ends the service process, with exit status CODE (0 to 255, default 0).", 0, 1, {},
                   [](const Args& a, const Values&) {
                       const auto code = a.empty() ? std::optional<int32_t>(0) : ToInt(a[0]);
-                      if (!code) return Refuse("CODE must be a number, not '" + a[0] + "'");
+                      if (!code || *code < 0 || *code > 255) {
+                          return Refuse("CODE must be an exit status from 0 to 255, not '" + a[0] + "'");
+                      }
                       return Command({{"op", "exit"}, {"code", *code}});
                   }}},
     };
@@ -183,9 +237,7 @@ int Send(const std::string& name, const json& command, const Options& options) {
     }
     // Commands that only act answer an empty object: nothing to show a person.
     if (options.json || !result.value.empty()) {
-        Options shown = options;
-        shown.pretty = options.pretty || !options.json;
-        std::printf("%s\n", JsonText(result.value, shown).c_str());
+        std::printf("%s\n", JsonText(result.value, options).c_str());
     }
     return kExitOk;
 }
@@ -224,6 +276,9 @@ int RunSim(const Args& args, Options& options) {
     if (parsed.words.size() < sim.minArgs || parsed.words.size() > sim.maxArgs) {
         return UsageError(command, std::string("expected ") + (*sim.arguments != '\0' ? sim.arguments : "no arguments"));
     }
+    if (const int refused = RefuseEmptyArguments(command, sim.arguments, parsed.words); refused != kExitOk) {
+        return refused;
+    }
     const Built built = sim.build(parsed.words, values);
     if (!built.command) {
         return UsageError(command, built.error);
@@ -241,24 +296,43 @@ int RunServices(const Args& args, Options& options) {
     if (!parsed.words.empty()) {
         return UsageError("tivra services", "unexpected argument '" + parsed.words[0] + "'");
     }
-    const android::sp<android::IServiceManager> manager = android::defaultServiceManager();
-    const android::Vector<android::String16> names =
-        manager != nullptr ? manager->listServices() : android::Vector<android::String16>();
-    json list = json::array();
-    for (size_t i = 0; i < names.size(); ++i) {
-        list.push_back(android::String8(names[i]).c_str());
-    }
-    // An empty list is an answer only when binderd gave it.
-    if (list.empty() && !BinderdIsRunning()) {
+    // The service manager's own call, so that a failure is told apart from
+    // an empty list.
+    android::Parcel data;
+    android::Parcel reply;
+    data.writeInterfaceToken(android::String16("android.os.IServiceManager"));
+    data.writeInt32(android::IServiceManager::DUMP_FLAG_PRIORITY_ALL);
+    const android::status_t status =
+        android::ProcessState::self()->getContextObject(nullptr)->transact(android::hostbinder::kListServices, data,
+                                                                           &reply);
+    if (status == android::DEAD_OBJECT) {
         std::fprintf(stderr, "tivra: %s\n", ExplainUnavailableService().c_str());
         return kExitServiceUnavailable;
+    }
+    int32_t exception = 0;
+    int32_t count = 0;
+    if (status != android::OK || reply.readInt32(&exception) != android::OK || exception != 0 ||
+        reply.readInt32(&count) != android::OK || count < 0) {
+        std::fprintf(stderr, "tivra: binderd could not list the services: %s\n",
+                     status != android::OK ? StatusName(status).c_str()
+                                           : ("exception " + std::to_string(exception)).c_str());
+        return kExitCallFailed;
+    }
+    json list = json::array();
+    for (int32_t i = 0; i < count; ++i) {
+        android::String16 name;
+        if (reply.readString16(&name) != android::OK) {
+            std::fprintf(stderr, "tivra: binderd's list of services is cut short\n");
+            return kExitCallFailed;
+        }
+        list.push_back(android::String8(name).c_str());
     }
     if (options.json) {
         std::printf("%s\n", JsonText(list, options).c_str());
         return kExitOk;
     }
     for (const auto& name : list) {
-        std::printf("%s\n", name.get<std::string>().c_str());
+        std::printf("%s\n", Printable(name.get<std::string>()).c_str());
     }
     return kExitOk;
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <iterator>
 
 namespace tivra_cli {
@@ -79,7 +80,38 @@ bool Decode(const std::string& text, size_t i, char32_t* c, size_t* length) {
     return true;
 }
 
+// Characters that change how a terminal shows what follows: C0 and C1
+// controls, DEL, and the bidirectional embeddings, overrides and isolates.
+bool Unsafe(char32_t c) {
+    return c < 0x20 || (c >= 0x7F && c < 0xA0) || (c >= 0x202A && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
+}
+
 }  // namespace
+
+std::string Printable(const std::string& text) {
+    std::string shown;
+    shown.reserve(text.size());
+    char32_t c;
+    size_t length;
+    for (size_t i = 0; i < text.size(); i += length) {
+        char escape[16];
+        if (!Decode(text, i, &c, &length)) {
+            std::snprintf(escape, sizeof(escape), "\\x%02x", static_cast<unsigned>(static_cast<uint8_t>(text[i])));
+            shown += escape;
+        } else if (c == '\\') {
+            shown += "\\\\";
+        } else if (!Unsafe(c)) {
+            shown.append(text, i, length);
+        } else if (c >= 0x07 && c <= 0x0D) {
+            shown += '\\';
+            shown += "abtnvfr"[c - 0x07];
+        } else {
+            std::snprintf(escape, sizeof(escape), c < 0x80 ? "\\x%02x" : "\\u%04X", static_cast<unsigned>(c));
+            shown += escape;
+        }
+    }
+    return shown;
+}
 
 bool IsValidUtf8(const std::string& text) {
     char32_t c;

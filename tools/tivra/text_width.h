@@ -14,4 +14,12 @@ bool IsValidUtf8(const std::string& text);
 // UTF-8). The same under every locale: it never consults setlocale.
 size_t DisplayWidth(const std::string& text);
 
+// `text` as a terminal may show it, when it comes from elsewhere (a service,
+// binderd): what could move the cursor, change colours or reorder the line is
+// written as an escape, as `ls -b` does. Control characters become \t, \n,
+// \r, \a, \b, \f, \v or \xHH (\x1b for ESC), C1 controls and the
+// direction overrides \uHHHH, bytes that are not UTF-8 \xHH, and a backslash
+// \\, so that the text can be read back exactly.
+std::string Printable(const std::string& text);
+
 }  // namespace tivra_cli

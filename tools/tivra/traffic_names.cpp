@@ -73,6 +73,12 @@ std::string MethodName(const std::string& descriptor, uint32_t code, bool toServ
     return named.empty() ? number : LastPart(named) + " " + number;
 }
 
+std::vector<std::string> ServiceMethodNames() {
+    std::vector<std::string> names;
+    for (const Method& method : kMonitorServiceMethods) names.push_back(method.name);
+    return names;
+}
+
 std::string StatusName(int32_t status) {
     static const std::pair<android::status_t, const char*> kNames[] = {
         {android::OK, "OK"},

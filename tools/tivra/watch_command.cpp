@@ -20,7 +20,9 @@
 #include "exit_codes.h"
 #include "record_output.h"
 #include "service_diagnosis.h"
+#include "text_width.h"
 #include "tivra/tivra_adapter.h"
+#include "written_output.h"
 
 namespace tivra_cli {
 namespace {
@@ -32,10 +34,13 @@ const android::String16 kServiceName("PravikDeviceMonitorService");
 
 // Events come from several Binder threads; each one is printed whole. People
 // read the time of day; programs get RFC 3339 with the date and the offset.
+// When a line cannot be written (a full disk), the main thread is woken to
+// stop: watching on serves no one.
 class EventPrinter {
 public:
     explicit EventPrinter(const Options& options) : options_(options) {}
 
+    // `text` is shown as it is: what came from the service in it is escaped.
     void Print(const std::string& event, const json& details, const std::string& text) {
         std::lock_guard<std::mutex> lock(mutex_);
         const auto now = std::chrono::system_clock::now();
@@ -45,23 +50,34 @@ public:
             line["event"] = event;
             std::printf("%s\n", JsonText(line, options_).c_str());
         } else {
-            std::printf("%s  %-18s %s\n", TimeOfDay(now).c_str(), event.c_str(), text.c_str());
+            char head[64];
+            std::snprintf(head, sizeof(head), "%s  %-18s", TimeOfDay(now).c_str(), event.c_str());
+            std::string line = head;
+            line += text.empty() ? "" : " " + text;
+            line.erase(line.find_last_not_of(' ') + 1);
+            std::printf("%s\n", line.c_str());
         }
-        std::fflush(stdout);
+        if (!tivra_tools::StdoutWritten() && !failed_.exchange(true)) {
+            tivra_tools::WakeMainThread();
+        }
     }
+
+    bool Failed() const { return failed_; }
 
 private:
     std::mutex mutex_;
     const Options options_;
+    std::atomic<bool> failed_{false};
 };
 
 std::string DeviceText(const Communication::TivraDeviceInfo& device) {
-    return device.GetDeviceName() + " (" + device.GetDeviceId() + ", " + device.GetDeviceType() + ", " +
-           device.GetDeviceIp() + ")";
+    return Printable(device.GetDeviceName()) + " (" + Printable(device.GetDeviceId()) + ", " +
+           Printable(device.GetDeviceType()) + ", " + Printable(device.GetDeviceIp()) + ")";
 }
 
 std::string NodeText(const Communication::NodeBasicInfo& node) {
-    return node.GetName() + " (" + node.GetNodeId() + ", " + DeviceTypeName(node.GetDeviceType()) + ")";
+    return Printable(node.GetName()) + " (" + Printable(node.GetNodeId()) + ", " +
+           DeviceTypeName(node.GetDeviceType()) + ")";
 }
 
 class DevicePrinter : public Communication::TivraListener {
@@ -89,7 +105,7 @@ public:
     }
     void OnDeviceInfoChanged(std::string nodeId, Communication::DeviceInfoType type) override {
         printer_.Print("node-info-changed", json{{"nodeId", nodeId}, {"kind", static_cast<int>(type)}},
-                       nodeId + " (kind " + std::to_string(static_cast<int>(type)) + ")");
+                       Printable(nodeId) + " (kind " + std::to_string(static_cast<int>(type)) + ")");
     }
 
 private:
@@ -253,7 +269,8 @@ int RunWatch(const std::vector<std::string>& args, Options& options) {
     std::optional<std::chrono::milliseconds> limit;
     const Parsed parsed = Parse({"tivra watch",
                                  "Usage: tivra watch [--for DURATION] [--json|--pretty]\n"
-                                 "Prints device and node events until Ctrl-C or for DURATION (500ms, 10s, 2m).\n"
+                                 "Prints device and node events until Ctrl-C or for DURATION (500ms, 10s, 2m,\n"
+                                 "1h; a bare number is seconds; at most a day).\n"
                                  "Waits for the service when it is not registered yet (exit status 3 when it\n"
                                  "has not come within DURATION). When the service dies or binderd restarts,\n"
                                  "says so, waits for the service and registers again.\n",
@@ -286,10 +303,13 @@ int RunWatch(const std::vector<std::string>& args, Options& options) {
             wait = wait.count() < 0 ? left : std::min(wait, left);
         }
         const int signal = tivra_tools::AwaitSignal(signals, wait);
-        if (signal == SIGINT || signal == SIGTERM) {
+        if (signal == SIGINT || signal == SIGTERM || printer.Failed()) {
             break;
         }
         follower.Step();
+    }
+    if (printer.Failed()) {
+        return kExitCallFailed;  // main says why
     }
     printer.Print("stopped", json::object(), "");
     if (!follower.EverWatched() && Clock::now() >= deadline) {

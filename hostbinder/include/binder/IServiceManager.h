@@ -37,10 +37,11 @@ public:
     // NOLINTNEXTLINE(google-default-arguments)
     virtual Vector<String16> listServices(int dumpsysFlags = DUMP_FLAG_PRIORITY_ALL) = 0;
 
-    // Waits, without polling, until the name is registered. Null when the
-    // name is invalid or binderd is not there or goes away meanwhile. The
-    // news comes as a one-way call, so the process needs a thread for it
-    // (binderd asks for one unless the pool's maximum is 0).
+    // Waits until the name is registered. Null when the name is invalid or
+    // binderd is not there or goes away meanwhile. The news comes as a
+    // one-way call, so the process needs a thread for it (binderd asks for
+    // one unless the pool's maximum is 0); without the news, as when the
+    // process's buffer was full, the name is checked again each second.
     virtual sp<IBinder> waitForService(const String16& name) = 0;
     // Always false: binderd knows no manifest.
     virtual bool isDeclared(const String16& name) = 0;

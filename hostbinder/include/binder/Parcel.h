@@ -52,6 +52,9 @@ public:
     bool checkInterface(IBinder* binder) const;
 
     status_t write(const void* data, size_t len);
+    // Reserves `len` bytes at the position, padded to four with zeros, for
+    // the caller to fill; null when the parcel cannot grow so far.
+    void* writeInplace(size_t len);
     status_t writeInt32(int32_t val);
     status_t writeUint32(uint32_t val);
     status_t writeInt64(int64_t val);
@@ -145,7 +148,7 @@ public:
     // readString16. The pointer may be misaligned after an odd setDataPosition,
     // so copy units out with memcpy rather than dereferencing it.
     const char16_t* readString16Inplace(size_t* outLen) const;
-    // A null string (length -1) reads as null; anything else as readString16.
+    // A negative length (a null string) reads as null; anything else as readString16.
     status_t readString16(std::unique_ptr<String16>* pArg) const;
     status_t readUtf8FromUtf16(std::string* str) const;
     status_t readUtf8FromUtf16(std::unique_ptr<std::string>* str) const;
@@ -259,7 +262,7 @@ private:
     // `read` is called as read(this, element), so it may be a member reader.
     // readNullable reads a value whose leading int32 says when it is null;
     // `read` reads it from the start otherwise.
-    enum class NullWhen { kNegative, kMinusOne, kZero };
+    enum class NullWhen { kNegative, kZero };
     template <typename T, typename Read>
     status_t readNullable(std::unique_ptr<T>* val, NullWhen nullWhen, Read read) const;
 
@@ -424,7 +427,7 @@ status_t Parcel::readNullable(std::unique_ptr<T>* val, NullWhen nullWhen, Read r
     int32_t lead = 0;
     const status_t status = readInt32(&lead);
     val->reset();
-    const bool isNull = nullWhen == NullWhen::kNegative ? lead < 0 : lead == (nullWhen == NullWhen::kZero ? 0 : -1);
+    const bool isNull = nullWhen == NullWhen::kNegative ? lead < 0 : lead == 0;
     if (status != OK || isNull) {
         return status;
     }

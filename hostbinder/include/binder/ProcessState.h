@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -66,6 +67,12 @@ public:
     // measuring and debugging the relayed path).
     bool directCallsAllowed() const { return mDirectCalls && !mTrafficWatched; }
     void setDirectCalls(bool enabled) { mDirectCalls = enabled; }
+    // Why binderd last turned this process away or did not answer it, as
+    // logged ("binderd at PATH refused this process: REASON", "binderd at
+    // PATH did not answer", ...); "" since a session began, or when binderd
+    // was simply not there.
+    std::string lastConnectionError() const;
+    void noteConnectionError(const std::string& error);
 
 private:
     ProcessState();
@@ -92,6 +99,7 @@ private:
     std::atomic<bool> mDirectCalls{true};
     std::unique_ptr<ChannelHub> mChannels;
     std::unique_ptr<OnewayChannels> mOnewayChannels;
+    std::string mLastConnectionError;
     std::map<int32_t, HandleEntry> mHandles;
     std::map<BBinder*, uint32_t> mNodeRefs;
     size_t mMaxThreads = 15;
