@@ -961,3 +961,217 @@ TEST_F(DriverFrames, CallbacksHearOfTheirNameFromBinderdAtOnceAndOnEveryAdd) {
     EXPECT_EQ(addService(kClientThread, "later", object), kExNone);
     EXPECT_EQ(heard(), Names{});
 }
+
+// --- direct channels ---
+
+class DriverChannels : public DriverFrames {
+protected:
+    // The channel binderd gives the client thread for `target`: its id, or 0
+    // with the refusal's status in `refused`.
+    uint64_t open(uint32_t target, uint32_t kind, status_t* refused = nullptr) {
+        const size_t before = outbox.sent.size();
+        EXPECT_TRUE(feed(kClientThread, kOpenChannel, bytesOf(OpenChannel{target, kind})));
+        for (size_t i = before; i < outbox.sent.size(); ++i) {
+            const Sent& frame = outbox.sent[i];
+            if (frame.to == kClientThread && frame.command == kChannelReady) {
+                return payloadAs<ChannelReady>(frame).channel;
+            }
+            if (frame.to == kClientThread && frame.command == kRefused && refused != nullptr) {
+                *refused = payloadAs<status_t>(frame);
+            }
+        }
+        return 0;
+    }
+
+    template <typename T>
+    static T payloadAs(const Sent& frame) {
+        T value{};
+        EXPECT_EQ(frame.payload.size(), sizeof(value));
+        std::memcpy(&value, frame.payload.data(), std::min(sizeof(value), frame.payload.size()));
+        return value;
+    }
+
+    // What binderd answers the service's question about the client's handle.
+    uint64_t resolve(uint64_t channel, uint32_t target) {
+        const size_t before = outbox.sent.size();
+        EXPECT_TRUE(feed(kServiceLooper, kResolveReach, bytesOf(ChannelReach{channel, target, 0})));
+        const Sent& answer = outbox.sent.at(before);
+        return answer.command == kReachResolved ? payloadAs<uint64_t>(answer) : 0;
+    }
+
+    // The position of the first frame of `command` to `to` from `from` on.
+    size_t firstFrom(size_t from, ConnectionId to, uint32_t command) const {
+        for (size_t i = from; i < outbox.sent.size(); ++i) {
+            if (outbox.sent[i].to == to && outbox.sent[i].command == command) {
+                return i;
+            }
+        }
+        return SIZE_MAX;
+    }
+};
+
+TEST_F(DriverChannels, AreMadeOnlyWhereBinderdNeedNotSeeTheCalls) {
+    const uint64_t twoWay = open(handle, kTwoWayChannel);
+    ASSERT_NE(twoWay, 0u);
+    EXPECT_EQ(payloadAs<ChannelReady>(sent(kClientThread, kChannelReady)).newDescriptor, 1u);
+    // The owner learns who calls from binderd, never from the channel.
+    const ChannelOpened opened = payloadAs<ChannelOpened>(sent(kServiceControl, kChannelOpened));
+    EXPECT_EQ(opened.channel, twoWay);
+    EXPECT_EQ(opened.peerPid, 100);
+    EXPECT_EQ(opened.peerUid, 1000u);
+    // One two-way channel per thread and owner, one one-way channel per process and owner.
+    EXPECT_EQ(open(handle, kTwoWayChannel), twoWay);
+    EXPECT_EQ(payloadAs<ChannelReady>(sent(kClientThread, kChannelReady)).newDescriptor, 0u);
+    const uint64_t oneway = open(handle, kOneWayChannel);
+    EXPECT_NE(oneway, twoWay);
+    constexpr ConnectionId kSecondThread = 7;
+    addClientThread(kSecondThread);
+    ASSERT_TRUE(feed(kSecondThread, kOpenChannel, bytesOf(OpenChannel{handle, kOneWayChannel})));
+    EXPECT_EQ(payloadAs<ChannelReady>(sent(kSecondThread, kChannelReady)).channel, oneway);
+    // Not to the service manager, not for a handle the process lacks, not
+    // while anyone watches the traffic (every process hears that it is watched).
+    status_t refused = OK;
+    EXPECT_EQ(open(0, kTwoWayChannel, &refused), 0u);
+    EXPECT_EQ(refused, FAILED_TRANSACTION);
+    EXPECT_EQ(open(4242, kTwoWayChannel, &refused), 0u);
+    EXPECT_EQ(refused, FAILED_TRANSACTION);
+    constexpr ConnectionId kWatcher = 9;
+    driver.onConnect(kWatcher, 400, geteuid());
+    ASSERT_TRUE(feed(kWatcher, kHelloMonitor, {}));
+    EXPECT_EQ(payloadAs<uint32_t>(sent(kClientControl, kWatchState)), 1u);
+    EXPECT_EQ(open(handle, kTwoWayChannel, &refused), twoWay) << "an existing channel is still named";
+    ASSERT_TRUE(feed(kSecondThread, kOpenChannel, bytesOf(OpenChannel{handle, kTwoWayChannel})));
+    EXPECT_EQ(sent(kSecondThread, kRefused).command, kRefused);
+    driver.onDisconnect(kWatcher);
+    EXPECT_EQ(payloadAs<uint32_t>(sent(kServiceControl, kWatchState)), 0u);
+}
+
+TEST_F(DriverChannels, AnOwnerReachesOnlyWhatTheCallerHoldsUntilItTookInTheCallsBeforeARelease) {
+    const uint32_t third = startService(5, 300, "third");
+    const uint64_t twoWay = open(handle, kTwoWayChannel);
+    const uint64_t oneway = open(handle, kOneWayChannel);
+    ASSERT_NE(oneway, 0u);
+    EXPECT_EQ(resolve(twoWay, handle), reinterpret_cast<uint64_t>(object.get()));
+    // Not a handle the caller lacks, nor one naming another process's object.
+    EXPECT_EQ(resolve(oneway, 4242), 0u);
+    EXPECT_EQ(resolve(oneway, third), 0u);
+    // A third process cannot ask about a channel that is not its own.
+    ASSERT_TRUE(feed(6, kResolveReach, bytesOf(ChannelReach{oneway, handle, 0})));
+    EXPECT_EQ(sent(6, kRefused).command, kRefused);
+    // The client lets its handle go: the owner hears so before the node's
+    // last reference goes, and calls already sent still find the object,
+    // on every channel, until the owner says it took them in.
+    const size_t before = outbox.sent.size();
+    ASSERT_TRUE(feed(kClientControl, kReleaseHandle, bytesOf(HandleCount{handle, 1})));
+    EXPECT_EQ(framesTo(kServiceControl, kReachRevoked), 2u);
+    EXPECT_EQ(resolve(oneway, handle), reinterpret_cast<uint64_t>(object.get()));
+    for (uint64_t channel : {twoWay, oneway}) {
+        ASSERT_TRUE(feed(kServiceLooper, kReachDropped, bytesOf(ChannelReach{channel, handle, 0})));
+        EXPECT_EQ(resolve(channel, handle), 0u);
+    }
+    EXPECT_LT(firstFrom(before, kServiceControl, kReachRevoked), firstFrom(before, kServiceControl, kDecNode));
+}
+
+TEST_F(DriverChannels, RelayedOneWayCallsWaitBehindDirectOnesAndTheCallerHearsWhenTheyAreDone) {
+    const uint64_t channel = open(handle, kOneWayChannel);
+    ASSERT_NE(channel, 0u);
+    ASSERT_TRUE(feed(kClientThread, kChannelCredit, bytesOf(ChannelCredit{channel, 1000, 0})));
+    const uint32_t granted = payloadAs<uint32_t>(sent(kClientThread, kCreditGranted));
+    ASSERT_GE(granted, 1000u);
+    // 600 units went straight to the owner; the next call goes through
+    // binderd and waits until the owner finished those.
+    ASSERT_TRUE(feed(kClientThread, kChannelFence, bytesOf(ChannelProgress{channel, 600})));
+    ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(7)));
+    EXPECT_EQ(sent(kClientThread, kTransactionComplete).command, kTransactionComplete);
+    EXPECT_TRUE(deliveredCodes().empty());
+    ASSERT_TRUE(feed(kServiceLooper, kChannelDone, bytesOf(ChannelProgress{channel, 599})));
+    EXPECT_TRUE(deliveredCodes().empty());
+    // An owner cannot claim more than it was given room for, and an older total changes nothing.
+    ASSERT_TRUE(feed(kServiceLooper, kChannelDone, bytesOf(ChannelProgress{channel, 600})));
+    ASSERT_TRUE(feed(kServiceLooper, kChannelDone, bytesOf(ChannelProgress{channel, 10})));
+    EXPECT_EQ(deliveredCodes(), std::vector<uint32_t>{7});
+    EXPECT_EQ(framesTo(kClientControl, kChannelQuiet), 0u);
+    ASSERT_TRUE(feed(kServiceLooper, kOnewayDone, {}));
+    EXPECT_EQ(payloadAs<ChannelProgress>(sent(kClientControl, kChannelQuiet)).total, 1u);
+    // A fence beyond the credit ever granted breaks the protocol.
+    EXPECT_FALSE(feed(kClientThread, kChannelFence, bytesOf(ChannelProgress{channel, granted + 1ull})));
+}
+
+TEST_F(DriverChannels, ChannelCreditFillsTheOwnersBufferToTheByte) {
+    const uint64_t channel = open(handle, kOneWayChannel);
+    size_t total = 0;
+    for (;;) {
+        ASSERT_TRUE(feed(kClientThread, kChannelCredit, bytesOf(ChannelCredit{channel, 1000, 0})));
+        if (outbox.sent.back().command != kCreditGranted) {
+            break;
+        }
+        total += payloadAs<uint32_t>(outbox.sent.back());
+    }
+    EXPECT_EQ(payloadAs<status_t>(outbox.sent.back()), FAILED_TRANSACTION);
+    EXPECT_GT(total + 1000, kMaxQueuedOnewayBytes);
+    EXPECT_LE(total, kMaxQueuedOnewayBytes);
+    // Unspent credit comes back with a fence, and the room with it.
+    ASSERT_TRUE(feed(kClientThread, kChannelFence, bytesOf(ChannelProgress{channel, 0})));
+    ASSERT_TRUE(feed(kClientThread, kChannelCredit, bytesOf(ChannelCredit{channel, 1000, 0})));
+    EXPECT_EQ(outbox.sent.back().command, kCreditGranted);
+}
+
+TEST_F(DriverChannels, ACallBackAlongAChainThatRanOverAChannelReachesTheWaitingCaller) {
+    // The service holds an object of the client, and the client's thread
+    // calls the service straight over its two-way channel.
+    ASSERT_TRUE(callWith(kClientThread, handle, 1, new BBinder()));
+    const uint32_t clientHandle = handleIn(sent(kServiceLooper, kIncomingTransaction));
+    ASSERT_TRUE(replyWith(kServiceLooper, 1));
+    const uint64_t channel = open(handle, kTwoWayChannel);
+    // The service's thread serves that call and calls the client back.
+    ASSERT_TRUE(feed(kServiceLooper, kServingChannel, bytesOf(channel)));
+    ASSERT_TRUE(callWith(kServiceLooper, clientHandle, 2));
+    EXPECT_EQ(outbox.sent.back().to, kClientThread);
+    EXPECT_EQ(outbox.sent.back().command, kIncomingTransaction);
+    ASSERT_TRUE(replyWith(kClientThread, 20));
+    EXPECT_EQ(lastAnswer(kServiceLooper), 20);
+    // A reply carrying a binder goes through binderd to the waiting caller,
+    // translated; one naming a handle the owner lacks fails the call.
+    Parcel reply;
+    reply.writeStrongBinder(new BBinder());
+    // The call's sequence number on the channel rides as the reply's code.
+    ASSERT_TRUE(feed(kServiceLooper, kChannelReply, transactionPayload(channel, 5, 0, reply)));
+    const TransactionView view = viewOf(sent(kClientThread, kIncomingChannelReply));
+    EXPECT_EQ(view.header.target, channel);
+    EXPECT_EQ(view.header.code, 5u);
+    EXPECT_EQ(view.header.status, OK);
+    EXPECT_NE(handleIn(sent(kClientThread, kIncomingChannelReply)), 0u);
+    Parcel forged;
+    flat_binder_object object{};
+    object.hdr.type = BINDER_TYPE_HANDLE;
+    object.handle = 4242;
+    forged.write(&object, sizeof(object));
+    forged.appendObject(0);
+    ASSERT_TRUE(feed(kServiceLooper, kChannelReply, transactionPayload(channel, 6, 0, forged)));
+    EXPECT_EQ(viewOf(sent(kClientThread, kIncomingChannelReply)).header.status, FAILED_TRANSACTION);
+    // Another process cannot reply on the channel, nor continue its chain.
+    startService(5, 300, "third");
+    ASSERT_TRUE(feed(6, kServingChannel, bytesOf(channel)));
+    const size_t replies = framesTo(kClientThread, kIncomingChannelReply);
+    ASSERT_TRUE(feed(6, kChannelReply, transactionPayload(channel, 7, 0, Parcel())));
+    EXPECT_EQ(framesTo(kClientThread, kIncomingChannelReply), replies);
+}
+
+TEST_F(DriverChannels, EndWithTheirThreadOrProcessAndTheLivingEndHearsFirst) {
+    constexpr ConnectionId kSecondThread = 7;
+    addClientThread(kSecondThread);
+    ASSERT_TRUE(feed(kSecondThread, kOpenChannel, bytesOf(OpenChannel{handle, kTwoWayChannel})));
+    const uint64_t twoWay = payloadAs<ChannelReady>(sent(kSecondThread, kChannelReady)).channel;
+    driver.onDisconnect(kSecondThread);
+    EXPECT_EQ(payloadAs<uint64_t>(sent(kServiceControl, kChannelClosed)), twoWay);
+    // The owner dies: the holder of a one-way channel stops using it before
+    // it hears of the death.
+    const uint64_t oneway = open(handle, kOneWayChannel);
+    ASSERT_TRUE(feed(kClientControl, kRequestDeath, bytesOf(HandleCount{handle, 0})));
+    const size_t before = outbox.sent.size();
+    driver.onDisconnect(kServiceControl);
+    const size_t closed = firstFrom(before, kClientControl, kChannelClosed);
+    ASSERT_NE(closed, SIZE_MAX);
+    EXPECT_EQ(payloadAs<uint64_t>(outbox.sent[closed]), oneway);
+    EXPECT_LT(closed, firstFrom(before, kClientControl, kDeadBinder));
+}
