@@ -34,9 +34,10 @@ using namespace android::hostbinder;
 void DiscardLog(const struct __android_logger_data*, const char*) {}
 
 constexpr size_t kClients = 8;
-constexpr uint32_t kCommands[] = {kHelloProcess, kHelloThread,   kEnterLooper,  kTransaction,
-                                  kReply,        kOnewayDone,    kReleaseHandle, kRequestDeath,
-                                  kClearDeath,   kSetMaxThreads, kOnewayCredited};
+constexpr uint32_t kCommands[] = {kHelloProcess,  kHelloThread,   kEnterLooper,   kTransaction,   kReply,
+                                  kOnewayDone,    kReleaseHandle, kRequestDeath,  kClearDeath,    kSetMaxThreads,
+                                  kOnewayCredited, kOpenChannel,  kChannelCredit, kChannelDone,   kResolveReach,
+                                  kServingChannel, kChannelReply, kChannelFence,  kReachDropped};
 
 sockaddr_un listeningAddress() {
     sockaddr_un address{};
