@@ -13,6 +13,8 @@
 #include <cstdint>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <set>
@@ -116,6 +118,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             outbox.mCut.erase(ids[slot]);
             driver.onDisconnect(ids[slot]);
             connect(slot);
+        }
+        const std::string broken = driver.checkInvariants();
+        if (!broken.empty()) {
+            std::fprintf(stderr, "the driver's tables disagree: %s\n", broken.c_str());
+            std::abort();
         }
     }
     for (size_t slot = 0; slot < kConnections; ++slot) {

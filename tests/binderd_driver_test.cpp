@@ -153,7 +153,9 @@ protected:
     }
 
     bool feed(ConnectionId id, uint32_t command, const std::vector<uint8_t>& payload) {
-        return driver.onFrame(id, Frame{command, payload.data(), static_cast<uint32_t>(payload.size())});
+        const bool taken = driver.onFrame(id, Frame{command, payload.data(), static_cast<uint32_t>(payload.size())});
+        EXPECT_EQ(driver.checkInvariants(), "") << "after command " << command << " on " << id;
+        return taken;
     }
 
     // The last frame of `command` sent to `to`.

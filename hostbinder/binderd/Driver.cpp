@@ -224,7 +224,11 @@ void Driver::processDied(Process& process) {
     if (mVerbose) {
         __android_log_print(ANDROID_LOG_INFO, kTag, "process %d left", process.pid);
     }
-    // What its threads sent before the end still counts, one-way calls above all.
+    // What its threads sent before the end still counts, one-way calls above
+    // all. Draining hands their frames to this driver now, re-entrantly: a
+    // drained frame may end one of these threads (so they are named by
+    // connection, not held), but never the process, whose control connection
+    // is already gone.
     std::vector<ConnectionId> connections;
     for (const Thread* thread : process.threads) {
         connections.push_back(thread->connection);

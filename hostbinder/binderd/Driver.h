@@ -45,7 +45,9 @@ public:
     // When expireTimers next has work; max() when nothing waits.
     Clock::time_point nextDeadline() const;
 
-    size_t processCount() const { return mProcesses.size(); }
+    // "" when every table agrees with every counter, else the first
+    // disagreement found (a bug in the driver, whatever its peers did).
+    std::string checkInvariants() const;
     // What every process holds, by pid, uid and in total.
     const DriverLedger& holdings() const { return mLedger; }
     // About how many bytes of binderd's memory the holdings stand for.
@@ -131,6 +133,10 @@ private:
     bool startCreditedOneway(Thread& thread, const hostbinder::TransactionView& view);
     void endCredit(Thread& thread);
     // Before a handle goes, takes in the calls its credit paid for.
+    //
+    // It drains the holders' connections: the driver takes their frames
+    // before it goes on, so any state the caller held may have changed, and a
+    // thread may be gone; callers look things up again by id afterwards.
     void settleCredits(Process& process, uint32_t handle);
     // Voids every credit for the dying process's nodes, telling the holders.
     void revokeCreditsOn(const Process& dying);

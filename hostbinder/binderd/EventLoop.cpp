@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include <log/log.h>
@@ -339,7 +340,24 @@ void EventLoop::settle() {
         const ConnectionId id = mUntold.front();
         mUntold.pop_front();
         mDriver.onDisconnect(id);
+        checkDriver();
     }
+}
+
+void EventLoop::checkDriver() {
+#ifdef TIVRA_CHECK_INVARIANTS
+    // Every frame while the tables are small; under a flood of entries (the
+    // attack tests), every thousandth, so that the check stays cheap.
+    const auto& holdings = mDriver.holdings();
+    if (holdings.total(kHandlesHeld) + holdings.total(kNodesHeld) > 4096 && ++mUncheckedFrames % 1024 != 0) {
+        return;
+    }
+    const std::string broken = mDriver.checkInvariants();
+    if (!broken.empty()) {
+        __android_log_print(ANDROID_LOG_FATAL, kTag, "the driver's tables disagree: %s", broken.c_str());
+        abort();
+    }
+#endif
 }
 
 void EventLoop::cut(ConnectionId id) {
@@ -534,6 +552,7 @@ void EventLoop::handFrames(ConnectionId id, Connection& connection, const uint8_
         // The driver hears of connections closed by this frame before the next.
         if (mDepth == 1) {
             settle();
+            checkDriver();
         }
     }
     connection.reading = false;

@@ -123,6 +123,9 @@ private:
     void close(ConnectionId id, Connection& connection, bool tellDriver);
     // Tells the driver of the connections closed since it last heard.
     void settle();
+    // In builds that check (TIVRA_CHECK_INVARIANTS), stops binderd at once
+    // when the driver's tables disagree with each other.
+    void checkDriver();
     void expireHellos(Clock::time_point now);
     // Gives back the output buffers of connections that have gone quiet.
     void trimIdleBuffers(Clock::time_point now);
@@ -152,6 +155,7 @@ private:
     std::vector<std::unique_ptr<uint8_t[]>> mReadBuffers;
     size_t mDepth = 0;
     size_t mDescriptorsInFlight = 0;
+    size_t mUncheckedFrames = 0;
     // Bytes held at most since memory was last given back to the system,
     // and when it may be given back next.
     size_t mHeldPeak = 0;

@@ -98,8 +98,8 @@ void Driver::queueOneway(const std::shared_ptr<Transaction>& transaction) {
 
 void Driver::dispatchOneway(const std::shared_ptr<Transaction>& transaction) {
     Node& node = *transaction->target;
-    if (!node.onewayBusy) {
-        node.onewayBusy = true;
+    if (node.oneway == Node::Oneway::kIdle) {
+        node.oneway = Node::Oneway::kQueued;
         enqueueWork(*node.owner, transaction);
         return;
     }
@@ -146,12 +146,12 @@ bool Driver::finishOneway(Thread& thread) {
 }
 
 void Driver::advanceOneway(Node& node) {
-    node.onewayBusy = false;
+    node.oneway = Node::Oneway::kIdle;
     node.onewayThread = nullptr;
     if (!node.onewayQueue.empty() && node.owner != nullptr) {
         std::shared_ptr<Transaction> next = node.onewayQueue.front();
         node.onewayQueue.pop_front();
-        node.onewayBusy = true;
+        node.oneway = Node::Oneway::kQueued;
         enqueueWork(*node.owner, next);
     }
 }

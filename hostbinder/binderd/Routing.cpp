@@ -196,11 +196,11 @@ void Driver::enqueueWork(Process& process, const std::shared_ptr<Transaction>& t
 }
 
 void Driver::deliver(Thread& thread, const std::shared_ptr<Transaction>& transaction) {
-    thread.idle = false;
     thread.serving.push_back(transaction);
     keepTransit(thread, *transaction);
     sendIncoming(thread, *transaction);
     if (transaction->oneway()) {
+        transaction->target->oneway = Node::Oneway::kRunning;
         transaction->target->onewayThread = &thread;
         fillPipeline(*transaction->target);
     }
@@ -232,7 +232,6 @@ void Driver::becomeIdle(Thread& thread) {
         deliver(thread, next);
         return;
     }
-    thread.idle = true;
     process.idleLoopers.push_back(&thread);
 }
 

@@ -32,9 +32,12 @@ struct Node {
     // Handle entries of other processes plus transactions and deliveries in
     // flight; while non-zero the owner holds one strong reference for them.
     uint32_t refs = 0;
-    bool onewayBusy = false;
-    // The thread running the node's current one-way call, once delivered.
-    Thread* onewayThread = nullptr;
+    // Where the node's one-way calls stand: one at a time is out, first
+    // waiting in its process's queue for a pool thread, then running on
+    // `onewayThread`; the others wait in `onewayQueue`.
+    enum class Oneway { kIdle, kQueued, kRunning };
+    Oneway oneway = Oneway::kIdle;
+    Thread* onewayThread = nullptr;  // kRunning only
     std::deque<std::shared_ptr<struct Transaction>> onewayQueue;
     // (process token, handle) of every pending death request: at most one
     // per process, as each process has one handle for the node.
@@ -62,7 +65,7 @@ struct Transaction {
     // fenced when its sender announced it (kChannelFence) and counts it.
     uint64_t channel = 0;
     bool fenced = false;
-    bool oneway() const { return (header.flags & 1u) != 0; }
+    bool oneway() const { return (header.flags & hostbinder::kFlagOneway) != 0; }
     // Its frame's bytes, headers included, when delivered.
     size_t frameBytes() const {
         return sizeof(hostbinder::FrameHeader) + sizeof(header) + data.size() + offsets.size() * sizeof(uint64_t);
@@ -109,7 +112,6 @@ struct Thread {
     uint64_t servingChannel = 0;
     Process* process = nullptr;
     bool looper = false;
-    bool idle = false;
     std::vector<std::shared_ptr<Transaction>> serving;
     // One-way calls of the node being served, sent ahead to run next in
     // order, and their frames' bytes.
