@@ -155,7 +155,7 @@ private:
     std::vector<std::unique_ptr<uint8_t[]>> mReadBuffers;
     size_t mDepth = 0;
     size_t mDescriptorsInFlight = 0;
-    size_t mUncheckedFrames = 0;
+    [[maybe_unused]] size_t mUncheckedFrames = 0;
     // Bytes held at most since memory was last given back to the system,
     // and when it may be given back next.
     size_t mHeldPeak = 0;
