@@ -13,7 +13,8 @@
 // in "_watched", counting the records it read and lost; a watcher puts every
 // call on the relayed path), and binderd's resident memory before and after
 // 1,000,000 transactions on the process's default path (direct unless
-// HOSTBINDER_DIRECT=0), where binderd relays only what cannot go direct.
+// HOSTBINDER_DIRECT=0; the context line "default_path" says which), where
+// binderd relays only what cannot go direct.
 // The bench starts its own binderd on a private socket and every helper
 // process itself. Pinned figures: `taskset -c 0 ipc_bench`; every helper
 // inherits the affinity, the context line "allowed_cpus" shows it.
@@ -25,6 +26,7 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -51,12 +53,14 @@ using tivra_test::BinderdSession;
 constexpr size_t kMessageBytes = 64;
 constexpr size_t kLargeBytes = 100 * 1024;
 // A batch may be sent faster than the receiver takes it in, so all of it must
-// fit into the receiver's one-way buffer, where each call is charged its data
-// (rounded to 8 bytes) plus bookkeeping: 2,000 calls of 64 bytes take 320,000
-// of its 520,192 bytes, leaving room for the few calls of the previous batch
+// fit into the receiver's one-way buffer (kMaxQueuedOnewayBytes, 520,192
+// bytes), where each call is charged its data rounded up to 8 bytes plus a
+// fixed overhead (bufferCharge: 336 bytes in all for 64 bytes): 1,000 calls
+// take 336,000 bytes, leaving room for the few calls of the previous batch
 // that the receiver counted but has not finished yet.
-constexpr int kOnewayBatch = 2000;
-static_assert(kOnewayBatch * hostbinder::onewayCharge(kMessageBytes, 0) <= hostbinder::kMaxQueuedOnewayBytes * 2 / 3,
+constexpr int kOnewayBatch = 1000;
+static_assert(kOnewayBatch * hostbinder::bufferCharge(kMessageBytes, 0, true) <=
+                  hostbinder::kMaxQueuedOnewayBytes * 2 / 3,
               "a one-way batch could be refused while the receiver is slow");
 constexpr int64_t kMemoryTransactions = 1000000;
 const String16 kServiceName("tivra.bench.service");
@@ -138,22 +142,81 @@ void writePayload(Parcel* parcel, size_t bytes) {
     parcel->write(payload.data(), payload.size());
 }
 
-bool echoed(const sp<IBinder>& service, const Parcel& request) {
+// A call's status as the Binder headers name it, and its number.
+std::string statusText(status_t status) {
+    static const std::pair<status_t, const char*> kNames[] = {
+        {DEAD_OBJECT, "DEAD_OBJECT"},         {FAILED_TRANSACTION, "FAILED_TRANSACTION"},
+        {TIMED_OUT, "TIMED_OUT"},             {UNKNOWN_TRANSACTION, "UNKNOWN_TRANSACTION"},
+        {BAD_VALUE, "BAD_VALUE"},             {NO_MEMORY, "NO_MEMORY"},
+        {PERMISSION_DENIED, "PERMISSION_DENIED"}, {INVALID_OPERATION, "INVALID_OPERATION"},
+        {WOULD_BLOCK, "WOULD_BLOCK"},         {UNKNOWN_ERROR, "UNKNOWN_ERROR"},
+    };
+    for (const auto& [value, name] : kNames) {
+        if (value == status) {
+            return std::string(name) + " (" + std::to_string(status) + ")";
+        }
+    }
+    return "status " + std::to_string(status);
+}
+
+// The Binder calls of the rows; each returns "" or what went wrong.
+std::string echo(const sp<IBinder>& service, const Parcel& request) {
     Parcel reply;
-    return service->transact(BenchService::kEcho, request, &reply) == OK && reply.dataSize() == request.dataSize();
+    const status_t status = service->transact(BenchService::kEcho, request, &reply);
+    if (status != OK) {
+        return "two-way call failed: " + statusText(status);
+    }
+    if (reply.dataSize() != request.dataSize()) {
+        return "a reply of " + std::to_string(reply.dataSize()) + " bytes to a request of " +
+               std::to_string(request.dataSize());
+    }
+    return "";
 }
 
-bool sentOneway(const sp<IBinder>& service, const Parcel& request) {
-    return service->transact(BenchService::kCount, request, nullptr, IBinder::FLAG_ONEWAY) == OK;
+std::string sendOneway(const sp<IBinder>& service, const Parcel& request) {
+    const status_t status = service->transact(BenchService::kCount, request, nullptr, IBinder::FLAG_ONEWAY);
+    return status == OK ? "" : "one-way call failed: " + statusText(status);
 }
 
-// The receiver's count of one-way calls once it reached `target` (or, after
-// its bounded wait, whatever it is).
-int64_t awaitCount(const sp<IBinder>& service, int64_t target) {
+// Waits until the receiver has counted `target` one-way calls in all (it
+// waits at most 10 s).
+std::string awaitCount(const sp<IBinder>& service, int64_t target) {
     Parcel data;
     data.writeInt64(target);
     Parcel reply;
+    const status_t status = service->transact(BenchService::kAwaitCount, data, &reply);
+    if (status != OK) {
+        return "counting call failed: " + statusText(status);
+    }
+    const int64_t counted = reply.readInt64();
+    return counted == target ? "" : "the receiver counted " + std::to_string(counted) + " one-way calls of " +
+                                        std::to_string(target) + " sent";
+}
+
+// The receiver's count of one-way calls so far, or -1.
+int64_t oneways(const sp<IBinder>& service) {
+    Parcel data;
+    data.writeInt64(0);
+    Parcel reply;
     return service->transact(BenchService::kAwaitCount, data, &reply) == OK ? reply.readInt64() : -1;
+}
+
+// The row running now, for fail().
+std::string gRow;
+
+// Ends a row's run with an error. The error also goes to stderr: the
+// aggregates hide a failed repetition, and libbenchmark 1.7.1 crashes
+// computing them when the first repetition failed.
+void fail(benchmark::State& state, const std::string& why) {
+    std::fprintf(stderr, "ipc_bench: %s failed: %s\n", gRow.c_str(), why.c_str());
+    state.SkipWithError(why.c_str());
+}
+
+Body named(const std::string& name, Body body) {
+    return [name, body](benchmark::State& state) {
+        gRow = name;
+        body(state);
+    };
 }
 
 // binderd's CPU time over one run of a benchmark, per call made in it.
@@ -177,7 +240,7 @@ void socketRoundTrips(benchmark::State& state, int fd, size_t bytes) {
     std::vector<char> message(bytes);
     for (auto _ : state) {
         if (!tivra_bench::exchange(fd, message.data(), message.size())) {
-            state.SkipWithError("the echo process is gone");
+            fail(state, "the echo process is gone");
             break;
         }
     }
@@ -189,8 +252,9 @@ void binderRoundTrips(benchmark::State& state, const BinderTarget& target, size_
     writePayload(&request, bytes);
     const BinderdCpu binderdCpu(target.binderd);
     for (auto _ : state) {
-        if (!echoed(target.service, request)) {
-            state.SkipWithError("echo failed");
+        const std::string error = echo(target.service, request);
+        if (!error.empty()) {
+            fail(state, error);
             break;
         }
     }
@@ -203,17 +267,23 @@ void binderRoundTrips(benchmark::State& state, const BinderTarget& target, size_
 void onewayThroughput(benchmark::State& state, const BinderTarget& target) {
     Parcel request;
     writePayload(&request, kMessageBytes);
-    int64_t sent = awaitCount(target.service, 0);
+    int64_t sent = oneways(target.service);
     const BinderdCpu binderdCpu(target.binderd);
     for (auto _ : state) {
         const auto start = std::chrono::steady_clock::now();
-        bool accepted = true;
-        for (int i = 0; i < kOnewayBatch && accepted; ++i) {
-            accepted = sentOneway(target.service, request);
+        std::string error;
+        for (int i = 0; i < kOnewayBatch && error.empty(); ++i) {
+            error = sendOneway(target.service, request);
+            if (!error.empty()) {
+                error = "call " + std::to_string(i + 1) + " of a batch: " + error;
+            }
         }
         sent += kOnewayBatch;
-        if (!accepted || awaitCount(target.service, sent) != sent) {
-            state.SkipWithError("one-way calls refused or lost");
+        if (error.empty()) {
+            error = awaitCount(target.service, sent);
+        }
+        if (!error.empty()) {
+            fail(state, error);
             break;
         }
         state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
@@ -227,21 +297,22 @@ void onewayThroughput(benchmark::State& state, const BinderTarget& target) {
 // receiver catch up so that the one-way queue stays short.
 class MixedTraffic {
 public:
-    explicit MixedTraffic(sp<IBinder> service)
-        : mService(std::move(service)), mOneways(awaitCount(mService, 0)) {
+    explicit MixedTraffic(sp<IBinder> service) : mService(std::move(service)), mOneways(oneways(mService)) {
         writePayload(&mRequest, kMessageBytes);
     }
 
-    bool step() {
+    // "" or what went wrong.
+    std::string step() {
         ++mSteps;
         if (mSteps % 2 == 0) {
-            return echoed(mService, mRequest);
+            return echo(mService, mRequest);
         }
-        if (!sentOneway(mService, mRequest)) {
-            return false;
+        std::string error = sendOneway(mService, mRequest);
+        if (!error.empty()) {
+            return error;
         }
         ++mOneways;
-        return mSteps % 1000 != 999 || awaitCount(mService, mOneways) == mOneways;
+        return mSteps % 1000 != 999 ? "" : awaitCount(mService, mOneways);
     }
 
 private:
@@ -255,15 +326,17 @@ void binderdMemory(benchmark::State& state, const BinderTarget& target) {
     MixedTraffic traffic(target.service);
     // Warm up first: binderd's buffers reach their working size.
     for (int i = 0; i < 20000; ++i) {
-        if (!traffic.step()) {
-            state.SkipWithError("warm-up failed");
+        const std::string error = traffic.step();
+        if (!error.empty()) {
+            fail(state, "warm-up: " + error);
             return;
         }
     }
     const long before = tivra_bench::residentKibibytes(target.binderd);
     for (auto _ : state) {
-        if (!traffic.step()) {
-            state.SkipWithError("transaction failed");
+        const std::string error = traffic.step();
+        if (!error.empty()) {
+            fail(state, error);
             break;
         }
     }
@@ -288,7 +361,7 @@ Body watched(const std::string& socketPath, Body body) {
     return [socketPath, body](benchmark::State& state) {
         tivra_bench::TrafficWatcher watcher(socketPath);
         if (!watcher.attached()) {
-            state.SkipWithError("binderd took no watcher");
+            fail(state, "binderd took no watcher");
             return;
         }
         body(state);
@@ -340,12 +413,15 @@ int main(int argc, char** argv) {
     benchmark::AddCustomContext("default_path", processDefault ? "direct" : "relayed");
     const std::string socket = session.socketPath();
 
-    repeated(benchmark::RegisterBenchmark("a_socket_pingpong_64B", socketRoundTrips, echoFd, kMessageBytes))
-        ->UseRealTime();
-    repeated(benchmark::RegisterBenchmark("a_socket_pingpong_100KiB", socketRoundTrips, largeEchoFd, kLargeBytes))
-        ->UseRealTime();
-    repeated(benchmark::RegisterBenchmark("b_epoll_relay_64B", socketRoundTrips, relayFd, kMessageBytes))
-        ->UseRealTime();
+    const auto add = [](const std::string& name, const Body& body) {
+        return benchmark::RegisterBenchmark(name.c_str(), named(name, body));
+    };
+    const auto socketRow = [](int fd, size_t bytes) {
+        return [fd, bytes](benchmark::State& state) { socketRoundTrips(state, fd, bytes); };
+    };
+    repeated(add("a_socket_pingpong_64B", socketRow(echoFd, kMessageBytes)))->UseRealTime();
+    repeated(add("a_socket_pingpong_100KiB", socketRow(largeEchoFd, kLargeBytes)))->UseRealTime();
+    repeated(add("b_epoll_relay_64B", socketRow(relayFd, kMessageBytes)))->UseRealTime();
 
     const Body twoWay = [target](benchmark::State& state) { binderRoundTrips(state, target, kMessageBytes); };
     const Body oneWay = [target](benchmark::State& state) { onewayThroughput(state, target); };
@@ -365,15 +441,14 @@ int main(int argc, char** argv) {
     for (const auto& row : binderRows) {
         for (const bool direct : {false, true}) {
             const std::string name = std::string(row.name) + (direct ? "_direct" : "_relayed");
-            timed(repeated(benchmark::RegisterBenchmark(name.c_str(), onPath(direct, processDefault, row.body))),
-                  row.manualTime);
+            timed(repeated(add(name, onPath(direct, processDefault, row.body))), row.manualTime);
         }
     }
     for (const auto& row : binderRows) {
         const std::string name = std::string(row.name) + "_watched";
-        timed(repeated(benchmark::RegisterBenchmark(name.c_str(), watched(socket, row.body))), row.manualTime);
+        timed(repeated(add(name, watched(socket, row.body))), row.manualTime);
     }
-    benchmark::RegisterBenchmark("binderd_memory_1M_transactions", binderdMemory, target)
+    add("binderd_memory_1M_transactions", [target](benchmark::State& state) { binderdMemory(state, target); })
         ->Iterations(kMemoryTransactions)
         ->UseRealTime()
         ->Unit(benchmark::kMicrosecond);
