@@ -158,10 +158,16 @@ void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel) {
 
 void ChannelHub::work() {
     for (;;) {
-        // What this thread's calls finished goes to binderd before it sleeps.
-        IPCThreadState::self()->flushCommands();
+        // What this thread's calls finished goes to binderd in batches, the
+        // rest before it sleeps.
+        IPCThreadState* self = IPCThreadState::self();
+        int wait = self->channelReportWaitMs();
+        if (wait == 0) {
+            self->flushCommands();
+            wait = -1;
+        }
         epoll_event event{};
-        if (epoll_wait(mEpoll, &event, 1, -1) != 1) {
+        if (epoll_wait(mEpoll, &event, 1, wait) != 1) {
             continue;
         }
         std::vector<std::shared_ptr<Channel>> claimed;

@@ -38,6 +38,7 @@ void IPCThreadState::forgetChannels() {
     mRoutes.clear();
     mChannels.clear();
     mChannelDone.clear();
+    mChannelPosted.clear();
     mReachDropped.clear();
 }
 

@@ -89,8 +89,35 @@ void IPCThreadState::flushCommands() {
 }
 
 void IPCThreadState::noteChannelDone(uint64_t channel, uint64_t total) {
+    if (mChannelDone.empty()) {
+        mProgressSince = std::chrono::steady_clock::now();
+    }
     uint64_t& latest = mChannelDone[channel];
     latest = std::max(latest, total);
+}
+
+int IPCThreadState::channelReportWaitMs() const {
+    // Progress is told in batches: a report costs binderd a wake-up, and an
+    // owner of many channels (a listener of a busy service) would otherwise
+    // send one per call. binderd needs it soon only to free room in the
+    // buffer, which a batch well under the credit step leaves plenty of.
+    constexpr uint64_t kReportEvery = hostbinder::kOnewayCreditBytes / 4;
+    constexpr auto kReportDelay = std::chrono::milliseconds(50);
+    if (!mReachDropped.empty()) {
+        return 0;
+    }
+    if (mChannelDone.empty()) {
+        return -1;
+    }
+    for (const auto& [channel, total] : mChannelDone) {
+        auto posted = mChannelPosted.find(channel);
+        if (total - (posted == mChannelPosted.end() ? 0 : posted->second) >= kReportEvery) {
+            return 0;
+        }
+    }
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        mProgressSince + kReportDelay - std::chrono::steady_clock::now());
+    return left.count() <= 0 ? 0 : static_cast<int>(left.count());
 }
 
 void IPCThreadState::noteReachDropped(uint64_t channel, uint32_t handle) { mReachDropped.emplace_back(channel, handle); }
@@ -100,6 +127,7 @@ void IPCThreadState::postChannelDone() {
     for (const auto& [channel, total] : mChannelDone) {
         const hostbinder::ChannelProgress progress{channel, total};
         mConnection->post(hostbinder::kChannelDone, &progress, sizeof(progress));
+        mChannelPosted[channel] = total;
     }
     mChannelDone.clear();
     for (const auto& [channel, handle] : mReachDropped) {

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <initializer_list>
@@ -56,6 +57,9 @@ public:
     // The channel's one-way calls finished so far; told to binderd with the
     // thread's next frame or flush.
     void noteChannelDone(uint64_t channel, uint64_t total);
+    // How long a channel thread may sleep before what it noted is due at
+    // binderd: 0 now, -1 nothing is waiting.
+    int channelReportWaitMs() const;
     // The owner took in the channel's calls from before binderd withdrew the
     // handle, and forgot it; told to binderd like noteChannelDone.
     void noteReachDropped(uint64_t channel, uint32_t handle);
@@ -142,6 +146,8 @@ private:
     std::map<int32_t, std::shared_ptr<OutgoingChannel>> mRoutes;
     std::map<uint64_t, std::shared_ptr<OutgoingChannel>> mChannels;
     std::map<uint64_t, uint64_t> mChannelDone;
+    std::map<uint64_t, uint64_t> mChannelPosted;
+    std::chrono::steady_clock::time_point mProgressSince;
     std::vector<std::pair<uint64_t, uint32_t>> mReachDropped;
 };
 
