@@ -22,8 +22,10 @@ namespace {
 constexpr std::chrono::seconds kReplyPatience{2};
 // Large calls read in part over all channels, at most.
 constexpr size_t kMaxLargeBytes = 16 * 1024 * 1024;
-// The epoll identity of the attention event; channels count from 1.
+// The epoll identity of the attention event; channels count from 1, and
+// their rings' doorbells have the top bit set.
 constexpr uint64_t kAttention = 0;
+constexpr uint64_t kDoorbell = uint64_t{1} << 63;
 }  // namespace
 
 ChannelHub::ChannelHub()
@@ -41,6 +43,9 @@ ChannelHub::~ChannelHub() {
 
 ChannelHub::Channel::~Channel() {
     ::close(fd);
+    if (doorbell >= 0) {
+        ::close(doorbell);
+    }
     std::lock_guard<std::mutex> lock(hub.mLock);
     hub.mLargeBytes -= largeBytes;
 }
@@ -150,7 +155,8 @@ void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel) {
     std::lock_guard<std::mutex> lock(mLock);
     channel->held = false;
     // What came while it was served is taken care of next round.
-    if (!channel->revoked.empty() || channel->closing) {
+    if (!channel->revoked.empty() || channel->closing || channel->rung) {
+        channel->rung = false;
         attend(*channel);
     }
     rearm(channel->fd, channel->id);
@@ -186,9 +192,12 @@ void ChannelHub::work() {
                 mAttention.clear();
                 rearm(mAttentionEvent, kAttention);
             } else {
-                auto it = mChannels.find(event.data.u64);
-                // A held channel is re-armed by its holder.
-                if (it != mChannels.end() && !it->second->held) {
+                auto it = mChannels.find(event.data.u64 & ~kDoorbell);
+                // A held channel is re-armed by its holder, which also hears
+                // of a ring of its bell meanwhile.
+                if (it != mChannels.end() && it->second->held) {
+                    it->second->rung = it->second->rung || (event.data.u64 & kDoorbell) != 0;
+                } else if (it != mChannels.end()) {
                     it->second->held = true;
                     claimed.push_back(it->second);
                 }
@@ -240,7 +249,9 @@ bool ChannelHub::serve(const std::shared_ptr<Channel>& channel) {
         if (channel->reader.malformed() || read == FrameReader::Read::kEnded) {
             return false;
         }
-        if (read == FrameReader::Read::kNothing && (channel->ring == nullptr || channel->ring->sleep())) {
+        const bool nothingMore = read == FrameReader::Read::kNothing ||
+                                 (read == FrameReader::Read::kSome && channel->reader.drained());
+        if (nothingMore && (channel->ring == nullptr || channel->ring->sleep())) {
             if (channel->reader.shrink() > 0) {
                 std::lock_guard<std::mutex> lock(mLock);
                 mLargeBytes -= channel->largeBytes;
@@ -288,8 +299,6 @@ bool ChannelHub::serveFrame(const std::shared_ptr<Channel>& channel, const Frame
     switch (frame.command) {
         case kDirectHello:
             return welcome(*channel);
-        case kDirectDoorbell:
-            return frame.payloadSize == 0;
         case kDirectCall:
             return serveCall(channel, frame);
         default:
@@ -299,11 +308,23 @@ bool ChannelHub::serveFrame(const std::shared_ptr<Channel>& channel, const Frame
 
 bool ChannelHub::welcome(Channel& channel) {
     const int memory = channel.reader.takeDescriptor();
-    if (channel.ring == nullptr && memory >= 0) {
+    const int doorbell = channel.reader.takeDescriptor();
+    if (channel.ring == nullptr && memory >= 0 && doorbell >= 0) {
         channel.ring = SharedRing::attach(memory);
     }
     if (memory >= 0) {
         ::close(memory);
+    }
+    if (channel.ring != nullptr && channel.doorbell < 0) {
+        // Edge-triggered: a ring only ever wakes one thread per ring of the
+        // bell, and the bell is never read.
+        channel.doorbell = doorbell;
+        epoll_event event{};
+        event.events = EPOLLIN | EPOLLET;
+        event.data.u64 = channel.id | kDoorbell;
+        epoll_ctl(mEpoll, EPOLL_CTL_ADD, channel.doorbell, &event);
+    } else if (doorbell >= 0) {
+        ::close(doorbell);
     }
     const uint32_t ringTaken = channel.ring != nullptr ? 1 : 0;
     return writeFrame(channel.fd, kDirectWelcome, &ringTaken, sizeof(ringTaken), nullptr, 0, kReplyPatience);

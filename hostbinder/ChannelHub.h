@@ -52,8 +52,9 @@ private:
         pid_t peerPid = 0;
         uid_t peerUid = 0;
         // Only the thread holding the channel reads these.
-        hostbinder::FrameReader reader{1};
-        std::unique_ptr<hostbinder::SharedRing> ring;  // the caller's one-way calls
+        hostbinder::FrameReader reader{2};
+        std::unique_ptr<hostbinder::SharedRing> ring;
+        int doorbell = -1;  // the caller's one-way calls
         std::vector<uint8_t> ringFrame;
         // What handles of the caller name here, as binderd answered; only the
         // thread holding the channel reads or changes it.
@@ -64,6 +65,8 @@ private:
         std::vector<uint32_t> revoked;
         // binderd closed it: what is on it is taken in, then it goes.
         bool closing = false;
+        // Its doorbell rang while a thread held it: that thread goes round again.
+        bool rung = false;
         // Charge units of the channel's one-way calls finished, and told to binderd.
         std::atomic<uint64_t> finished{0};
         // What its reader holds beyond its usual size, for a large call.

@@ -6,7 +6,9 @@
 
 #include <poll.h>
 #include <sched.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -69,12 +71,15 @@ std::shared_ptr<OutgoingChannel> IPCThreadState::openChannel(int32_t handle, uin
     // took the ring; calls wait for that answer.
     int memory = -1;
     if (kind == hostbinder::kOneWayChannel) {
-        channel->ring = hostbinder::SharedRing::create(kRingBytes, &memory);
+        channel->doorbell = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (channel->doorbell >= 0) {
+            channel->ring = hostbinder::SharedRing::create(kRingBytes, &memory);
+        }
     }
     const hostbinder::FrameHeader hello{0, hostbinder::kDirectHello};
     const std::vector<uint8_t> bytes(reinterpret_cast<const uint8_t*>(&hello),
                                      reinterpret_cast<const uint8_t*>(&hello) + sizeof(hello));
-    if (!hostbinder::sendWithDescriptor(fd, bytes, memory)) {
+    if (!hostbinder::sendWithDescriptors(fd, bytes, {memory, memory >= 0 ? channel->doorbell : -1})) {
         channel->state = OutgoingChannel::State::kBroken;
     }
     if (memory >= 0) {
@@ -252,9 +257,8 @@ status_t IPCThreadState::pushToRing(OutgoingChannel& channel, const hostbinder::
         switch (channel.ring->push(prefix, sizeof(prefix), data.data(), data.dataSize(), &wake)) {
             case hostbinder::SharedRing::Push::kDone:
                 if (wake) {
-                    const hostbinder::FrameHeader doorbell{0, hostbinder::kDirectDoorbell};
-                    // A full socket already has the owner's attention.
-                    (void)!send(channel.fd, &doorbell, sizeof(doorbell), MSG_NOSIGNAL | MSG_DONTWAIT);
+                    const uint64_t ring = 1;
+                    (void)!write(channel.doorbell, &ring, sizeof(ring));
                 }
                 return OK;
             case hostbinder::SharedRing::Push::kBroken:

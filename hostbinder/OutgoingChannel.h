@@ -24,7 +24,12 @@ struct OutgoingChannel {
     };
 
     OutgoingChannel(uint64_t id, int fd) : id(id), fd(fd) {}
-    ~OutgoingChannel() { ::close(fd); }
+    ~OutgoingChannel() {
+        ::close(fd);
+        if (doorbell >= 0) {
+            ::close(doorbell);
+        }
+    }
     OutgoingChannel(const OutgoingChannel&) = delete;
     OutgoingChannel& operator=(const OutgoingChannel&) = delete;
 
@@ -36,6 +41,7 @@ struct OutgoingChannel {
     hostbinder::FrameReader reader;
     // One-way calls go through shared memory once the owner took it.
     std::unique_ptr<hostbinder::SharedRing> ring;
+    int doorbell = -1;  // the ring's: wakes the owner when it sleeps
     // Room binderd reserved for this thread's one-way calls in the owner's
     // buffer, and the charge units sent on the channel so far.
     size_t credit = 0;

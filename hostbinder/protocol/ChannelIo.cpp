@@ -76,6 +76,7 @@ FrameReader::Read FrameReader::readAvailable(int fd, const std::function<bool(si
     if (n == 0) {
         return Read::kEnded;
     }
+    mDrained = static_cast<size_t>(n) < chunk.iov_len;
     mUsed += static_cast<size_t>(n);
     return Read::kSome;
 }
@@ -164,20 +165,27 @@ bool writeFrame(int fd, uint32_t command, const void* header, size_t headerSize,
     return writeFully(fd, rest.data() + done, rest.size() - done, patience);
 }
 
-bool sendWithDescriptor(int fd, const std::vector<uint8_t>& frame, int descriptor) {
+bool sendWithDescriptors(int fd, const std::vector<uint8_t>& frame, std::initializer_list<int> descriptors) {
     iovec bytes{const_cast<uint8_t*>(frame.data()), frame.size()};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+    int sent[4];
+    size_t count = 0;
+    for (int descriptor : descriptors) {
+        if (descriptor >= 0 && count < 4) {
+            sent[count++] = descriptor;
+        }
+    }
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(sent))];
     msghdr message{};
     message.msg_iov = &bytes;
     message.msg_iovlen = 1;
-    if (descriptor >= 0) {
+    if (count > 0) {
         message.msg_control = control;
-        message.msg_controllen = sizeof(control);
+        message.msg_controllen = CMSG_SPACE(count * sizeof(int));
         cmsghdr* header = CMSG_FIRSTHDR(&message);
         header->cmsg_level = SOL_SOCKET;
         header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(header), &descriptor, sizeof(int));
+        header->cmsg_len = CMSG_LEN(count * sizeof(int));
+        std::memcpy(CMSG_DATA(header), sent, count * sizeof(int));
     }
     ssize_t n;
     do {

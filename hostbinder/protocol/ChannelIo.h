@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <initializer_list>
 #include <vector>
 
 #include "Protocol.h"
@@ -26,6 +27,9 @@ public:
     // Returns the bytes given back.
     size_t shrink();
     size_t capacity() const { return mBuffer.size(); }
+    // Whether the last read took everything the socket had then (it filled
+    // less than the room it had): a further read now would find nothing.
+    bool drained() const { return mDrained; }
     // The next whole frame, valid until the next call; false when none is
     // whole yet, or when the bytes are no frame at all (see malformed()).
     bool next(Frame* frame);
@@ -44,6 +48,7 @@ private:
     size_t mStart = 0;
     size_t mUsed = 0;
     bool mMalformed = false;
+    bool mDrained = false;
 };
 
 // Writes all of `bytes`; waits for room at most `patience` in all (a peer
@@ -56,8 +61,8 @@ bool writeFully(int fd, const uint8_t* bytes, size_t size, std::chrono::millisec
 bool writeFrame(int fd, uint32_t command, const void* header, size_t headerSize, const uint8_t* data,
                 size_t dataSize, std::chrono::milliseconds patience);
 
-// Sends one frame with a descriptor riding on its first byte.
-bool sendWithDescriptor(int fd, const std::vector<uint8_t>& frame, int descriptor);
+// Sends one frame with descriptors riding on its first byte (-1s skipped).
+bool sendWithDescriptors(int fd, const std::vector<uint8_t>& frame, std::initializer_list<int> descriptors);
 
 // Builds a frame of `header` followed by `data` into `out` (replacing it).
 void buildFrame(std::vector<uint8_t>* out, uint32_t command, const void* header, size_t headerSize,

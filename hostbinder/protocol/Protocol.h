@@ -149,9 +149,8 @@ enum Command : uint32_t {
 enum DirectCommand : uint32_t {
     kDirectCall = 200,  // DirectCall + data: thread -> owner
     kDirectReply,       // DirectReply + data: owner -> thread
-    kDirectHello,       // empty, maybe with a SharedRing's memory: thread -> owner, first
+    kDirectHello,       // empty, maybe with a SharedRing's memory and its doorbell (an eventfd): thread -> owner, first
     kDirectWelcome,     // u32 1 when the ring was taken: owner -> thread
-    kDirectDoorbell,    // empty: thread -> owner, the ring has calls for a sleeping owner
 };
 
 enum RefusalReason : uint32_t {

@@ -11,7 +11,8 @@ namespace android::hostbinder {
 // A ring of one-way calls in memory shared by a channel's two ends: the
 // calling thread writes frames, the owner's channel thread reads them, and
 // neither makes a system call while the other keeps up. The reader says when
-// it goes to sleep; the writer then rings the channel's socket once.
+// it goes to sleep; the writer then rings a doorbell once (an eventfd the
+// reader's threads wait on, edge-triggered, so that nobody has to read it).
 //
 // Each end treats the other as hostile: the writer seals the memory's size
 // before handing it over (so a shrink cannot fault either process), the
