@@ -28,8 +28,10 @@ constexpr uint64_t kAttention = 0;
 constexpr uint64_t kDoorbell = uint64_t{1} << 63;
 }  // namespace
 
-ChannelHub::ChannelHub()
-    : mEpoll(epoll_create1(EPOLL_CLOEXEC)), mAttentionEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+ChannelHub::ChannelHub(std::function<void(uint64_t)> drained)
+    : mDrained(std::move(drained)),
+      mEpoll(epoll_create1(EPOLL_CLOEXEC)),
+      mAttentionEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLONESHOT;
     event.data.u64 = kAttention;
@@ -77,13 +79,17 @@ void ChannelHub::open(uint64_t id, int fd, pid_t peerPid, uid_t peerUid, size_t 
 }
 
 void ChannelHub::close(uint64_t id) {
-    std::lock_guard<std::mutex> lock(mLock);
-    auto it = mChannels.find(id);
-    if (it == mChannels.end()) {
-        return;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        auto it = mChannels.find(id);
+        if (it != mChannels.end()) {
+            it->second->closing = true;
+            attend(*it->second);
+            return;
+        }
     }
-    it->second->closing = true;
-    attend(*it->second);
+    // Gone already (its caller's end closed first): nothing is left on it.
+    mDrained(id);
 }
 
 void ChannelHub::attend(Channel& channel) {
@@ -120,11 +126,18 @@ void ChannelHub::revoke(uint64_t id, uint32_t handle) {
 
 void ChannelHub::forget(uint64_t id) {
     std::shared_ptr<Channel> gone;
-    std::lock_guard<std::mutex> lock(mLock);
-    auto it = mChannels.find(id);
-    if (it != mChannels.end()) {
-        gone = std::move(it->second);  // destroyed once the lock is let go
-        mChannels.erase(it);
+    bool closed = false;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        auto it = mChannels.find(id);
+        if (it != mChannels.end()) {
+            gone = std::move(it->second);  // destroyed once the lock is let go
+            closed = gone->closing;
+            mChannels.erase(it);
+        }
+    }
+    if (closed) {
+        mDrained(id);
     }
 }
 
@@ -136,14 +149,17 @@ void ChannelHub::rearm(int fd, uint64_t id) {
 }
 
 void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel) {
-    bool open = serve(channel);
+    // What binderd said before this round takes effect once the round has
+    // taken in everything on the channel, which includes every call made
+    // before binderd said it; what it says meanwhile waits for the next round.
     std::vector<uint32_t> revoked;
+    bool closing = false;
     {
         std::lock_guard<std::mutex> lock(mLock);
         revoked.swap(channel->revoked);
-        open = open && !channel->closing;
+        closing = channel->closing;
     }
-    // Every call on the channel before binderd withdrew these handles is in.
+    const bool open = serve(channel) && !closing;
     for (uint32_t handle : revoked) {
         channel->reach.erase(handle);
         IPCThreadState::self()->noteReachDropped(channel->id, handle);
@@ -154,7 +170,6 @@ void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel) {
     }
     std::lock_guard<std::mutex> lock(mLock);
     channel->held = false;
-    // What came while it was served is taken care of next round.
     if (!channel->revoked.empty() || channel->closing || channel->rung) {
         channel->rung = false;
         attend(*channel);

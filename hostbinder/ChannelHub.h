@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -27,7 +28,8 @@ namespace android {
 // never the caller's say. The caller's pid and uid are binderd's too.
 class ChannelHub {
 public:
-    ChannelHub();
+    // `drained` tells binderd that a channel it closed has nothing left on it.
+    explicit ChannelHub(std::function<void(uint64_t)> drained);
     ~ChannelHub();
     ChannelHub(const ChannelHub&) = delete;
     ChannelHub& operator=(const ChannelHub&) = delete;
@@ -90,6 +92,7 @@ private:
     void attend(Channel& channel);
     void forget(uint64_t id);
 
+    const std::function<void(uint64_t)> mDrained;
     const int mEpoll;
     // Wakes a thread to serve the channels in mAttention: a withdrawal for a
     // channel nobody holds must not wait for the channel's next call.

@@ -33,7 +33,10 @@ sp<ProcessState> ProcessState::self() {
 sp<ProcessState> ProcessState::selfOrNull() { return self(); }
 
 ProcessState::ProcessState()
-    : mChannels(std::make_unique<ChannelHub>()), mOnewayChannels(std::make_unique<OnewayChannels>()) {
+    : mChannels(std::make_unique<ChannelHub>([this](uint64_t channel) {
+          sendControl(hostbinder::kChannelDrained, &channel, sizeof(channel));
+      })),
+      mOnewayChannels(std::make_unique<OnewayChannels>()) {
     const char* direct = std::getenv("HOSTBINDER_DIRECT");
     mDirectCalls = direct == nullptr || std::strcmp(direct, "0") != 0;
 }

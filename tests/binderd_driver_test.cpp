@@ -1177,3 +1177,17 @@ TEST_F(DriverChannels, EndWithTheirThreadOrProcessAndTheLivingEndHearsFirst) {
     EXPECT_EQ(payloadAs<uint64_t>(outbox.sent[closed]), oneway);
     EXPECT_LT(closed, firstFrom(before, kClientControl, kDeadBinder));
 }
+
+TEST_F(DriverChannels, ACallersOneWayCallsStillReachTheirObjectAfterItsProcessEnds) {
+    const uint64_t oneway = open(handle, kOneWayChannel);
+    // The client's calls are on the channel; then its process ends.
+    driver.onDisconnect(kClientThread);
+    driver.onDisconnect(kClientControl);
+    EXPECT_EQ(payloadAs<uint64_t>(sent(kServiceControl, kChannelClosed)), oneway);
+    // Until the owner says it took in all that was on the channel, the
+    // client's handles still name its object there, and nothing else.
+    EXPECT_EQ(resolve(oneway, handle), reinterpret_cast<uint64_t>(object.get()));
+    EXPECT_EQ(resolve(oneway, handle + 1), 0u);
+    ASSERT_TRUE(feed(kServiceControl, kChannelDrained, bytesOf(oneway)));
+    EXPECT_EQ(resolve(oneway, handle), 0u);
+}

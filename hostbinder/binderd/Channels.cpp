@@ -92,7 +92,13 @@ bool Driver::onChannelFrame(Thread& thread, const Frame& frame) {
 
 Channel* Driver::ownedChannel(const Thread& thread, uint64_t id) {
     auto it = mChannels.find(id);
-    return it != mChannels.end() && it->second->owner == thread.process ? it->second.get() : nullptr;
+    if (it == mChannels.end()) {
+        it = mDrainingChannels.find(id);
+        if (it == mDrainingChannels.end()) {
+            return nullptr;
+        }
+    }
+    return it->second->owner == thread.process ? it->second.get() : nullptr;
 }
 
 Channel* Driver::onewayChannelOf(const Thread& thread, uint64_t id) {
@@ -245,12 +251,12 @@ void Driver::resolveReach(Thread& thread, const ChannelReach& request) {
     Channel* channel = ownedChannel(thread, request.channel);
     status_t status = FAILED_TRANSACTION;
     if (channel != nullptr) {
-        const Process& holder = *channel->holder;
-        auto ref = holder.handles.find(request.handle);
         auto known = channel->reach.find(request.handle);
-        const std::shared_ptr<Node>* found = known != channel->reach.end() ? &known->second
-                                             : ref != holder.handles.end() ? &ref->second.node
-                                                                           : nullptr;
+        const std::shared_ptr<Node>* found = known != channel->reach.end() ? &known->second : nullptr;
+        if (found == nullptr && channel->holder != nullptr) {
+            auto ref = channel->holder->handles.find(request.handle);
+            found = ref != channel->holder->handles.end() ? &ref->second.node : nullptr;
+        }
         const bool fits = known != channel->reach.end() || channel->reach.size() < kMaxReachPerChannel;
         if (found != nullptr && (*found)->owner == thread.process && fits) {
             const std::shared_ptr<Node> node = *found;
@@ -272,7 +278,8 @@ void Driver::resolveReach(Thread& thread, const ChannelReach& request) {
 }
 
 bool Driver::channelReply(Thread& thread, const TransactionView& view) {
-    Channel* channel = ownedChannel(thread, view.header.target);
+    auto open = mChannels.find(view.header.target);
+    Channel* channel = open != mChannels.end() && open->second->owner == thread.process ? open->second.get() : nullptr;
     if (channel == nullptr || channel->caller == nullptr) {
         if (objectsValid(*thread.process, *thread.process, view)) {
             returnSendRefs(*thread.process, view);
@@ -406,21 +413,18 @@ void Driver::closeChannel(uint64_t id, bool ownerDying) {
         holder.onewayChannels.erase(&owner);
     }
     --holder.channels;
-    --owner.channels;
     --mChannelsOfUid[holder.uid];
-    --mChannelsOfUid[owner.uid];
-    // The end that lives on hears of it: the owner closes its end; a holder
-    // of a one-way channel whose owner died stops using it, told ahead of any
-    // death notice on the same connection.
+    // The end that lives on hears of it: the owner takes in what is on the
+    // channel and closes its end; a holder of a one-way channel whose owner
+    // died stops using it, told ahead of any death notice on the same
+    // connection.
     if (!ownerDying) {
         mOutbox.send(owner.control, kChannelClosed, &id, sizeof(id));
     } else if (channel->oneway) {
         mOutbox.send(holder.control, kChannelClosed, &id, sizeof(id));
     }
     giveBackCredit(*channel, channel->granted - channel->finished);
-    for (auto& entry : channel->reach) {
-        dropNodeRef(entry.second);
-    }
+    channel->granted = channel->finished;
     // Calls accepted from the holder still reach a living owner, in order.
     for (auto& waiting : channel->held) {
         const std::shared_ptr<Transaction>& transaction = waiting.second;
@@ -436,6 +440,38 @@ void Driver::closeChannel(uint64_t id, bool ownerDying) {
         transaction->transit.clear();
         dropNodeRef(transaction->target);
     }
+    channel->held.clear();
+    if (!ownerDying && channel->oneway) {
+        // One-way calls may still be on their way to the owner: whatever the
+        // holder's handles name there stays reachable until it took them in.
+        for (const auto& [handle, ref] : holder.handles) {
+            if (ref.node->owner == &owner && channel->reach.emplace(handle, ref.node).second) {
+                takeNodeRef(*ref.node);
+            }
+        }
+        channel->holder = nullptr;
+        mDrainingChannels.emplace(id, std::move(channel));
+        return;
+    }
+    --owner.channels;
+    --mChannelsOfUid[owner.uid];
+    for (auto& entry : channel->reach) {
+        dropNodeRef(entry.second);
+    }
+}
+
+void Driver::drainedChannel(const Process& owner, uint64_t id) {
+    auto it = mDrainingChannels.find(id);
+    if (it == mDrainingChannels.end() || it->second->owner != &owner) {
+        return;
+    }
+    std::unique_ptr<Channel> channel = std::move(it->second);
+    mDrainingChannels.erase(it);
+    --channel->owner->channels;
+    --mChannelsOfUid[channel->owner->uid];
+    for (auto& entry : channel->reach) {
+        dropNodeRef(entry.second);
+    }
 }
 
 void Driver::closeChannelsOf(const Process& process) {
@@ -447,6 +483,15 @@ void Driver::closeChannelsOf(const Process& process) {
     }
     for (const auto& [id, ownerDying] : ending) {
         closeChannel(id, ownerDying);
+    }
+    std::vector<uint64_t> draining;
+    for (const auto& entry : mDrainingChannels) {
+        if (entry.second->owner == &process) {
+            draining.push_back(entry.first);
+        }
+    }
+    for (uint64_t id : draining) {
+        drainedChannel(process, id);
     }
 }
 

@@ -132,6 +132,14 @@ bool Driver::onControlFrame(Process& process, const Frame& frame) {
             return parseFixed(frame, &request) && requestDeath(process, request.handle);
         case kClearDeath:
             return parseFixed(frame, &request) && clearDeath(process, request.handle);
+        case kChannelDrained: {
+            uint64_t id = 0;
+            if (!parseFixed(frame, &id)) {
+                return false;
+            }
+            drainedChannel(process, id);
+            return true;
+        }
         case kSetMaxThreads: {
             uint32_t count = 0;
             if (!parseFixed(frame, &count)) {

@@ -203,6 +203,8 @@ private:
     void revokeReach(Process& holder, const std::shared_ptr<Node>& node, uint32_t handle);
     Channel* channel(uint64_t id);
     void closeChannel(uint64_t id, bool ownerDying);
+    // A closed one-way channel whose owner took in all its calls.
+    void drainedChannel(const Process& owner, uint64_t id);
     // Every channel the process holds or owns.
     void closeChannelsOf(const Process& process);
     void broadcastWatchState();
@@ -264,6 +266,9 @@ private:
     TrafficReport mTraffic;
     uint64_t mLastTransactionId = 0;
     std::map<uint64_t, std::unique_ptr<Channel>> mChannels;
+    // Closed one-way channels whose owner has not taken in all their calls
+    // yet: only what they may reach is kept, with the owner.
+    std::map<uint64_t, std::unique_ptr<Channel>> mDrainingChannels;
     std::map<uid_t, size_t> mChannelsOfUid;
     uint64_t mLastChannelId = 0;
 };

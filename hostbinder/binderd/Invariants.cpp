@@ -146,6 +146,14 @@ std::string Driver::checkInvariants() const {
         amounts[kBufferBytes] += channel->granted - channel->finished;
         amounts[kOnewayBytes] += channel->granted - channel->finished;
     }
+    for (const auto& [id, channel] : mDrainingChannels) {
+        findings.expect(channel->holder == nullptr && channel->held.empty() && channel->granted == channel->finished,
+                        "draining channel ", id, " still has a holder, calls or credit");
+        ++channelEnds[channel->owner];
+        for (const auto& entry : channel->reach) {
+            ++holds[entry.second.get()];
+        }
+    }
     for (const auto& [process, count] : channelEnds) {
         findings.expect(process->channels == count, "process ", process->pid, " counts ", process->channels,
                         " channels, not ", count);

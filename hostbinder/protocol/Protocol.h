@@ -47,7 +47,9 @@
 // withdraws that answer (kReachRevoked) but keeps the node until the owner
 // has taken in the calls already on the channel and says so (kReachDropped):
 // a call made before the release still reaches its object, as it would had
-// it been queued in binderd. What binderd must still see goes through it: calls that carry
+// it been queued in binderd. Likewise a one-way channel that binderd closes
+// (its caller's process ended) keeps what its calls may reach until the owner
+// has taken them all in (kChannelDrained). What binderd must still see goes through it: calls that carry
 // binder objects, every call while someone watches the traffic, a reply with
 // binder objects (kChannelReply, to the caller's connection), and a call back
 // along a chain that ran over a channel (kServingChannel names the channel
@@ -121,6 +123,7 @@ enum Command : uint32_t {
     kChannelReply,       // ChannelReplyHeader + TransactionHeader (status) + data + offsets
     kChannelFence,       // ChannelProgress: the next one-way call waits until the owner finished this much
     kReachDropped,       // ChannelReach: the owner took in every call before a withdrawal and forgot the handle
+    kChannelDrained,     // u64 channel, control connection: the owner took in every call of a closed channel
     // binderd -> process
     kWelcome = 100,         // HelloThread (the session token) to a process; empty to a thread
     kIncomingTransaction,   // TransactionHeader (target = cookie) + data + offsets
