@@ -37,7 +37,8 @@ constexpr size_t kClients = 8;
 constexpr uint32_t kCommands[] = {kHelloProcess,  kHelloThread,   kEnterLooper,   kTransaction,   kReply,
                                   kOnewayDone,    kReleaseHandle, kRequestDeath,  kClearDeath,    kSetMaxThreads,
                                   kOnewayCredited, kOpenChannel,  kChannelCredit, kChannelDone,   kResolveReach,
-                                  kServingChannel, kChannelReply, kChannelFence,  kReachDropped};
+                                  kServingChannel, kChannelReply, kChannelFence,  kReachDropped,  kChannelDrained,
+                                  kReturnCredit};
 
 sockaddr_un listeningAddress() {
     sockaddr_un address{};

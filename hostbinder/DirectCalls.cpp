@@ -329,8 +329,13 @@ bool IPCThreadState::fenceRelayedOneway(int32_t handle) {
         channel->credit = 0;
     }
     ++channel->relayedSent;
+    // On the control connection, ahead of the call whichever way it goes.
     const hostbinder::ChannelProgress fence{channel->id, channel->sentCharge};
-    mConnection->post(hostbinder::kChannelFence, &fence, sizeof(fence));
+    uint64_t generation = 0;
+    const std::shared_ptr<hostbinder::Connection> control = mProcess->control(&generation);
+    if (control != nullptr && generation == mGeneration) {
+        control->send(hostbinder::kChannelFence, &fence, sizeof(fence));
+    }
     return true;
 }
 

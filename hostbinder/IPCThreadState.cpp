@@ -11,6 +11,7 @@
 
 #include "ChannelHub.h"
 #include "OnewayChannels.h"
+#include "OnewayCredits.h"
 #include "OutgoingChannel.h"
 #include "protocol/Connection.h"
 
@@ -142,7 +143,6 @@ bool IPCThreadState::connect() {
         return true;
     }
     mConnection.reset();
-    mCredit = OnewayCredit{};
     mOnewayAhead.clear();
     // A thread's first connection keeps what it noted for this session; a
     // new session after a lost one starts afresh.
@@ -222,15 +222,11 @@ status_t IPCThreadState::transactThroughBinderd(int32_t handle, uint32_t code, c
     if (!mChannelDone.empty() || !mReachDropped.empty()) {
         postChannelDone();
     }
-    if (oneway && paidFromCredit(handle, data)) {
-        if (!mConnection->sendTransaction(hostbinder::kOnewayCredited, header, data.data(), nullptr)) {
-            connectionLost();
-            return DEAD_OBJECT;
-        }
+    if (oneway && paidFromCredit(header, data)) {
+        // The call went on the control connection; what was posted here goes now.
+        mConnection->flush();
         return OK;
     }
-    // binderd ends the credit when it reads this transaction.
-    mCredit = OnewayCredit{};
     const std::vector<BBinder*> sentNodes = localBindersIn(data);
     mProcess->noteSendRefs(sentNodes);
     if (!mConnection->sendTransaction(hostbinder::kTransaction, header, data.data(), data.objects())) {
@@ -238,7 +234,11 @@ status_t IPCThreadState::transactThroughBinderd(int32_t handle, uint32_t code, c
         return DEAD_OBJECT;
     }
     Parcel unusedReply;
-    const status_t status = waitForResponse(reply != nullptr ? reply : &unusedReply);
+    hostbinder::OnewayAccepted accepted{};
+    const status_t status = waitForResponse(reply != nullptr ? reply : &unusedReply, oneway ? &accepted : nullptr);
+    if (oneway && status == OK) {
+        mProcess->onewayCredits().accepted(mGeneration, handle, accepted);
+    }
     if (status == hostbinder::kRefusedMarker) {
         for (BBinder* node : sentNodes) {
             mProcess->dropNodeRef(node);
@@ -248,24 +248,19 @@ status_t IPCThreadState::transactThroughBinderd(int32_t handle, uint32_t code, c
         }
         return mRefusedStatus;
     }
-    if (oneway && mCredit.bytes > 0) {
-        mCredit.handle = handle;
-    }
     return status;
 }
 
-bool IPCThreadState::paidFromCredit(int32_t handle, const Parcel& data) {
-    // Spent as binderd counts the call in the receiver's buffer.
-    const size_t charge = hostbinder::bufferCharge(data.dataSize(), 0, true);
-    if (handle != mCredit.handle || data.objectsCount() != 0 || charge > mCredit.bytes ||
-        mProcess->creditRevocations() > mCredit.revocations) {
-        return false;
-    }
-    mCredit.bytes -= charge;
-    return true;
+bool IPCThreadState::paidFromCredit(const TransactionHeader& header, const Parcel& data) {
+    uint64_t generation = 0;
+    const std::shared_ptr<hostbinder::Connection> control = mProcess->control(&generation);
+    // The thread's connection must belong to the same session.
+    return control != nullptr && generation == mGeneration &&
+           mProcess->onewayCredits().sendPaid(*control, generation, static_cast<int32_t>(header.target), header,
+                                              data.data());
 }
 
-status_t IPCThreadState::waitForResponse(Parcel* reply) {
+status_t IPCThreadState::waitForResponse(Parcel* reply, hostbinder::OnewayAccepted* accepted) {
     // A call served while waiting may lose the connection, or make a new
     // one: either way this call's reply can no longer come.
     const uint64_t serial = mConnectionSerial;
@@ -275,10 +270,8 @@ status_t IPCThreadState::waitForResponse(Parcel* reply) {
         const hostbinder::Frame frame{command, payload.data(), static_cast<uint32_t>(payload.size())};
         switch (command) {
             case hostbinder::kTransactionComplete: {
-                hostbinder::OnewayAccepted accepted{};
-                if (hostbinder::parseFixed(frame, &accepted)) {
-                    mCredit.bytes = accepted.creditBytes;
-                    mCredit.revocations = accepted.revocations;
+                if (accepted != nullptr && !hostbinder::parseFixed(frame, accepted)) {
+                    *accepted = hostbinder::OnewayAccepted{};
                 }
                 return OK;
             }

@@ -10,6 +10,7 @@
 
 #include "ChannelHub.h"
 #include "OnewayChannels.h"
+#include "OnewayCredits.h"
 #include "protocol/Connection.h"
 
 namespace android {
@@ -36,7 +37,8 @@ ProcessState::ProcessState()
     : mChannels(std::make_unique<ChannelHub>([this](uint64_t channel) {
           sendControl(hostbinder::kChannelDrained, &channel, sizeof(channel));
       })),
-      mOnewayChannels(std::make_unique<OnewayChannels>()) {
+      mOnewayChannels(std::make_unique<OnewayChannels>()),
+      mOnewayCredits(std::make_unique<OnewayCredits>()) {
     const char* direct = std::getenv("HOSTBINDER_DIRECT");
     mDirectCalls = direct == nullptr || std::strcmp(direct, "0") != 0;
 }
@@ -69,7 +71,6 @@ bool ProcessState::connectLocked() {
     mToken = welcome.token;
     const uint64_t generation = ++mGeneration;
     mSpawnedThreads = 0;
-    mCreditRevocations = 0;
     std::thread(&ProcessState::controlLoop, this, control, generation).detach();
     return true;
 }
@@ -166,6 +167,9 @@ sp<IBinder> ProcessState::takeDeliveredHandle(int32_t handle) {
 
 void ProcessState::expungeHandle(int32_t handle, IBinder* binder) {
     hostbinder::HandleCount release{static_cast<uint32_t>(handle), 0};
+    // The session the handle belongs to.
+    std::shared_ptr<Connection> control;
+    uint64_t generation = 0;
     {
         std::lock_guard<std::mutex> lock(mLock);
         auto it = mHandles.find(handle);
@@ -175,9 +179,15 @@ void ProcessState::expungeHandle(int32_t handle, IBinder* binder) {
         }
         release.count = it->second.deliveries;
         mHandles.erase(it);
+        control = mControl;
+        generation = mGeneration;
     }
-    if (release.count > 0) {
-        sendControl(hostbinder::kReleaseHandle, &release, sizeof(release));
+    if (control != nullptr) {
+        // Credit for the handle goes back first, after the calls paid from it.
+        mOnewayCredits->giveBack(*control, generation, handle);
+        if (release.count > 0) {
+            control->send(hostbinder::kReleaseHandle, &release, sizeof(release));
+        }
     }
 }
 
@@ -213,7 +223,13 @@ status_t ProcessState::clearDeathNotification(int32_t handle) {
     return sendControl(hostbinder::kClearDeath, &request, sizeof(request));
 }
 
-uint64_t ProcessState::creditRevocations() const { return mCreditRevocations; }
+std::shared_ptr<Connection> ProcessState::control(uint64_t* generation) const {
+    std::lock_guard<std::mutex> lock(mLock);
+    *generation = mGeneration;
+    return mControl;
+}
+
+OnewayCredits& ProcessState::onewayCredits() { return *mOnewayCredits; }
 
 ChannelHub& ProcessState::channels() { return *mChannels; }
 
@@ -229,11 +245,8 @@ void ProcessState::noteConnectionError(const std::string& error) {
 }
 
 status_t ProcessState::sendControl(uint32_t command, const void* payload, size_t size) {
-    std::shared_ptr<Connection> control;
-    {
-        std::lock_guard<std::mutex> lock(mLock);
-        control = mControl;
-    }
+    uint64_t generation = 0;
+    const std::shared_ptr<Connection> control = this->control(&generation);
     if (control == nullptr || !control->send(command, payload, size)) {
         return DEAD_OBJECT;
     }
@@ -253,9 +266,7 @@ void ProcessState::controlLoop(std::shared_ptr<Connection> control, uint64_t gen
         } else if (command == hostbinder::kCreditRevoked && payload.size() == sizeof(uint64_t)) {
             uint64_t revocations = 0;
             std::memcpy(&revocations, payload.data(), sizeof(revocations));
-            if (generation == mGeneration) {
-                mCreditRevocations = revocations;
-            }
+            mOnewayCredits->revoked(generation, revocations);
         } else if (command == hostbinder::kChannelOpened) {
             hostbinder::ChannelOpened opened{};
             const int fd = control->takeDescriptor();

@@ -123,6 +123,18 @@ protected:
 
     // The handle of the first object a delivered transaction or reply
     // carries, and its stability level; 0 when it carries none.
+    // A transaction or reply whose parcel names `handle` of its sender, as a
+    // proxy writes it.
+    static std::vector<uint8_t> naming(uint32_t handle, uint64_t target = 0, uint32_t code = 0) {
+        Parcel parcel;
+        flat_binder_object object{};
+        object.hdr.type = BINDER_TYPE_HANDLE;
+        object.handle = handle;
+        parcel.write(&object, sizeof(object));
+        parcel.appendObject(0);
+        return transactionPayload(target, code, 0, parcel);
+    }
+
     static uint32_t handleIn(const Sent& frame, int32_t* stability = nullptr) {
         const TransactionView view = viewOf(frame);
         if (view.header.offsetsCount == 0) {
@@ -189,14 +201,19 @@ protected:
         return codes;
     }
 
+    template <typename T>
+    static T payloadAs(const Sent& frame) {
+        T value{};
+        EXPECT_EQ(frame.payload.size(), sizeof(value));
+        std::memcpy(&value, frame.payload.data(), std::min(sizeof(value), frame.payload.size()));
+        return value;
+    }
+
     // A sync one-way call that earns credit for the next ones.
     void earnCredit() {
         ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(1)));
-        OnewayAccepted accepted{};
-        const Sent& complete = sent(kClientThread, kTransactionComplete);
-        ASSERT_EQ(complete.payload.size(), sizeof(accepted));
-        std::memcpy(&accepted, complete.payload.data(), sizeof(accepted));
-        ASSERT_EQ(accepted.creditBytes, kOnewayCreditBytes);
+        ASSERT_EQ(payloadAs<OnewayAccepted>(sent(kClientThread, kTransactionComplete)).creditBytes,
+                  kOnewayCreditBytes);
     }
 
     // Another thread of the client process, on connection `id`.
@@ -260,17 +277,29 @@ protected:
 
     // binderd's answer to a call of `size` bytes from `thread`: 0 when it
     // went to the service (or `target`), else the refusal's status.
+    // A call by a thread of the client process. Before a one-way call that
+    // waits, the process gives back its credit for the handle, as clients do.
     int32_t call(ConnectionId thread, size_t size, uint32_t flags, uint32_t target = 0) {
+        target = target == 0 ? handle : target;
+        uint32_t& credit = clientCredit[target];
+        if ((flags & kFlagOneway) != 0 && credit > 0) {
+            EXPECT_TRUE(feed(kClientControl, kReturnCredit, bytesOf(CreditReturn{target, credit})));
+            credit = 0;
+        }
         const size_t before = outbox.sent.size();
         Parcel data;
         const std::vector<uint8_t> bytes(size, 7);
         data.write(bytes.data(), bytes.size());
-        EXPECT_TRUE(feed(thread, kTransaction, transactionPayload(target == 0 ? handle : target, 1, flags, data)));
+        EXPECT_TRUE(feed(thread, kTransaction, transactionPayload(target, 1, flags, data)));
         for (size_t i = before; i < outbox.sent.size(); ++i) {
-            if (outbox.sent[i].to == thread && outbox.sent[i].command == kRefused) {
-                int32_t status = 0;
-                std::memcpy(&status, outbox.sent[i].payload.data(), sizeof(status));
-                return status;
+            if (outbox.sent[i].to != thread) {
+                continue;
+            }
+            if (outbox.sent[i].command == kRefused) {
+                return payloadAs<int32_t>(outbox.sent[i]);
+            }
+            if (outbox.sent[i].command == kTransactionComplete) {
+                credit += payloadAs<OnewayAccepted>(outbox.sent[i]).creditBytes;
             }
         }
         return 0;
@@ -300,46 +329,72 @@ protected:
     android::binderd::Driver driver{outbox, false};
     sp<BBinder> object = new BBinder();
     uint32_t handle = 0;
+    // The client process's one-way credit, by handle, as call() keeps it.
+    std::map<uint32_t, uint32_t> clientCredit;
 };
 
-TEST_F(DriverFrames, CallsPaidFromCreditGoAheadOfTheReleaseOfTheirHandle) {
+TEST_F(DriverFrames, CallsPaidFromCreditKeepTheirPlaceBeforeWaitedCallsAndTheRelease) {
     earnCredit();
-    // Written by the thread before another thread released the last proxy,
-    // but the release is read first.
-    outbox.unread[kClientThread].push_back({kOnewayCredited, oneway(2)});
-    outbox.unread[kClientThread].push_back({kOnewayCredited, oneway(3)});
+    // Paid from credit on the control connection by one thread, then a call
+    // that waits sent by another: binderd reads the control connection first.
+    outbox.unread[kClientControl].push_back({kOnewayCredited, oneway(2)});
+    outbox.unread[kClientControl].push_back({kOnewayCredited, oneway(3)});
+    ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(4)));
+    EXPECT_TRUE(outbox.unread[kClientControl].empty());
+    EXPECT_EQ(deliveredCodes(), (std::vector<uint32_t>{1, 2, 3, 4}));
+    // The credit ends with the handle: a credited call after the release is dropped.
     ASSERT_TRUE(feed(kClientControl, kReleaseHandle, bytesOf(HandleCount{handle, 1})));
-    EXPECT_TRUE(outbox.unread[kClientThread].empty());
-    // The first call is running; the next two were sent ahead, in order.
-    EXPECT_EQ(deliveredCodes(), (std::vector<uint32_t>{1, 2, 3}));
-    // The credit ended with the handle: a further credited call is dropped.
-    EXPECT_TRUE(feed(kClientThread, kOnewayCredited, oneway(4)));
-    EXPECT_EQ(deliveredCodes().size(), 3u);
+    EXPECT_TRUE(feed(kClientControl, kOnewayCredited, oneway(5)));
+    EXPECT_EQ(deliveredCodes().size(), 4u);
 }
 
-TEST_F(DriverFrames, CallsPaidFromCreditOfAProcessThatEndedAreStillDelivered) {
+TEST_F(DriverFrames, AReplyNamingAHandleComesBeforeTheReleaseThatFollowedIt) {
+    const sp<BBinder> clientObject = new BBinder();
+    ASSERT_TRUE(callWith(kClientThread, handle, 1, clientObject));
+    const uint32_t clientHandle = handleIn(sent(kServiceLooper, kIncomingTransaction));
+    // The looper's reply held the handle until it was written; the release
+    // that followed on the control connection is read first.
+    outbox.unread[kServiceLooper].push_back({kReply, naming(clientHandle)});
+    const size_t replies = framesTo(kClientThread, kIncomingReply);
+    ASSERT_TRUE(feed(kServiceControl, kReleaseHandle, bytesOf(HandleCount{clientHandle, 1})));
+    ASSERT_EQ(framesTo(kClientThread, kIncomingReply), replies + 1);
+    const TransactionView reply = viewOf(sent(kClientThread, kIncomingReply));
+    EXPECT_EQ(reply.header.status, OK);
+    EXPECT_EQ(reply.header.offsetsCount, 1u);
+}
+
+TEST_F(DriverFrames, AWaitedCallOfAProcessThatEndedIsStillDelivered) {
     earnCredit();
-    outbox.unread[kClientThread].push_back({kOnewayCredited, oneway(2)});
+    outbox.unread[kClientThread].push_back({kTransaction, oneway(2)});
     driver.onDisconnect(kClientControl);
     EXPECT_EQ(deliveredCodes(), (std::vector<uint32_t>{1, 2}));
+}
+
+TEST_F(DriverFrames, CreditIsToppedUpToOneStepAndGivenBackByTheByte) {
+    earnCredit();
+    const size_t charge = bufferCharge(0, 0, true);
+    ASSERT_TRUE(feed(kClientControl, kOnewayCredited, oneway(2)));
+    ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(3)));
+    EXPECT_EQ(payloadAs<OnewayAccepted>(outbox.sent.back()).creditBytes, charge);
+    // Giving back more than is held breaks the protocol; all of it ends the credit.
+    EXPECT_FALSE(feed(kClientControl, kReturnCredit,
+                      bytesOf(CreditReturn{handle, static_cast<uint32_t>(kOnewayCreditBytes + 1)})));
+    ASSERT_TRUE(feed(kClientControl, kReturnCredit, bytesOf(CreditReturn{handle, static_cast<uint32_t>(kOnewayCreditBytes)})));
+    EXPECT_TRUE(feed(kClientControl, kOnewayCredited, oneway(4)));
+    EXPECT_EQ(deliveredCodes(), (std::vector<uint32_t>{1, 2, 3}));
+    ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(5)));
+    EXPECT_EQ(payloadAs<OnewayAccepted>(outbox.sent.back()).creditBytes, kOnewayCreditBytes);
 }
 
 TEST_F(DriverFrames, CreditIsVoidedAndRevokedWhenTheReceiverDies) {
     earnCredit();
     driver.onDisconnect(kServiceControl);
-    const Sent& revoked = sent(kClientControl, kCreditRevoked);
-    uint64_t revocations = 0;
-    ASSERT_EQ(revoked.payload.size(), sizeof(revocations));
-    std::memcpy(&revocations, revoked.payload.data(), sizeof(revocations));
-    EXPECT_EQ(revocations, 1u);
-    // A call the thread sent before it heard is lost with the receiver.
-    EXPECT_TRUE(feed(kClientThread, kOnewayCredited, oneway(2)));
+    EXPECT_EQ(payloadAs<uint64_t>(sent(kClientControl, kCreditRevoked)), 1u);
+    // What the process sent before it heard is lost with the receiver.
+    EXPECT_TRUE(feed(kClientControl, kOnewayCredited, oneway(2)));
+    EXPECT_TRUE(feed(kClientControl, kReturnCredit, bytesOf(CreditReturn{handle, 1000})));
     ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(3)));
-    int32_t status = 0;
-    const Sent& refused = sent(kClientThread, kRefused);
-    ASSERT_EQ(refused.payload.size(), sizeof(status));
-    std::memcpy(&status, refused.payload.data(), sizeof(status));
-    EXPECT_EQ(status, DEAD_OBJECT);
+    EXPECT_EQ(payloadAs<int32_t>(sent(kClientThread, kRefused)), DEAD_OBJECT);
 }
 
 TEST_F(DriverFrames, CreditedCallsBeyondTheCreditOrCarryingObjectsBreakTheProtocol) {
@@ -347,13 +402,13 @@ TEST_F(DriverFrames, CreditedCallsBeyondTheCreditOrCarryingObjectsBreakTheProtoc
     Parcel tooLarge;
     const std::vector<uint8_t> bytes(kOnewayCreditBytes + 4, 1);
     tooLarge.write(bytes.data(), bytes.size());
-    EXPECT_FALSE(feed(kClientThread, kOnewayCredited, transactionPayload(handle, 5, kFlagOneway, tooLarge)));
+    EXPECT_FALSE(feed(kClientControl, kOnewayCredited, transactionPayload(handle, 5, kFlagOneway, tooLarge)));
 
     Parcel withObject;
     withObject.writeStrongBinder(object);
-    EXPECT_FALSE(feed(kClientThread, kOnewayCredited, transactionPayload(handle, 5, kFlagOneway, withObject)));
-
-    EXPECT_FALSE(feed(kClientThread, kOnewayCredited, transactionPayload(handle + 1, 5, kFlagOneway, Parcel())));
+    EXPECT_FALSE(feed(kClientControl, kOnewayCredited, transactionPayload(handle, 5, kFlagOneway, withObject)));
+    // A handle without credit: the call is dropped, as one voided would be.
+    EXPECT_TRUE(feed(kClientControl, kOnewayCredited, transactionPayload(handle + 1, 5, kFlagOneway, Parcel())));
     EXPECT_EQ(deliveredCodes(), (std::vector<uint32_t>{1}));
 }
 
@@ -985,14 +1040,6 @@ protected:
         return 0;
     }
 
-    template <typename T>
-    static T payloadAs(const Sent& frame) {
-        T value{};
-        EXPECT_EQ(frame.payload.size(), sizeof(value));
-        std::memcpy(&value, frame.payload.data(), std::min(sizeof(value), frame.payload.size()));
-        return value;
-    }
-
     // What binderd answers the service's question about the client's handle.
     uint64_t resolve(uint64_t channel, uint32_t target) {
         const size_t before = outbox.sent.size();
@@ -1082,7 +1129,7 @@ TEST_F(DriverChannels, RelayedOneWayCallsWaitBehindDirectOnesAndTheCallerHearsWh
     ASSERT_GE(granted, 1000u);
     // 600 units went straight to the owner; the next call goes through
     // binderd and waits until the owner finished those.
-    ASSERT_TRUE(feed(kClientThread, kChannelFence, bytesOf(ChannelProgress{channel, 600})));
+    ASSERT_TRUE(feed(kClientControl, kChannelFence, bytesOf(ChannelProgress{channel, 600})));
     ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(7)));
     EXPECT_EQ(sent(kClientThread, kTransactionComplete).command, kTransactionComplete);
     EXPECT_TRUE(deliveredCodes().empty());
@@ -1096,7 +1143,7 @@ TEST_F(DriverChannels, RelayedOneWayCallsWaitBehindDirectOnesAndTheCallerHearsWh
     ASSERT_TRUE(feed(kServiceLooper, kOnewayDone, {}));
     EXPECT_EQ(payloadAs<ChannelProgress>(sent(kClientControl, kChannelQuiet)).total, 1u);
     // A fence beyond the credit ever granted breaks the protocol.
-    EXPECT_FALSE(feed(kClientThread, kChannelFence, bytesOf(ChannelProgress{channel, granted + 1ull})));
+    EXPECT_FALSE(feed(kClientControl, kChannelFence, bytesOf(ChannelProgress{channel, granted + 1ull})));
 }
 
 TEST_F(DriverChannels, ChannelCreditFillsTheOwnersBufferToTheByte) {
@@ -1113,7 +1160,7 @@ TEST_F(DriverChannels, ChannelCreditFillsTheOwnersBufferToTheByte) {
     EXPECT_GT(total + 1000, kMaxQueuedOnewayBytes);
     EXPECT_LE(total, kMaxQueuedOnewayBytes);
     // Unspent credit comes back with a fence, and the room with it.
-    ASSERT_TRUE(feed(kClientThread, kChannelFence, bytesOf(ChannelProgress{channel, 0})));
+    ASSERT_TRUE(feed(kClientControl, kChannelFence, bytesOf(ChannelProgress{channel, 0})));
     ASSERT_TRUE(feed(kClientThread, kChannelCredit, bytesOf(ChannelCredit{channel, 1000, 0})));
     EXPECT_EQ(outbox.sent.back().command, kCreditGranted);
 }
@@ -1143,13 +1190,7 @@ TEST_F(DriverChannels, ACallBackAlongAChainThatRanOverAChannelReachesTheWaitingC
     EXPECT_EQ(view.header.code, 5u);
     EXPECT_EQ(view.header.status, OK);
     EXPECT_NE(handleIn(sent(kClientThread, kIncomingChannelReply)), 0u);
-    Parcel forged;
-    flat_binder_object object{};
-    object.hdr.type = BINDER_TYPE_HANDLE;
-    object.handle = 4242;
-    forged.write(&object, sizeof(object));
-    forged.appendObject(0);
-    ASSERT_TRUE(feed(kServiceLooper, kChannelReply, transactionPayload(channel, 6, 0, forged)));
+    ASSERT_TRUE(feed(kServiceLooper, kChannelReply, naming(4242, channel, 6)));
     EXPECT_EQ(viewOf(sent(kClientThread, kIncomingChannelReply)).header.status, FAILED_TRANSACTION);
     // Another process cannot reply on the channel, nor continue its chain.
     startService(5, 300, "third");

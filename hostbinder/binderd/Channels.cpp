@@ -81,10 +81,6 @@ bool Driver::onChannelFrame(Thread& thread, const Frame& frame) {
             TransactionView view;
             return parseTransaction(frame, &view) && channelReply(thread, view);
         }
-        case kChannelFence: {
-            ChannelProgress progress;
-            return parseFixed(frame, &progress) && fenceOneway(thread, progress);
-        }
         default:
             return false;
     }
@@ -216,8 +212,11 @@ void Driver::giveBackCredit(Channel& channel, uint64_t bytes) {
     }
 }
 
-bool Driver::fenceOneway(Thread& thread, const ChannelProgress& progress) {
-    Channel* channel = onewayChannelOf(thread, progress.channel);
+bool Driver::fenceOneway(Process& process, const ChannelProgress& progress) {
+    auto it = mChannels.find(progress.channel);
+    Channel* channel = it != mChannels.end() && it->second->oneway && it->second->holder == &process
+                           ? it->second.get()
+                           : nullptr;
     if (channel == nullptr) {
         return true;
     }

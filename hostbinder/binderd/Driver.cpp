@@ -126,12 +126,23 @@ bool Driver::onControlFrame(Process& process, const Frame& frame) {
             if (!parseFixed(frame, &request)) {
                 return false;
             }
-            settleCredits(process, request.handle);
             return releaseHandle(process, request.handle, request.count);
         case kRequestDeath:
             return parseFixed(frame, &request) && requestDeath(process, request.handle);
         case kClearDeath:
             return parseFixed(frame, &request) && clearDeath(process, request.handle);
+        case kOnewayCredited: {
+            TransactionView view;
+            return parseTransaction(frame, &view) && startCreditedOneway(process, view);
+        }
+        case kChannelFence: {
+            ChannelProgress progress;
+            return parseFixed(frame, &progress) && fenceOneway(process, progress);
+        }
+        case kReturnCredit: {
+            CreditReturn given;
+            return parseFixed(frame, &given) && returnCredit(process, given);
+        }
         case kChannelDrained: {
             uint64_t id = 0;
             if (!parseFixed(frame, &id)) {
@@ -158,11 +169,19 @@ bool Driver::onThreadFrame(Thread& thread, const Frame& frame) {
     TransactionView view;
     switch (frame.command) {
         case kTransaction:
-            return parseTransaction(frame, &view) && startTransaction(thread, view);
+            if (!parseTransaction(frame, &view)) {
+                return false;
+            }
+            if ((view.header.flags & kFlagOneway) != 0) {
+                // One-way calls its process paid from credit, or fences, sent
+                // before this one on the control connection come first: the
+                // drain hands their frames to the driver now (they cannot end
+                // this thread).
+                mOutbox.drain(thread.process->control);
+            }
+            return startTransaction(thread, view);
         case kReply:
             return parseTransaction(frame, &view) && finishReply(thread, view);
-        case kOnewayCredited:
-            return parseTransaction(frame, &view) && startCreditedOneway(thread, view);
         case kOnewayDone:
             return frame.payloadSize == 0 && finishOneway(thread);
         case kEnterLooper:
@@ -207,7 +226,6 @@ void Driver::threadGone(Thread& thread) {
         closeChannel(id, false);
     }
     releaseTransit(thread);
-    endCredit(thread);
     requeuePipeline(thread);
     for (OutgoingCall& outgoing : thread.awaiting) {
         outgoing.call->from = nullptr;
@@ -228,15 +246,7 @@ void Driver::threadGone(Thread& thread) {
     mThreads.erase(thread.connection);
 }
 
-void Driver::processDied(Process& process) {
-    if (mVerbose) {
-        __android_log_print(ANDROID_LOG_INFO, kTag, "process %d left", process.pid);
-    }
-    // What its threads sent before the end still counts, one-way calls above
-    // all. Draining hands their frames to this driver now, re-entrantly: a
-    // drained frame may end one of these threads (so they are named by
-    // connection, not held), but never the process, whose control connection
-    // is already gone.
+void Driver::drainThreads(const Process& process) {
     std::vector<ConnectionId> connections;
     for (const Thread* thread : process.threads) {
         connections.push_back(thread->connection);
@@ -244,6 +254,14 @@ void Driver::processDied(Process& process) {
     for (ConnectionId id : connections) {
         mOutbox.drain(id);
     }
+}
+
+void Driver::processDied(Process& process) {
+    if (mVerbose) {
+        __android_log_print(ANDROID_LOG_INFO, kTag, "process %d left", process.pid);
+    }
+    // What its threads sent before the end still counts, one-way calls above all.
+    drainThreads(process);
     revokeCreditsOn(process);
     closeChannelsOf(process);
     const std::vector<Thread*> threads = process.threads;

@@ -75,6 +75,11 @@ private:
     bool onThreadFrame(Thread& thread, const hostbinder::Frame& frame);
     void processDied(Process& process);
     void threadGone(Thread& thread);
+    // Takes in what the process's threads wrote so far. Draining hands their
+    // frames to this driver now, re-entrantly: a drained frame may end one of
+    // these threads (so callers look threads up again by connection), never
+    // the process.
+    void drainThreads(const Process& process);
 
     // --- routing (Routing.cpp) ---
     bool startTransaction(Thread& thread, const hostbinder::TransactionView& view);
@@ -130,14 +135,11 @@ private:
     // Queues an accepted one-way call and tells the sender, granting credit
     // while the receiver's buffer has room to spare.
     void acceptOneway(Thread& sender, uint32_t handle, const std::shared_ptr<Transaction>& transaction);
-    bool startCreditedOneway(Thread& thread, const hostbinder::TransactionView& view);
-    void endCredit(Thread& thread);
-    // Before a handle goes, takes in the calls its credit paid for.
-    //
-    // It drains the holders' connections: the driver takes their frames
-    // before it goes on, so any state the caller held may have changed, and a
-    // thread may be gone; callers look things up again by id afterwards.
-    void settleCredits(Process& process, uint32_t handle);
+    // A one-way call paid from the process's credit, on its control connection.
+    bool startCreditedOneway(Process& process, const hostbinder::TransactionView& view);
+    bool returnCredit(Process& process, const hostbinder::CreditReturn& given);
+    // What is left of the process's credit for a handle it no longer holds.
+    void endCredit(Process& process, uint32_t handle);
     // Voids every credit for the dying process's nodes, telling the holders.
     void revokeCreditsOn(const Process& dying);
     void queueOneway(const std::shared_ptr<Transaction>& transaction);
@@ -180,7 +182,7 @@ private:
     bool onChannelFrame(Thread& thread, const hostbinder::Frame& frame);
     void openChannel(Thread& thread, uint32_t handle, bool oneway);
     void grantChannelCredit(Thread& thread, const hostbinder::ChannelCredit& request);
-    bool fenceOneway(Thread& thread, const hostbinder::ChannelProgress& progress);
+    bool fenceOneway(Process& process, const hostbinder::ChannelProgress& progress);
     // Credit reserved in the owner's buffer for the channel goes back.
     void giveBackCredit(Channel& channel, uint64_t bytes);
     bool channelDone(Thread& thread, const hostbinder::ChannelProgress& progress);

@@ -110,7 +110,7 @@ void Driver::reserveCredit(OnewayCredit& credit, size_t bytes) {
 }
 
 void Driver::releaseCredit(OnewayCredit& credit, size_t bytes) {
-    if (credit.node == nullptr || bytes == 0) {
+    if (bytes == 0) {
         return;
     }
     mLedger.give(credit.node->ownerHolder, kBufferBytes, bytes);

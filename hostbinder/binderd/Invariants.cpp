@@ -80,6 +80,13 @@ std::string Driver::checkInvariants() const {
         for (const auto& transaction : process->todo) {
             keep(transaction);
         }
+        for (const auto& [handle, credit] : process->credits) {
+            findings.expect(credit.node != nullptr, "process ", process->pid, ": credit for handle ", handle,
+                            " names no node");
+            Amounts& amounts = expected[credit.node->ownerHolder];
+            amounts[kBufferBytes] += credit.bytes;
+            amounts[kOnewayBytes] += credit.bytes;
+        }
     }
     for (const auto& entry : mThreads) {
         const Thread& thread = *entry.second;
@@ -104,11 +111,6 @@ std::string Driver::checkInvariants() const {
         }
         for (const auto& node : thread.transit) {
             ++holds[node.get()];
-        }
-        if (thread.credit.node != nullptr) {
-            Amounts& amounts = expected[thread.credit.node->ownerHolder];
-            amounts[kBufferBytes] += thread.credit.bytes;
-            amounts[kOnewayBytes] += thread.credit.bytes;
         }
     }
     for (const LookupWaiter& waiter : mLookupWaiters) {

@@ -7,80 +7,92 @@ namespace android::binderd {
 using namespace hostbinder;
 
 void Driver::acceptOneway(Thread& sender, uint32_t handle, const std::shared_ptr<Transaction>& transaction) {
+    Process& process = *sender.process;
     Process& receiver = *transaction->target->owner;
-    if (const Channel* channel = onewayChannelTo(*sender.process, receiver)) {
+    if (const Channel* channel = onewayChannelTo(process, receiver)) {
         transaction->channel = channel->id;
     }
     queueOneway(transaction);
-    OnewayAccepted accepted{0, 0, sender.process->revocations};
-    // Credit never makes anyone give way.
-    if (mLedger.held(receiver.holder(), kOnewayBytes) + kOnewayCreditBytes <= kCreditGrantCeiling &&
-        fits(receiver, kBufferBytes, kOnewayCreditBytes) && fits(receiver, kOnewayBytes, kOnewayCreditBytes)) {
-        sender.credit = OnewayCredit{transaction->target, handle, 0};
-        reserveCredit(sender.credit, kOnewayCreditBytes);
-        accepted.creditBytes = static_cast<uint32_t>(kOnewayCreditBytes);
+    OnewayAccepted accepted{0, 0, process.revocations};
+    // Topped up to one step per handle (grants the process has yet to read
+    // may still be held); credit never makes anyone give way.
+    auto held = process.credits.find(handle);
+    const size_t step = kOnewayCreditBytes - (held != process.credits.end() ? held->second.bytes : 0);
+    if (step > 0 && mLedger.held(receiver.holder(), kOnewayBytes) + step <= kCreditGrantCeiling &&
+        fits(receiver, kBufferBytes, step) && fits(receiver, kOnewayBytes, step)) {
+        OnewayCredit& credit = process.credits[handle];
+        credit.node = transaction->target;
+        reserveCredit(credit, step);
+        accepted.creditBytes = static_cast<uint32_t>(step);
     }
     mOutbox.send(sender.connection, kTransactionComplete, &accepted, sizeof(accepted));
 }
 
-bool Driver::startCreditedOneway(Thread& thread, const TransactionView& view) {
-    if (view.header.offsetsCount != 0 || (view.header.flags & kFlagOneway) == 0) {
+bool Driver::startCreditedOneway(Process& process, const TransactionView& view) {
+    if (view.header.offsetsCount != 0 || (view.header.flags & kFlagOneway) == 0 || view.header.target > UINT32_MAX) {
         return false;
     }
-    OnewayCredit& credit = thread.credit;
-    if (credit.node == nullptr) {
-        // Voided when the node's owner died, after the thread sent this call:
-        // it goes down with the owner, as if it had been queued.
+    auto credit = process.credits.find(static_cast<uint32_t>(view.header.target));
+    if (credit == process.credits.end()) {
+        // Voided when the node's owner died, after the call was sent: it goes
+        // down with the owner, as if it had been queued.
         return true;
     }
     // Spent as the call is charged in the buffer, from the room it reserved.
     const size_t charge = bufferCharge(view.header.dataSize, 0, true);
-    if (view.header.target != credit.handle || charge > credit.bytes) {
+    if (charge > credit->second.bytes) {
         return false;
     }
-    Process& receiver = *credit.node->owner;
-    releaseCredit(credit, charge);
+    const std::shared_ptr<Node> node = credit->second.node;
+    Process& receiver = *node->owner;
+    releaseCredit(credit->second, charge);
     std::vector<std::shared_ptr<Node>> noTransit;
-    std::shared_ptr<Transaction> transaction = makeTransaction(*thread.process, credit.node, view, &noTransit);
-    if (const Channel* channel = onewayChannelTo(*thread.process, receiver)) {
+    std::shared_ptr<Transaction> transaction = makeTransaction(process, node, view, &noTransit);
+    if (const Channel* channel = onewayChannelTo(process, receiver)) {
         transaction->channel = channel->id;
     }
     queueOneway(transaction);
     return true;
 }
 
-void Driver::endCredit(Thread& thread) {
-    OnewayCredit& credit = thread.credit;
-    releaseCredit(credit, credit.bytes);
-    credit = OnewayCredit{};
+bool Driver::returnCredit(Process& process, const CreditReturn& given) {
+    auto credit = process.credits.find(given.handle);
+    if (credit == process.credits.end()) {
+        // Voided with the owner's death before the process heard of it.
+        return true;
+    }
+    if (given.bytes > credit->second.bytes) {
+        return false;
+    }
+    releaseCredit(credit->second, given.bytes);
+    if (credit->second.bytes == 0) {
+        process.credits.erase(credit);
+    }
+    return true;
 }
 
-void Driver::settleCredits(Process& process, uint32_t handle) {
-    std::vector<ConnectionId> holders;
-    for (const Thread* thread : process.threads) {
-        if (thread->credit.node != nullptr && thread->credit.handle == handle) {
-            holders.push_back(thread->connection);
-        }
-    }
-    for (ConnectionId id : holders) {
-        // Calls paid from this credit were written before the release.
-        mOutbox.drain(id);
-        auto thread = mThreads.find(id);
-        if (thread != mThreads.end() && thread->second->credit.handle == handle) {
-            endCredit(*thread->second);
-        }
+void Driver::endCredit(Process& process, uint32_t handle) {
+    auto credit = process.credits.find(handle);
+    if (credit != process.credits.end()) {
+        releaseCredit(credit->second, credit->second.bytes);
+        process.credits.erase(credit);
     }
 }
 
 void Driver::revokeCreditsOn(const Process& dying) {
-    for (auto& entry : mThreads) {
-        Thread& thread = *entry.second;
-        if (thread.credit.node == nullptr || thread.credit.node->owner != &dying) {
-            continue;
+    for (auto& entry : mProcesses) {
+        Process& holder = *entry.second;
+        bool voided = false;
+        for (auto credit = holder.credits.begin(); credit != holder.credits.end();) {
+            if (credit->second.node->owner != &dying) {
+                ++credit;
+                continue;
+            }
+            releaseCredit(credit->second, credit->second.bytes);
+            credit = holder.credits.erase(credit);
+            voided = true;
         }
-        endCredit(thread);
-        Process& holder = *thread.process;
-        if (&holder != &dying) {
+        if (voided && &holder != &dying) {
             ++holder.revocations;
             mOutbox.send(holder.control, kCreditRevoked, &holder.revocations, sizeof(holder.revocations));
         }

@@ -147,11 +147,19 @@ bool Driver::releaseHandle(Process& process, uint32_t handle, uint32_t count) {
     if (it == process.handles.end() || count == 0 || count > it->second.count) {
         return false;
     }
+    if (count == it->second.count && !process.threads.empty()) {
+        // A reply naming the handle that a thread wrote before its process
+        // let the handle go comes first (the parcel held the handle until it
+        // was sent); it may deliver the handle again, never take it away.
+        drainThreads(process);
+        it = process.handles.find(handle);
+    }
     it->second.count -= count;
     if (it->second.count > 0) {
         return true;
     }
     std::shared_ptr<Node> node = it->second.node;
+    endCredit(process, handle);
     revokeReach(process, node, handle);
     process.handleOfNode.erase(node.get());
     process.handles.erase(it);

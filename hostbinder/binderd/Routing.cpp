@@ -11,8 +11,6 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
     if (thread.waiting()) {
         return false;
     }
-    // The thread's client dropped its one-way credit when it sent this.
-    endCredit(thread);
     Process& sender = *thread.process;
     std::shared_ptr<Node> target;
     if (view.header.target == 0) {

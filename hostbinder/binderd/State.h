@@ -85,11 +85,10 @@ struct HandleRef {
     bool deathRequested = false;
 };
 
-// Room reserved for a thread's one-way calls in the receiver's buffer (the
-// node owner's), charged to it while it lasts.
+// Room reserved for a process's one-way calls to one handle in the
+// receiver's buffer (the node owner's), charged to it while it lasts.
 struct OnewayCredit {
-    std::shared_ptr<Node> node;  // null: no credit
-    uint32_t handle = 0;
+    std::shared_ptr<Node> node;
     size_t bytes = 0;
 };
 
@@ -117,7 +116,6 @@ struct Thread {
     // order, and their frames' bytes.
     std::deque<std::shared_ptr<Transaction>> pipeline;
     size_t pipelinedBytes = 0;
-    OnewayCredit credit;
     // Its outgoing calls, innermost last.
     std::vector<OutgoingCall> awaiting;
     // Owner-bound binders just delivered to this thread, kept alive until it
@@ -149,7 +147,11 @@ struct Process {
     std::deque<std::shared_ptr<Transaction>> todo;
     std::deque<Thread*> idleLoopers;
     std::vector<Thread*> threads;
-    // Credit revocations sent to this process so far.
+    // Its one-way credit, by handle: calls paid from it come on the control
+    // connection, one stream for all its threads, so that binderd takes them
+    // in the order they were made; credit voided by an owner's death counts
+    // in `revocations`, sent to it so far.
+    std::map<uint32_t, OnewayCredit> credits;
     uint64_t revocations = 0;
     // Direct channels with this process at either end.
     size_t channels = 0;

@@ -16,11 +16,15 @@
 //
 // One-way calls would cost a round trip each if every one waited for binderd
 // to accept it. Instead binderd reserves room in the receiver's one-way buffer
-// for the sending thread ("credit", granted with kTransactionComplete); while
-// the credit lasts the thread sends kOnewayCredited and returns at once, since
-// the call can no longer be refused for lack of room. Credit ends with the
-// thread's next kTransaction, and binderd voids it when the node's owner dies
-// (kCreditRevoked, ahead of any death notice on the same control connection).
+// for the sending process, per handle ("credit", granted with
+// kTransactionComplete); while the credit lasts the process's threads send
+// kOnewayCredited on the control connection and return at once, since the
+// call can no longer be refused for lack of room. One stream for all threads
+// keeps the calls in the order they were made. The process gives credit back
+// (kReturnCredit) before a one-way call that waits for binderd, and when the
+// handle goes; binderd takes in the control connection's frames before such a
+// call, and voids credit when the node's owner dies (kCreditRevoked, ahead of
+// any death notice on the same control connection).
 // On the receiving side, one-way calls of a node that a thread is already
 // serving are sent to that thread ahead of time; it runs them in order.
 //
@@ -60,10 +64,10 @@
 // thread's direct one-way calls are paid from channel credit that binderd
 // reserves in the owner's buffer (kChannelCredit), the owner reports what it
 // has finished (kChannelDone, a running total), and a relayed one-way call that
-// follows direct ones carries a fence (kChannelFence) that binderd holds it
-// behind until the owner has finished them. The thread goes back to direct
-// calls once binderd says all of its relayed one-way calls are done
-// (kChannelQuiet, with their running count).
+// follows direct ones comes after a fence (kChannelFence, on the control
+// connection) that binderd holds it behind until the owner has finished them.
+// The process goes back to direct calls once binderd says all of its relayed
+// one-way calls are done (kChannelQuiet, with their running count).
 
 #include <cstddef>
 #include <cstdint>
@@ -113,7 +117,7 @@ enum Command : uint32_t {
     kRequestDeath,       // HandleCount (count ignored)
     kClearDeath,         // HandleCount (count ignored)
     kSetMaxThreads,      // u32
-    kOnewayCredited,     // TransactionHeader (one-way, no objects) + data, paid from credit
+    kOnewayCredited,     // control connection: TransactionHeader (one-way, no objects) + data, paid from credit
     kHelloMonitor,       // empty: this connection watches the traffic
     kOpenChannel,        // OpenChannel: a direct channel for this handle, please
     kChannelCredit,      // ChannelCredit: reserve room for the channel's one-way calls
@@ -121,9 +125,10 @@ enum Command : uint32_t {
     kResolveReach,       // ChannelReach: which node of mine does the peer's handle name?
     kServingChannel,     // u64 channel (0: none): the chain of the call being served ran over it
     kChannelReply,       // ChannelReplyHeader + TransactionHeader (status) + data + offsets
-    kChannelFence,       // ChannelProgress: the next one-way call waits until the owner finished this much
+    kChannelFence,       // control connection, ChannelProgress: the next one-way call waits until the owner finished this much
     kReachDropped,       // ChannelReach: the owner took in every call before a withdrawal and forgot the handle
     kChannelDrained,     // u64 channel, control connection: the owner took in every call of a closed channel
+    kReturnCredit,       // CreditReturn, control connection: one-way credit the process gives back
     // binderd -> process
     kWelcome = 100,         // HelloThread (the session token) to a process; empty to a thread
     kIncomingTransaction,   // TransactionHeader (target = cookie) + data + offsets
@@ -203,6 +208,11 @@ struct HelloThread {
 struct HandleCount {
     uint32_t handle;
     uint32_t count;
+};
+
+struct CreditReturn {
+    uint32_t handle;
+    uint32_t bytes;
 };
 
 struct OnewayAccepted {

@@ -420,11 +420,11 @@ Outcome zeroByteOnewayFlood(const AttackTarget& target) {
     }
     const size_t total = scaled(target, 20e6, 100000);
     for (size_t sent = 0; sent < total; sent += 4096) {
-        if (!sender.thread().sendBytes(batch.data(), batch.size())) {
+        if (!sender.control().sendBytes(batch.data(), batch.size())) {
             return Outcome::kCut;
         }
     }
-    return sender.thread().closedByBinderd(milliseconds(5000)) ? Outcome::kCut : Outcome::kAbsorbed;
+    return sender.control().closedByBinderd(milliseconds(5000)) ? Outcome::kCut : Outcome::kAbsorbed;
 }
 
 // The victim service stops (as under a debugger) while one-way calls of no

@@ -21,6 +21,8 @@ struct OutgoingChannel;
 namespace hostbinder {
 struct Frame;
 struct DirectCall;
+struct OnewayAccepted;
+struct TransactionHeader;
 struct TransactionView;
 }
 
@@ -74,13 +76,13 @@ private:
     void connectionLost();
     // Whether the connection numbered `serial` is still this thread's.
     bool stillConnected(uint64_t serial) const;
-    // Takes the call's bytes from this thread's one-way credit when it covers
-    // them (and binderd has not voided it since).
-    bool paidFromCredit(int32_t handle, const Parcel& data);
+    // Sends the one-way call paid from the process's credit for its handle,
+    // when that covers it.
+    bool paidFromCredit(const hostbinder::TransactionHeader& header, const Parcel& data);
     // Reads frames until the reply of the pending call arrives, serving any
     // two-way transaction delivered meanwhile; one-way calls sent ahead wait
-    // their turn.
-    status_t waitForResponse(Parcel* reply);
+    // their turn. A one-way call's acceptance (and credit) goes to `accepted`.
+    status_t waitForResponse(Parcel* reply, hostbinder::OnewayAccepted* accepted);
     void executeTransaction(const hostbinder::Frame& frame);
     void sendReply(const Parcel& reply, status_t status);
     // The relayed path through binderd.
@@ -120,18 +122,11 @@ private:
     void forgetChannels();
     static void fillParcelFrom(const hostbinder::TransactionView& view, Parcel* parcel);
 
-    struct OnewayCredit {
-        int32_t handle = -1;
-        size_t bytes = 0;
-        uint64_t revocations = 0;
-    };
-
     sp<ProcessState> mProcess;
     std::unique_ptr<hostbinder::Connection> mConnection;
     uint64_t mGeneration = 0;
     // Counts the connections this thread opened.
     uint64_t mConnectionSerial = 0;
-    OnewayCredit mCredit;
     // Payloads of one-way calls that arrived while this thread waited.
     std::deque<std::vector<uint8_t>> mOnewayAhead;
     status_t mRefusedStatus = OK;

@@ -17,6 +17,7 @@ namespace android {
 class BBinder;
 class ChannelHub;
 class OnewayChannels;
+class OnewayCredits;
 
 namespace hostbinder {
 class Connection;
@@ -55,8 +56,10 @@ public:
     void dropNodeRef(BBinder* node);
     status_t requestDeathNotification(int32_t handle);
     status_t clearDeathNotification(int32_t handle);
-    // How many one-way credit revocations binderd sent in this session.
-    uint64_t creditRevocations() const;
+    // The control connection and its session's generation; null when there
+    // is no session.
+    std::shared_ptr<hostbinder::Connection> control(uint64_t* generation) const;
+    OnewayCredits& onewayCredits();
     // The direct channels other processes opened to this one, and this
     // process's one-way channels to others.
     ChannelHub& channels();
@@ -94,11 +97,11 @@ private:
     std::condition_variable mSessionEnded;
     uint64_t mToken = 0;
     std::atomic<uint64_t> mGeneration{0};
-    std::atomic<uint64_t> mCreditRevocations{0};
     std::atomic<bool> mTrafficWatched{false};
     std::atomic<bool> mDirectCalls{true};
     std::unique_ptr<ChannelHub> mChannels;
     std::unique_ptr<OnewayChannels> mOnewayChannels;
+    std::unique_ptr<OnewayCredits> mOnewayCredits;
     std::string mLastConnectionError;
     std::map<int32_t, HandleEntry> mHandles;
     std::map<BBinder*, uint32_t> mNodeRefs;
