@@ -186,7 +186,13 @@ for row in "客厅电视 8 dev-cjk" $'Cafe\xcc\x81_Lamp 9 dev-cafe' 'Evil\x1b[2J
 done
 
 # monitor: binderd's traffic, each call with its reply, the methods named;
-# a filter keeps the service manager's lookups out.
+# a filter keeps the service manager's lookups out. Events already go to a
+# watch over a direct channel: while the traffic is watched, through binderd.
+"$tivra_bin" --json watch >"$work/watch-direct.out" 2>&1 &
+watch_direct_pid=$!
+pids+=("$watch_direct_pid")
+wait_for grep -q '"event":"watching"' "$work/watch-direct.out" && tivra sim node-changed node-tv-19c2 3 >/dev/null &&
+  wait_for grep -q '"kind":3' "$work/watch-direct.out" || fail "watch heard no event before the monitor"
 "$tivra_bin" monitor --json >"$work/monitor.out" 2>&1 &
 monitor_pid=$!
 pids+=("$monitor_pid")
@@ -195,6 +201,10 @@ pids+=($!)
 wait_for grep -q '"event":"watching"' "$work/monitor.out" && wait_for grep -q "watching the traffic" "$work/monitor-human.err" ||
   fail "monitor did not start: $(cat "$work/monitor.out" "$work/monitor-human.err")"
 tivra devices >/dev/null
+tivra sim node-changed node-tv-19c2 1 >/dev/null
+wait_for grep -q '"event":"call",.*"method":"IDeviceListener.onDeviceInfoChanged","objects":0,"oneway":true' \
+  "$work/monitor.out" || fail "monitor missed the one-way call of an event: $(cat "$work/monitor.out")"
+kill -INT "$watch_direct_pid"
 method='"method":"IDeviceMonitorService.getAllDevices"'
 wait_for grep -q "\"event\":\"reply\",.*$method" "$work/monitor.out" || fail "monitor --json missed a reply"
 call_id=$(sed -n "s/.*\"event\":\"call\",.*\"id\":\([0-9]*\),.*$method.*/\1/p" "$work/monitor.out")

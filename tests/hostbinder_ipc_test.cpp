@@ -1,5 +1,6 @@
 // Binder IPC between real processes through a private binderd.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include "binderd_fixture.h"
 #include "hostbinder_test_service.h"
 #include "log_capture.h"
+#include "raw_peer.h"
 
 namespace {
 
@@ -162,6 +164,33 @@ TEST_F(HostBinderIpc, OneWayCallsToANodeRunInSendOrder) {
             return records == kCalls;
         }));
         CHILD_CHECK(violations == 0);
+        return 0;
+    }));
+}
+
+TEST_F(HostBinderIpc, CallsGoThroughBinderdWhenTheCallerCannotReceiveAChannel) {
+    startService();
+    ASSERT_EQ(events.next(), "ready");
+    expectChildPasses(session.spawn([] {
+        sp<IBinder> service = lookUpTestService();
+        // Connected to binderd, and no descriptor to spare: the channels'
+        // ends binderd hands over are lost on the way in.
+        const int spare = dup(STDERR_FILENO);
+        rlimit limit{};
+        CHILD_CHECK(spare >= 0 && close(spare) == 0 && getrlimit(RLIMIT_NOFILE, &limit) == 0);
+        limit.rlim_cur = static_cast<rlim_t>(spare);
+        CHILD_CHECK(setrlimit(RLIMIT_NOFILE, &limit) == 0 && dup(STDERR_FILENO) < 0);
+        Parcel reply;
+        CHILD_CHECK(call(service, TestService::kEcho, [](Parcel* p) { p->writeInt32(7); }, &reply) == OK);
+        CHILD_CHECK(reply.readInt32() == 7);
+        Parcel record;
+        record.writeInt32(1);
+        record.writeInt32(0);
+        CHILD_CHECK(service->transact(TestService::kRecord, record, nullptr, IBinder::FLAG_ONEWAY) == OK);
+        CHILD_CHECK(waitUntil([&] {
+            Parcel stats;
+            return call(service, TestService::kStats, nullptr, &stats) == OK && stats.readInt32() == 1;
+        }));
         return 0;
     }));
 }
@@ -408,28 +437,40 @@ public:
     std::atomic<std::thread::id> thread;
 };
 
-TEST_F(HostBinderIpc, KilledServiceIsReportedOnceAndItsCallsFailWithDeadObject) {
-    const pid_t service = startService();
+TEST_F(HostBinderIpc, PeersKilledMidCallLeaveTheOtherStandingAndAServicesDeathFailsCallsAndIsReportedOnce) {
+    Channel release;
+    const pid_t service = startService(kTestServiceName, &release);
     ASSERT_EQ(events.next(), "ready");
-    Channel control;
-    const pid_t client = session.spawn([&control] {
+    // The caller dies while its call runs in the service, which answers into
+    // the closed channel.
+    const pid_t caller = session.spawn([] {
+        Parcel reply;
+        lookUpTestService()->transact(TestService::kBlockOneway, Parcel(), &reply);
+        return 0;
+    });
+    ASSERT_EQ(events.next(), "blocked");
+    session.kill(caller, SIGKILL);
+    EXPECT_EQ(session.waitExit(caller), -1);
+    release.post("go");
+    const pid_t client = session.spawn([] {
         sp<IBinder> target = lookUpTestService();
         sp<CountingRecipient> first = new CountingRecipient();
         sp<CountingRecipient> second = new CountingRecipient();
         CHILD_CHECK(target->linkToDeath(first) == OK);
         CHILD_CHECK(target->linkToDeath(second) == OK);
-        CHILD_CHECK(target->isBinderAlive());
-        control.post("linked");
+        CHILD_CHECK(target->isBinderAlive() && target->pingBinder() == OK);
+        // The service dies while this call runs in it.
+        Parcel reply;
+        CHILD_CHECK(call(target, TestService::kBlockOneway, nullptr, &reply) == DEAD_OBJECT);
         CHILD_CHECK(waitUntil([&] { return first->deaths == 1 && second->deaths == 1; }));
         CHILD_CHECK(first->thread.load() != std::this_thread::get_id());
-        Parcel reply;
         CHILD_CHECK(call(target, TestService::kEcho, nullptr, &reply) == DEAD_OBJECT);
         CHILD_CHECK(!target->isBinderAlive());
         CHILD_CHECK(target->linkToDeath(new CountingRecipient()) == DEAD_OBJECT);
         CHILD_CHECK(first->deaths == 1 && second->deaths == 1);
         return 0;
     });
-    ASSERT_EQ(control.next(), "linked");
+    ASSERT_EQ(events.next(), "blocked");
     session.kill(service, SIGKILL);
     expectChildPasses(client);
 }
@@ -463,6 +504,64 @@ TEST_F(HostBinderIpc, OversizedTransactionsAndOneWayFloodsFailWithFailedTransact
         CHILD_CHECK(accepted == 5);
         release.post("go");
         CHILD_CHECK(call(service, TestService::kEcho, nullptr, &reply) == OK);
+        return 0;
+    }));
+}
+
+TEST_F(HostBinderIpc, OnAChannelTheCallerIsWhoBinderdSaysReachesOnlyWhatItHoldsAndGarbageCostsItTheChannel) {
+    using namespace android::hostbinder;
+    startService();
+    ASSERT_EQ(events.next(), "ready");
+    startService(String16("tivra.test.other"));
+    ASSERT_EQ(events.next(), "ready");
+    RawSession raw(session.socketPath());
+    ASSERT_TRUE(raw.ready());
+    const uint32_t mine = raw.checkService("tivra.test.service");
+    const uint32_t others = raw.checkService("tivra.test.other");
+    ASSERT_TRUE(mine != 0 && others != 0);
+    // Refused until the service's thread pool has told binderd it serves.
+    std::vector<uint8_t> payload;
+    const OpenChannel request{mine, kTwoWayChannel};
+    ASSERT_TRUE(waitUntil([&] {
+        return raw.thread().sendFrame(kOpenChannel, &request, sizeof(request)) &&
+               raw.thread().nextCommand(&payload) == kChannelReady;
+    }));
+    RawPeer channel(raw.thread().takeDescriptor());
+    ASSERT_TRUE(channel.connected());
+    ASSERT_TRUE(channel.sendFrame(kDirectHello));
+    ASSERT_EQ(channel.nextCommand(&payload), kDirectWelcome);
+    // A call naming `handle` as the caller's, with a record's data; the
+    // reply's status, and its data in `payload`.
+    uint32_t sequence = 0;
+    auto callOn = [&](uint32_t handle, uint32_t code) -> int64_t {
+        const DirectCall call{++sequence, handle, code, 0, 8, 0};
+        std::vector<uint8_t> bytes(sizeof(call) + 8, 0);
+        std::memcpy(bytes.data(), &call, sizeof(call));
+        DirectReply answer{};
+        if (!channel.sendFrame(kDirectCall, bytes.data(), bytes.size()) ||
+            channel.nextCommand(&payload) != kDirectReply || payload.size() < sizeof(answer)) {
+            return -1;
+        }
+        std::memcpy(&answer, payload.data(), sizeof(answer));
+        payload.erase(payload.begin(), payload.begin() + sizeof(answer));
+        return answer.sequence == sequence ? answer.status : -1;
+    };
+    ASSERT_EQ(callOn(mine, TestService::kWhoCalls), OK);
+    int32_t identity[2] = {};
+    ASSERT_EQ(payload.size(), sizeof(identity));
+    std::memcpy(identity, payload.data(), sizeof(identity));
+    EXPECT_EQ(identity[0], getpid());
+    EXPECT_EQ(identity[1], static_cast<int32_t>(getuid()));
+    // A handle it does not hold, and one it holds of another process's object.
+    EXPECT_EQ(callOn(mine + others + 1, TestService::kRecord), FAILED_TRANSACTION);
+    EXPECT_EQ(callOn(others, TestService::kRecord), FAILED_TRANSACTION);
+    const std::vector<uint8_t> garbage(64, 0xff);
+    channel.sendBytes(garbage.data(), garbage.size());
+    EXPECT_TRUE(channel.closedByBinderd(5s));  // here, by the service
+    expectChildPasses(session.spawn([] {
+        Parcel stats;
+        CHILD_CHECK(call(lookUpTestService(), TestService::kStats, nullptr, &stats) == OK);
+        CHILD_CHECK(stats.readInt32() == 0);
         return 0;
     }));
 }

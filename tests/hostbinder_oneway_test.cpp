@@ -4,6 +4,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
@@ -146,6 +150,68 @@ TEST_F(HostBinderOneway, CallsSentAheadWaitWhileTheirThreadMakesACallOfItsOwn) {
         for (int i = 0; i < kCalls; ++i) {
             CHILD_CHECK(sendRecord(service, TestService::kLookUpAndRecord, 1, i) == OK);
         }
+        CHILD_CHECK(waitUntil([&] { return stats(service).first == kCalls; }));
+        CHILD_CHECK(stats(service).second == 0);
+        return 0;
+    })), 0);
+}
+
+TEST_F(HostBinderOneway, CallsKeepSendOrderWhicheverPathEachTakesAndWhicheverThreadSendsThem) {
+    Channel release;
+    startService(&release);
+    // Every 50 calls, one carries a binder and one is too large for the
+    // channel: both go through binderd, behind the calls sent before. The
+    // receiver is held from kHeldFrom until kHeldTo is sent: the calls
+    // between overflow the channel's ring and wait in binderd behind it.
+    constexpr int kCalls = 800;
+    constexpr int kHeldFrom = 400;
+    constexpr int kHeldTo = 500;
+    EXPECT_EQ(session.waitExit(session.spawn([&release] {
+        sp<IBinder> service = lookUpTestService();
+        const sp<IBinder> token = new BBinder();
+        const std::vector<uint8_t> large(hostbinder::kMaxDirectOnewayBytes + 1, 1);
+        const std::vector<uint8_t> burst(2048, 2);
+        std::mutex lock;
+        std::condition_variable turn;
+        int next = 0;
+        bool sent = true;
+        // Two threads take turns of three calls, each handing over to the
+        // other once its calls returned.
+        auto sender = [&](int me) {
+            std::unique_lock<std::mutex> hold(lock);
+            for (;;) {
+                turn.wait(hold, [&] { return next == kCalls || (next / 3) % 2 == me; });
+                if (next == kCalls) {
+                    return;
+                }
+                if (next == kHeldFrom) {
+                    // On the channel again once binderd's calls are done.
+                    sent = sent && waitUntil([&] { return stats(service).first == kHeldFrom; });
+                    sent = sent && service->transact(TestService::kBlockOneway, Parcel(), nullptr,
+                                                     IBinder::FLAG_ONEWAY) == OK;
+                }
+                if (next == kHeldTo) {
+                    release.post("go");
+                }
+                Parcel data;
+                data.writeInt32(1);
+                data.writeInt32(next);
+                if (next >= kHeldFrom && next < kHeldTo) {
+                    data.write(burst.data(), burst.size());
+                } else if (next % 50 == 20) {
+                    data.writeStrongBinder(token);
+                } else if (next % 50 == 45) {
+                    data.write(large.data(), large.size());
+                }
+                sent = sent && service->transact(TestService::kRecord, data, nullptr, IBinder::FLAG_ONEWAY) == OK;
+                ++next;
+                turn.notify_all();
+            }
+        };
+        std::thread other(sender, 1);
+        sender(0);
+        other.join();
+        CHILD_CHECK(sent);
         CHILD_CHECK(waitUntil([&] { return stats(service).first == kCalls; }));
         CHILD_CHECK(stats(service).second == 0);
         return 0;

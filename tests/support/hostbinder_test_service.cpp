@@ -148,8 +148,9 @@ const android::String16 kTestServiceName("tivra.test.service");
 
 pid_t spawnTestService(BinderdSession& session, Channel& ready, const android::String16& name, Channel* release) {
     return session.spawn([&ready, name, release] {
-        sp<TestService> service = new TestService([release] {
+        sp<TestService> service = new TestService([&ready, release] {
             if (release != nullptr) {
+                ready.post("blocked");
                 release->next(20s);
             }
         });

@@ -82,8 +82,9 @@ private:
 extern const android::String16 kTestServiceName;
 
 // Forks a child of `session` that serves a TestService under `name` and posts
-// "ready" on `ready` once registered. Its kBlockOneway calls wait for a line
-// on `release` when one is given.
+// "ready" on `ready` once registered. Its kBlockOneway calls (one-way or
+// two-way) post "blocked" on `ready` and wait for a line on `release` when
+// one is given.
 pid_t spawnTestService(BinderdSession& session, Channel& ready, const android::String16& name = kTestServiceName,
                        Channel* release = nullptr);
 

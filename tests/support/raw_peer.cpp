@@ -27,6 +27,10 @@ RawPeer::RawPeer(const std::string& path) : mFd(socket(AF_UNIX, SOCK_STREAM | SO
 RawPeer::~RawPeer() { close(); }
 
 void RawPeer::close() {
+    for (int descriptor : mDescriptors) {
+        ::close(descriptor);
+    }
+    mDescriptors.clear();
     if (mFd >= 0) {
         ::close(mFd);
         mFd = -1;
@@ -84,6 +88,15 @@ bool RawPeer::closedByBinderd(std::chrono::milliseconds timeout) {
     return poll(&hangup, 1, static_cast<int>(timeout.count())) > 0 && (hangup.revents & (POLLRDHUP | POLLHUP)) != 0;
 }
 
+int RawPeer::takeDescriptor() {
+    if (mDescriptors.empty()) {
+        return -1;
+    }
+    const int descriptor = mDescriptors.front();
+    mDescriptors.pop_front();
+    return descriptor;
+}
+
 bool RawPeer::readExactly(void* out, size_t size, std::chrono::milliseconds timeout) {
     auto* bytes = static_cast<uint8_t*>(out);
     while (size > 0) {
@@ -91,10 +104,26 @@ bool RawPeer::readExactly(void* out, size_t size, std::chrono::milliseconds time
         if (poll(&readable, 1, static_cast<int>(timeout.count())) <= 0) {
             return false;
         }
-        const ssize_t n = recv(mFd, bytes, size, 0);
+        iovec chunk{bytes, size};
+        alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))];
+        msghdr message{};
+        message.msg_iov = &chunk;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        const ssize_t n = recvmsg(mFd, &message, MSG_CMSG_CLOEXEC);
         if (n <= 0) {
             mClosed = true;
             return false;
+        }
+        for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
+            if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS) {
+                for (size_t i = 0; i < (header->cmsg_len - CMSG_LEN(0)) / sizeof(int); ++i) {
+                    int descriptor;
+                    std::memcpy(&descriptor, CMSG_DATA(header) + i * sizeof(int), sizeof(int));
+                    mDescriptors.push_back(descriptor);
+                }
+            }
         }
         bytes += n;
         size -= static_cast<size_t>(n);
