@@ -15,6 +15,7 @@
 #include <binder/Binder.h>
 
 #include "OnewayChannels.h"
+#include "OnewayCredits.h"
 #include "OutgoingChannel.h"
 #include "protocol/Connection.h"
 
@@ -240,6 +241,12 @@ status_t IPCThreadState::sendDirectOneway(int32_t handle, uint32_t code, const P
     if (status == OK) {
         channel->credit -= charge;
         channel->sentCharge += charge;
+    }
+    lock.unlock();
+    // The handle's calls take the channel now: credit that binderd keeps for
+    // relayed ones would only take room in the owner's buffer.
+    if (status == OK && mProcess->onewayCredits().holdsAny()) {
+        mProcess->giveBackOnewayCredit(handle);
     }
     return status;
 }

@@ -12,6 +12,7 @@ bool OnewayCredits::current(uint64_t generation) {
         mGeneration = generation;
         mRevocations = 0;
         mCredits.clear();
+        mHandlesHeld.store(0, std::memory_order_relaxed);
     }
     return generation == mGeneration;
 }
@@ -54,6 +55,7 @@ void OnewayCredits::accepted(uint64_t generation, int32_t handle, const hostbind
     Credit& credit = mCredits[handle];
     credit.bytes += accepted.creditBytes;
     credit.revocations = std::max(credit.revocations, accepted.revocations);
+    mHandlesHeld.store(mCredits.size(), std::memory_order_relaxed);
 }
 
 void OnewayCredits::revoked(uint64_t generation, uint64_t revocations) {
@@ -82,6 +84,7 @@ void OnewayCredits::giveBack(hostbinder::Connection& control, std::map<int32_t, 
         control.send(hostbinder::kReturnCredit, &given, sizeof(given));
     }
     mCredits.erase(credit);
+    mHandlesHeld.store(mCredits.size(), std::memory_order_relaxed);
 }
 
 }  // namespace android

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -29,8 +30,11 @@ public:
     void accepted(uint64_t generation, int32_t handle, const hostbinder::OnewayAccepted& accepted);
     // binderd voided credit for nodes whose owner died, `revocations` times so far.
     void revoked(uint64_t generation, uint64_t revocations);
-    // Gives the handle's credit back before the handle goes.
+    // Gives the handle's credit back before the handle goes, or when its
+    // calls take a direct channel.
     void giveBack(hostbinder::Connection& control, uint64_t generation, int32_t handle);
+    // Whether any handle has credit, without taking the lock.
+    bool holdsAny() const { return mHandlesHeld.load(std::memory_order_relaxed) != 0; }
 
 private:
     struct Credit {
@@ -48,6 +52,7 @@ private:
     uint64_t mGeneration = 0;
     uint64_t mRevocations = 0;
     std::map<int32_t, Credit> mCredits;
+    std::atomic<size_t> mHandlesHeld{0};  // mCredits.size()
 };
 
 }  // namespace android

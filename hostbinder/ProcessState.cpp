@@ -244,6 +244,13 @@ void ProcessState::noteConnectionError(const std::string& error) {
     mLastConnectionError = error;
 }
 
+void ProcessState::giveBackOnewayCredit(int32_t handle) {
+    uint64_t generation = 0;
+    if (const std::shared_ptr<Connection> control = this->control(&generation)) {
+        mOnewayCredits->giveBack(*control, generation, handle);
+    }
+}
+
 status_t ProcessState::sendControl(uint32_t command, const void* payload, size_t size) {
     uint64_t generation = 0;
     const std::shared_ptr<Connection> control = this->control(&generation);

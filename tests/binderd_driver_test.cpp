@@ -386,6 +386,22 @@ TEST_F(DriverFrames, CreditIsToppedUpToOneStepAndGivenBackByTheByte) {
     EXPECT_EQ(payloadAs<OnewayAccepted>(outbox.sent.back()).creditBytes, kOnewayCreditBytes);
 }
 
+TEST_F(DriverFrames, CreditAheadOfNeedLeavesHalfOfAUidsBuffersToCallsMade) {
+    using android::binderd::kMaxBufferBytesPerUid;
+    // One-way calls to more receivers of one uid than its bound holds steps
+    // of credit for: each call is still delivered and no one gives way.
+    const size_t receivers = kMaxBufferBytesPerUid / kOnewayCreditBytes + 8;
+    size_t granted = 0;
+    for (size_t i = 0; i < receivers; ++i) {
+        const uint32_t target = startService(20 + 2 * i, static_cast<pid_t>(300 + i), "r" + std::to_string(i));
+        ASSERT_EQ(call(kClientThread, 8, kFlagOneway, target), 0) << "receiver " << i;
+        granted += clientCredit[target];
+    }
+    EXPECT_TRUE(outbox.finished.empty());
+    EXPECT_GT(granted, 0u);
+    EXPECT_LE(granted, kMaxBufferBytesPerUid / 2);
+}
+
 TEST_F(DriverFrames, CreditIsVoidedAndRevokedWhenTheReceiverDies) {
     earnCredit();
     driver.onDisconnect(kServiceControl);

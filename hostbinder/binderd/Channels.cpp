@@ -180,10 +180,8 @@ void Driver::openChannel(Thread& thread, uint32_t handle, bool oneway) {
 void Driver::grantChannelCredit(Thread& thread, const ChannelCredit& request) {
     Channel* channel = onewayChannelOf(thread, request.channel);
     // Credit never makes anyone give way.
-    const auto fitsOwner = [this](const Process& owner, size_t bytes) {
-        return fits(owner, kBufferBytes, bytes) && fits(owner, kOnewayBytes, bytes);
-    };
-    if (channel == nullptr || request.bytes > kMaxQueuedOnewayBytes || !fitsOwner(*channel->owner, request.bytes)) {
+    if (channel == nullptr || request.bytes > kMaxQueuedOnewayBytes ||
+        !fits(*channel->owner, kBufferBytes, request.bytes) || !fits(*channel->owner, kOnewayBytes, request.bytes)) {
         const status_t status = FAILED_TRANSACTION;
         mOutbox.send(thread.connection, kRefused, &status, sizeof(status));
         return;
@@ -195,7 +193,7 @@ void Driver::grantChannelCredit(Thread& thread, const ChannelCredit& request) {
     size_t grant = request.bytes;
     if (request.bytes < kOnewayCreditBytes &&
         mLedger.held(owner.holder(), kOnewayBytes) + kOnewayCreditBytes <= kCreditGrantCeiling &&
-        fitsOwner(owner, kOnewayCreditBytes)) {
+        fitsAhead(owner, kOnewayCreditBytes)) {
         grant = kOnewayCreditBytes;
     }
     mLedger.take(channel->ownerHolder, kBufferBytes, grant);

@@ -116,6 +116,9 @@ private:
     bool makeRoom(const Process& taker, Holding kind, size_t amount);
     // A check alone: true only when it fits with no one giving way.
     bool fits(const Process& taker, Holding kind, size_t amount) const;
+    // Whether one-way credit of `oneway` bytes may be reserved in the
+    // receiver's buffer ahead of need (Ledger::fitsAhead).
+    bool fitsAhead(const Process& receiver, size_t oneway) const;
     void evict(const DriverLedger::Holder& victim, Holding kind);
     // Whether the receiver's buffer takes a transaction charged `charge`
     // bytes: everything pending within the platform's per-process buffer,

@@ -55,6 +55,11 @@ bool Driver::fits(const Process& taker, Holding kind, size_t amount) const {
     return mLedger.judge(taker.holder(), kind, amount).verdict == DriverLedger::Verdict::kFits;
 }
 
+bool Driver::fitsAhead(const Process& receiver, size_t oneway) const {
+    return mLedger.fitsAhead(receiver.holder(), kBufferBytes, oneway) &&
+           mLedger.fitsAhead(receiver.holder(), kOnewayBytes, oneway);
+}
+
 void Driver::evict(const DriverLedger::Holder& victim, Holding kind) {
     // Its holdings no longer count; they come back when its sessions end,
     // which the driver hears of after the frame it is handling.

@@ -73,6 +73,16 @@ public:
         return {Verdict::kFits, {}};
     }
 
+    // Whether a reservation ahead of need fits: with no one giving way, and
+    // leaving half of the uid's and of the total bound free, so that what
+    // processes ask for when they need it always finds room.
+    bool fitsAhead(const Holder& taker, size_t kind, size_t amount) const {
+        const User* user = find(taker.uid);
+        const size_t ofUid = user == nullptr ? 0 : counted(*user, kind);
+        return judge(taker, kind, amount).verdict == Verdict::kFits && ofUid + amount <= mBounds.perUid[kind] / 2 &&
+               mTotal[kind] - mLeaving[kind] + amount <= mBounds.total[kind] / 2;
+    }
+
     void take(const Holder& holder, size_t kind, size_t amount) {
         User& user = mUsers[holder.uid];
         Process& process = user.processes[holder.pid];

@@ -15,11 +15,12 @@ void Driver::acceptOneway(Thread& sender, uint32_t handle, const std::shared_ptr
     queueOneway(transaction);
     OnewayAccepted accepted{0, 0, process.revocations};
     // Topped up to one step per handle (grants the process has yet to read
-    // may still be held); credit never makes anyone give way.
+    // may still be held); credit is taken ahead of need, so it never makes
+    // anyone give way nor crowds out calls made.
     auto held = process.credits.find(handle);
     const size_t step = kOnewayCreditBytes - (held != process.credits.end() ? held->second.bytes : 0);
     if (step > 0 && mLedger.held(receiver.holder(), kOnewayBytes) + step <= kCreditGrantCeiling &&
-        fits(receiver, kBufferBytes, step) && fits(receiver, kOnewayBytes, step)) {
+        fitsAhead(receiver, step)) {
         OnewayCredit& credit = process.credits[handle];
         credit.node = transaction->target;
         reserveCredit(credit, step);

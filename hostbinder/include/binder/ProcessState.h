@@ -60,6 +60,8 @@ public:
     // is no session.
     std::shared_ptr<hostbinder::Connection> control(uint64_t* generation) const;
     OnewayCredits& onewayCredits();
+    // Gives back the one-way credit binderd holds for the handle's relayed calls.
+    void giveBackOnewayCredit(int32_t handle);
     // The direct channels other processes opened to this one, and this
     // process's one-way channels to others.
     ChannelHub& channels();
