@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include <binder/Binder.h>
+#include <hostbinder/Socket.h>
 #include <log/log.h>
 
 #include "ChannelHub.h"

@@ -11,17 +11,14 @@
 #include <binder/BpBinder.h>
 #include <binder/ProcessState.h>
 
+#include "protocol/BinderObject.h"
+
 namespace android {
 
-namespace {
-
-constexpr uint32_t kObjectFlags = 0x13 | FLAT_BINDER_FLAG_ACCEPTS_FDS;
-constexpr int32_t kStabilityUndeclared = 0;
-constexpr int32_t kStabilitySystem = 12;
-
-bool isKnownStability(int32_t level) { return level == 3 || level == 12 || level == 63; }
-
-}  // namespace
+using hostbinder::isKnownStability;
+using hostbinder::kObjectFlags;
+using hostbinder::kStabilitySystem;
+using hostbinder::kStabilityUndeclared;
 
 static_assert(sizeof(flat_binder_object) == Parcel::kObjectSize, "object table entries are flat binder objects");
 

@@ -6,6 +6,7 @@
 #include <binder/Binder.h>
 #include <binder/BpBinder.h>
 #include <binder/IPCThreadState.h>
+#include <hostbinder/Socket.h>
 #include <log/log.h>
 
 #include "ChannelHub.h"

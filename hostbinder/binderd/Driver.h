@@ -224,7 +224,7 @@ private:
     // Fills in the record's target and returns its service name, if any.
     const std::u16string* describeTarget(const Node* target, hostbinder::TrafficRecord* record) const;
 
-    // --- service manager (ServiceManager.cpp) ---
+    // --- service manager (ServiceManagerCalls.cpp) ---
     void serveServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request);
     void replyFromServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request, const Parcel& reply,
                                  status_t status);

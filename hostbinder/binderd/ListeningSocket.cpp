@@ -10,7 +10,12 @@
 #include <cerrno>
 #include <cstring>
 
+#include "protocol/UnixSocket.h"
+
 namespace android::binderd {
+
+using hostbinder::socketAccepts;
+using hostbinder::unixAddress;
 
 namespace {
 
@@ -88,7 +93,7 @@ bool socketOrNothing(const std::string& path, bool* present, std::string* error)
 
 // With the lock held, a socket at `path` is stale unless some other program
 // listens on it; any other file is not binderd's to remove.
-bool clearStaleSocket(const std::string& path, const sockaddr_un& address, std::string* error) {
+bool clearStaleSocket(const std::string& path, std::string* error) {
     bool present = false;
     if (!socketOrNothing(path, &present, error)) {
         return false;
@@ -96,13 +101,7 @@ bool clearStaleSocket(const std::string& path, const sockaddr_un& address, std::
     if (!present) {
         return true;
     }
-    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool answered =
-        probe >= 0 && connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    if (probe >= 0) {
-        close(probe);
-    }
-    if (answered) {
+    if (socketAccepts(path)) {
         *error = "another program listens on " + path;
         return false;
     }
@@ -120,15 +119,11 @@ ListeningSocket ListeningSocket::open(const std::string& path, bool othersAllowe
     // listen, then renamed to `path`: whoever sees a socket at `path` can
     // connect to it at once, never between bind and listen.
     const std::string staging = path + ".new";
-    sockaddr_un address{};
-    sockaddr_un stagingAddress{};
-    if (path.empty() || staging.size() >= sizeof(address.sun_path)) {
+    sockaddr_un stagingAddress;
+    if (path.empty() || !unixAddress(staging, &stagingAddress)) {
         *error = "socket path is empty or too long: " + path;
         return ListeningSocket(-1, -1, "");
     }
-    address.sun_family = stagingAddress.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    std::memcpy(stagingAddress.sun_path, staging.c_str(), staging.size() + 1);
     if (!prepareFolder(folderOf(path), othersAllowed, error)) {
         return ListeningSocket(-1, -1, "");
     }
@@ -143,7 +138,7 @@ ListeningSocket ListeningSocket::open(const std::string& path, bool othersAllowe
         return ListeningSocket(-1, -1, "");
     }
     // Under the lock, a socket left at the staging name is a dead binderd's.
-    if (!clearStaleSocket(path, address, error) || !socketOrNothing(staging, &present, error) ||
+    if (!clearStaleSocket(path, error) || !socketOrNothing(staging, &present, error) ||
         (present && unlink(staging.c_str()) != 0)) {
         if (error->empty()) {
             *error = systemError("cannot remove the stale socket " + staging);

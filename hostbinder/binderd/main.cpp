@@ -13,6 +13,7 @@
 #include <cstring>
 #include <string>
 
+#include <hostbinder/Socket.h>
 #include <log/log.h>
 
 #include "EventLoop.h"

@@ -1,47 +1,27 @@
 #include "Connection.h"
 
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "protocol/UnixSocket.h"
+
 namespace android::hostbinder {
-
-namespace {
-
-void setTimeouts(int fd, std::chrono::seconds timeout) {
-    const timeval interval{static_cast<time_t>(timeout.count()), 0};
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &interval, sizeof(interval));
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &interval, sizeof(interval));
-}
-
-}  // namespace
 
 std::unique_ptr<Connection> Connection::connect(const std::string& path, uint32_t helloCommand, const void* hello,
                                                 size_t size, std::vector<uint8_t>* welcome, std::string* error,
                                                 uint32_t* refusal) {
     error->clear();
-    sockaddr_un address{};
-    if (path.size() >= sizeof(address.sun_path)) {
-        *error = "the socket path " + path + " is too long";
-        return nullptr;
-    }
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        *error = std::string("cannot open a socket: ") + std::strerror(errno);
-        return nullptr;
-    }
     const std::string silent = "binderd at " + path + " did not answer";
     // A stopped binderd fills its listen queue: connect then waits too.
-    setTimeouts(fd, kHelloTimeout);
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    const int fd = connectUnixSocket(path, kHelloTimeout);
+    if (fd < 0) {
         const int failure = errno;
-        close(fd);
-        if (failure == EAGAIN || failure == ETIMEDOUT) {
+        if (failure == ENAMETOOLONG) {
+            *error = "the socket path " + path + " is too long";
+        } else if (failure == EAGAIN || failure == ETIMEDOUT) {
             *error = silent;
         } else if (failure != ENOENT && failure != ECONNREFUSED) {
             *error = "cannot connect to binderd at " + path + ": " + std::strerror(failure);
@@ -70,7 +50,7 @@ std::unique_ptr<Connection> Connection::connect(const std::string& path, uint32_
         *error = "binderd at " + path + " answered the hello with frame " + std::to_string(command);
         return nullptr;
     }
-    setTimeouts(fd, std::chrono::seconds(0));
+    setSocketTimeouts(fd, std::chrono::seconds(0));
     return connection;
 }
 

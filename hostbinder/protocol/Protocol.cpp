@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 
+#include <hostbinder/Socket.h>
+
 namespace android::hostbinder {
 
 DecodeStatus decodeFrame(const uint8_t* buffer, size_t size, Frame* frame, size_t* consumed) {

@@ -378,9 +378,6 @@ void appendFrame(std::vector<uint8_t>* out, uint32_t command, const void* payloa
 void appendTransaction(std::vector<uint8_t>* out, uint32_t command, const TransactionHeader& header,
                        const uint8_t* data, const uint64_t* offsets);
 
-// Where binderd listens: $HOSTBINDER_SOCKET, else
-// $XDG_RUNTIME_DIR/hostbinder/binder, else /tmp/hostbinder-<uid>/binder.
-std::string defaultSocketPath();
 // Whether the path is the user's explicit choice ($HOSTBINDER_SOCKET).
 bool socketChosenByUser();
 // Why a client must not connect to `path`, or "" when it may: a socket the

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include <nlohmann/json.hpp>
+#include <hostbinder/Socket.h>
 #include <utils/String8.h>
 
 #include "command_line.h"

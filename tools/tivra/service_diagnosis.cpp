@@ -1,37 +1,11 @@
 #include "service_diagnosis.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cstring>
-
 #include <binder/ProcessState.h>
-
-#include "protocol/Protocol.h"
+#include <hostbinder/Socket.h>
 
 namespace tivra_cli {
-namespace {
 
-bool Accepts(const std::string& path) {
-    sockaddr_un address{};
-    if (path.size() >= sizeof(address.sun_path)) {
-        return false;
-    }
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return false;
-    }
-    const bool connected = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    close(fd);
-    return connected;
-}
-
-}  // namespace
-
-bool BinderdIsRunning() { return Accepts(android::hostbinder::defaultSocketPath()); }
+bool BinderdIsRunning() { return android::hostbinder::socketAccepts(android::hostbinder::defaultSocketPath()); }
 
 std::string ExplainUnavailableService() {
     // binderd turned this process away or did not answer: its reason first.
@@ -40,7 +14,7 @@ std::string ExplainUnavailableService() {
         return refusal;
     }
     const std::string path = android::hostbinder::defaultSocketPath();
-    if (!Accepts(path)) {
+    if (!android::hostbinder::socketAccepts(path)) {
         return "binderd is not running at " + path +
                ": start it with 'binderd &' (or point HOSTBINDER_SOCKET at a running one)";
     }

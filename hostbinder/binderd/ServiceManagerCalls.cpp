@@ -12,6 +12,7 @@
 #include <log/log.h>
 
 #include "Limits.h"
+#include "protocol/BinderObject.h"
 
 namespace android::binderd {
 
@@ -21,7 +22,6 @@ namespace {
 
 constexpr const char* kTag = "binderd";
 constexpr auto kLookupWait = std::chrono::seconds(5);
-constexpr uint32_t kObjectFlags = 0x13 | FLAT_BINDER_FLAG_ACCEPTS_FDS;
 // IServiceCallback's one method, one-way.
 constexpr uint32_t kOnRegistration = 1;
 
@@ -55,7 +55,7 @@ void writeBinder(Parcel* parcel, const BinderField& binder) {
     if (binder.handle != 0) {
         parcel->appendObject(offset);
     }
-    parcel->writeInt32(binder.handle == 0 ? 0 : binder.stability);
+    parcel->writeInt32(binder.handle == 0 ? kStabilityUndeclared : binder.stability);
 }
 
 // The binder field at the parcel's position; a null one when the object is
@@ -75,7 +75,7 @@ bool readBinder(const Parcel& data, BinderField* binder) {
         return true;
     }
     *binder = {object.handle, stability};
-    return stability == 3 || stability == 12 || stability == 63;
+    return isKnownStability(stability);
 }
 
 TransactionView viewOf(const Parcel& parcel) {
