@@ -9,13 +9,15 @@
 #include <binder/IBinder.h>
 #include <binder/Parcelable.h>
 
-namespace android {
-namespace {
+#include "protocol/ParcelWire.h"
 
-// The platform's strict-mode marker and partition header of an interface token.
-constexpr int32_t kStrictModePenaltyGather = static_cast<int32_t>(0x80000000u);
-constexpr int32_t kUnsetWorkSourceUid = -1;
-constexpr int32_t kSystemHeader = 0x53595354;  // 'SYST'
+namespace android {
+
+using hostbinder::kStrictModePenaltyGather;
+using hostbinder::kSystemHeader;
+using hostbinder::kUnsetWorkSourceUid;
+
+namespace {
 
 // A parcel never grows past what a signed 32-bit size can describe.
 constexpr size_t kMaxDataSize = static_cast<size_t>(std::numeric_limits<int32_t>::max());

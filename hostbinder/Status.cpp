@@ -3,8 +3,16 @@
 #include <binder/Parcel.h>
 #include <utils/String16.h>
 
+#include "protocol/ParcelWire.h"
+
 namespace android {
 namespace binder {
+
+// binderd's service manager writes the same codes.
+static_assert(Status::EX_NONE == hostbinder::kExNone && Status::EX_SECURITY == hostbinder::kExSecurity &&
+              Status::EX_ILLEGAL_ARGUMENT == hostbinder::kExIllegalArgument &&
+              Status::EX_NULL_POINTER == hostbinder::kExNullPointer &&
+              Status::EX_ILLEGAL_STATE == hostbinder::kExIllegalState);
 namespace {
 
 // Skips a block that starts with its own int32 size (the size counts those

@@ -25,7 +25,6 @@ namespace {
 using namespace android;
 using namespace android::hostbinder;
 using android::binderd::ConnectionId;
-constexpr int32_t kExNone = 0, kExSecurity = -1, kExIllegalArgument = -3, kExNullPointer = -4, kExIllegalState = -5;
 
 struct Sent {
     ConnectionId to;

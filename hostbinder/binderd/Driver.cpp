@@ -275,7 +275,7 @@ void Driver::processDied(Process& process) {
         process.todo.pop_front();
         abandon(transaction);
     }
-    removeServicesOf(process);
+    mServices.removeServicesOf(process);
     const auto nodes = process.nodes;
     for (const auto& entry : nodes) {
         notifyDeath(*entry.second);

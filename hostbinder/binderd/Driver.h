@@ -13,13 +13,9 @@
 #include <utils/Errors.h>
 
 #include "Outbox.h"
-#include "ServiceRegistry.h"
+#include "ServiceManager.h"
 #include "State.h"
 #include "TrafficReport.h"
-
-namespace android {
-class Parcel;
-}
 
 namespace android::binderd {
 
@@ -27,7 +23,7 @@ namespace android::binderd {
 // loop: sessions, routing of transactions, object translation, references,
 // death notices, the service manager at handle 0 and reports to the
 // connections watching the traffic.
-class Driver {
+class Driver : private ServiceManager::Host {
 public:
     using Clock = std::chrono::steady_clock;
 
@@ -41,9 +37,9 @@ public:
     void onDisconnect(ConnectionId id);
 
     // Bounded waits (getService) that are due.
-    void expireTimers(Clock::time_point now);
+    void expireTimers(Clock::time_point now) { mServices.expireTimers(now); }
     // When expireTimers next has work; max() when nothing waits.
-    Clock::time_point nextDeadline() const;
+    Clock::time_point nextDeadline() const { return mServices.nextDeadline(); }
 
     // "" when every table agrees with every counter, else the first
     // disagreement found (a bug in the driver, whatever its peers did).
@@ -224,35 +220,14 @@ private:
     // Fills in the record's target and returns its service name, if any.
     const std::u16string* describeTarget(const Node* target, hostbinder::TrafficRecord* record) const;
 
-    // --- service manager (ServiceManagerCalls.cpp) ---
-    void serveServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request);
-    void replyFromServiceManager(Thread& caller, const std::shared_ptr<Transaction>& request, const Parcel& reply,
-                                 status_t status);
-    // Each call's answer: the exception code, with a message beside it.
-    int32_t addService(const Process& registrant, const std::u16string& name, uint32_t handle, int32_t stability,
-                       std::string* message);
-    int32_t registerCallback(const Process& registrant, const std::u16string& name, uint32_t handle,
-                             std::string* message);
-    int32_t unregisterCallback(const std::u16string& name, uint32_t handle, std::string* message);
-    // Tells the callback at `callback` of the service under `name`, one-way.
-    void notifyRegistration(const std::u16string& name, uint32_t callback);
-    void answerLookup(Thread& caller, const std::shared_ptr<Transaction>& request, const std::u16string& name);
-    void answerWaiters();
-    // Its names, and the callbacks it registered or that it owns.
-    void removeServicesOf(const Process& process);
-    void releaseRequestHandles(const Transaction& request, uint32_t keptHandle);
-
-    struct LookupWaiter {
-        std::shared_ptr<Transaction> request;
-        std::u16string name;
-        Clock::time_point deadline;
-        uint64_t process = 0;  // the waiting process's token
-        DriverLedger::Holder holder;
-    };
-    // Removes the waiter at `it`, uncounting it from its process.
-    std::vector<LookupWaiter>::iterator dropWaiter(std::vector<LookupWaiter>::iterator it);
-    // Gives back what the registry forgot: names or callbacks of their registrants.
-    void uncountRegistrations(const std::vector<ServiceRegistry::Owner>& owners, Holding kind);
+    // --- the service manager's host (ServiceManagerHost.cpp) ---
+    bool takeOne(const Process& process, Holding kind) override;
+    void giveBack(const DriverLedger::Holder& holder, Holding kind, size_t amount) override;
+    void releaseServiceHandle(uint32_t handle, uint32_t count) override;
+    const Process* ownerOf(uint32_t handle) const override;
+    void reply(Thread& caller, const std::shared_ptr<Transaction>& request, const hostbinder::ParcelWriter& reply,
+               status_t status) override;
+    void sendOneway(uint32_t handle, uint32_t code, const hostbinder::ParcelWriter& data) override;
 
     Outbox& mOutbox;
     const bool mVerbose;
@@ -266,8 +241,7 @@ private:
     // holds the registered binders, and handle 0 of everyone is its node.
     Process mServiceManager;
     std::shared_ptr<Node> mContextNode;
-    ServiceRegistry mRegistry;
-    std::vector<LookupWaiter> mLookupWaiters;
+    ServiceManager mServices{*this};
     TrafficReport mTraffic;
     uint64_t mLastTransactionId = 0;
     std::map<uint64_t, std::unique_ptr<Channel>> mChannels;

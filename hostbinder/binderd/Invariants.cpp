@@ -113,7 +113,7 @@ std::string Driver::checkInvariants() const {
             ++holds[node.get()];
         }
     }
-    for (const LookupWaiter& waiter : mLookupWaiters) {
+    for (const ServiceManager::LookupWaiter& waiter : mServices.lookupWaiters()) {
         keep(waiter.request);
         ++expected[waiter.holder][kLookupsWaiting];
     }

@@ -57,12 +57,12 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
         if (oneway) {
             const OnewayAccepted accepted{0, 0, sender.revocations};
             mOutbox.send(thread.connection, kTransactionComplete, &accepted, sizeof(accepted));
-            releaseRequestHandles(*transaction, 0);
+            mServices.releaseRequestHandles(*transaction, 0);
             dropNodeRef(target);
             return true;
         }
         awaitReply(thread, transaction);
-        serveServiceManager(thread, transaction);
+        mServices.serve(thread, transaction);
         return true;
     }
     // Until delivery the transaction keeps its owner-bound binders alive.

@@ -55,7 +55,7 @@ const std::u16string* Driver::describeTarget(const Node* target, TrafficRecord* 
         return nullptr;
     }
     auto registered = mServiceManager.handleOfNode.find(target);
-    return registered == mServiceManager.handleOfNode.end() ? nullptr : mRegistry.nameOf(registered->second);
+    return registered == mServiceManager.handleOfNode.end() ? nullptr : mServices.registry().nameOf(registered->second);
 }
 
 void Driver::reportCall(const Process& sender, const Transaction& call, uint32_t handle) {
