@@ -511,12 +511,16 @@ TEST(AcrossProcesses, RowsTravelListenersAreCalledBackAndANullOneWayRecordIsSurv
     }
 
     // A one-way call whose record is null reaches no method, and the stub's
-    // status goes to a reply that nobody reads; the child serves on. One-way
-    // calls to one object run in order, so the next report is of code 3.
+    // status goes to a reply that nobody reads, whether the call came straight
+    // from this process or through binderd; the child serves on. The null
+    // calls report nothing, so the next report is of code 3.
     Parcel nullRecord;
     nullRecord.writeInterfaceToken(S(kNodes));
     nullRecord.writeInt32(0);
-    EXPECT_EQ(nodes->transact(IBinder::FIRST_CALL_TRANSACTION, nullRecord, nullptr, IBinder::FLAG_ONEWAY), OK);
+    for (const bool direct : {false, true}) {
+        ProcessState::self()->setDirectCalls(direct);
+        EXPECT_EQ(nodes->transact(IBinder::FIRST_CALL_TRANSACTION, nullRecord, nullptr, IBinder::FLAG_ONEWAY), OK);
+    }
     Bytes none;
     EXPECT_TRUE(FindRow(S(kNodes), 3)->send(nodes, &none).isOk());
     EXPECT_EQ(events.next(), "3 as sent");
