@@ -1,8 +1,8 @@
 // The three Binder interfaces of the device monitor service, one row per
 // transaction: what the proxy sends, what the stub hands its method, what the
 // method's answer puts in the reply and what the caller gets back, byte for
-// byte (the bytes are the contract with peers built by the platform's AIDL
-// compiler). Then the stub's refusals, the default implementation, and a few
+// byte (the bytes are what every other Binder peer of these interfaces
+// reads). Then the stub's refusals, the default implementation, and a few
 // rows between real processes.
 
 #include <binder/IPCThreadState.h>
