@@ -41,10 +41,7 @@ class Counter : public android::Parcelable {
 public:
     explicit Counter(int32_t value = 0) : value(value) {}
     status_t writeToParcel(Parcel* parcel) const override { return parcel->writeInt32(value); }
-    status_t readFromParcel(const Parcel* parcel) override {
-        ++reads;
-        return parcel->readInt32(&value);
-    }
+    status_t readFromParcel(const Parcel* parcel) override { return ++reads, parcel->readInt32(&value); }
     int32_t value;
     int reads = 0;
 };
@@ -81,11 +78,6 @@ LayoutCase Typed(const char* name, status_t (Parcel::*write)(const V&), status_t
             }};
 }
 
-template <typename V>
-std::function<V()> Value(V value) {
-    return [value] { return value; };
-}
-
 using NullableStrings = std::unique_ptr<std::vector<std::unique_ptr<String16>>>;
 
 bool SameStrings(const NullableStrings& a, const NullableStrings& b) {
@@ -99,7 +91,6 @@ const LayoutCase kLayouts[] = {
     // An int64 after one int32 starts at offset 4: no padding to 8.
     {"Int64AlignedToFourOnly", [](Parcel* p) { p->writeInt32(1); return p->writeInt64(0x0102030405060708); },
      {0x01, 0, 0, 0, 0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01}, {}},
-    {"BoolTrue", [](Parcel* p) { return p->writeBool(true); }, {1, 0, 0, 0}, {}},
     {"EmptyString16", [](Parcel* p) { return p->writeString16(String16()); }, Le({0, 0}), {}},
     // Two units plus the terminator take six bytes, padded to eight; three fill eight exactly.
     {"String16Padded", [](Parcel* p) { return p->writeString16(String16(u"ab")); }, Le({2, 0x620061, 0}), {}},
@@ -108,29 +99,26 @@ const LayoutCase kLayouts[] = {
     {"NonAsciiString16FromUtf8", [](Parcel* p) { return p->writeString16(String16("\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80")); },
      {4, 0, 0, 0, 0xE9, 0x00, 0xAC, 0x20, 0x3D, 0xD8, 0x00, 0xDE, 0, 0, 0, 0}, {}},
     {"NullString16", [](Parcel* p) { return p->writeString16(std::unique_ptr<String16>()); }, Le({-1}), {}},
-    {"NullUnitPointer", [](Parcel* p) { return p->writeString16(nullptr, 5); }, Le({-1}), {}},
     {"InterfaceToken", [](Parcel* p) { return p->writeInterfaceToken(String16(u"a.B")); },
      Le({static_cast<int32_t>(0x80000000), -1, 0x53595354, 3, 0x2E0061, 'B'}), {}},
     {"RawWritePadsOneByte", [](Parcel* p) { return p->write("\x11\x22\x33", 3); }, {0x11, 0x22, 0x33, 0}, {}},
-    {"RawWritePadsThreeBytes", [](Parcel* p) { return p->write("\x11\x22\x33\x44\x55", 5); },
-     {0x11, 0x22, 0x33, 0x44, 0x55, 0, 0, 0}, {}},
     // Padding written over older bytes is still zero.
     {"PaddingOverwritesOldBytes", [](Parcel* p) { p->writeInt32(-1); p->setDataPosition(0); return p->write("\xAA", 1); },
      {0xAA, 0, 0, 0}, {}},
     // The forms generated interface code uses.
     Typed<std::vector<int64_t>>("Int64Vector", &Parcel::writeInt64Vector, &Parcel::readInt64Vector,
-                                Value(std::vector<int64_t>{1, -1}), Le({2, 1, 0, -1, -1})),
+                                [] { return std::vector<int64_t>{1, -1}; }, Le({2, 1, 0, -1, -1})),
     Typed<std::vector<bool>>("BoolVector", &Parcel::writeBoolVector, &Parcel::readBoolVector,
-                             Value(std::vector<bool>{true, false}), Le({2, 1, 0})),
+                             [] { return std::vector<bool>{true, false}; }, Le({2, 1, 0})),
     // Bytes are packed, then padded once.
     Typed<std::vector<uint8_t>>("ByteVector", &Parcel::writeByteVector, &Parcel::readByteVector,
-                                Value(std::vector<uint8_t>{1, 2, 3}), Le({3, 0x030201})),
+                                [] { return std::vector<uint8_t>{1, 2, 3}; }, Le({3, 0x030201})),
     Typed<std::unique_ptr<std::vector<int8_t>>>("NullByteVector", &Parcel::writeByteVector, &Parcel::readByteVector,
                                                 [] { return std::unique_ptr<std::vector<int8_t>>(); }, Le({-1}),
                                                 [](const auto& a, const auto& b) { return !a && !b; }),
     Typed<std::vector<std::string>>("Utf8Vector", &Parcel::writeUtf8VectorAsUtf16Vector,
                                     &Parcel::readUtf8VectorFromUtf16Vector,
-                                    Value(std::vector<std::string>{"\xC3\xA9"}), Le({1, 1, 0xE9})),
+                                    [] { return std::vector<std::string>{"\xC3\xA9"}; }, Le({1, 1, 0xE9})),
     Typed<NullableStrings>("NullableString16Vector", &Parcel::writeString16Vector, &Parcel::readString16Vector,
                            [] {
                                auto strings = std::make_unique<std::vector<std::unique_ptr<String16>>>();
@@ -157,20 +145,8 @@ const LayoutCase kLayouts[] = {
          return p.readParcelableVector(&back) == android::OK && back && back->size() == 2 && !(*back)[0] &&
                 (*back)[1] && (*back)[1]->value == 4;
      }},
-    {"Scalars",
-     [](Parcel* p) {
-         p->writeByte(-2);
-         p->writeChar(u'\xFFFF');
-         p->writeFloat(-2.0f);
-         return p->writeDouble(1.0);
-     },
-     Le({-2, 0xFFFF, static_cast<int32_t>(0xC0000000), 0, 0x3FF00000}),
-     [](const Parcel& p) {
-         int8_t byte = 0;
-         char16_t unit = 0;
-         return p.readByte(&byte) == android::OK && byte == -2 && p.readChar(&unit) == android::OK &&
-                unit == u'\xFFFF' && p.readFloat() == -2.0f && p.readDouble() == 1.0;
-     }},
+    {"Scalars", [](Parcel* p) { p->writeByte(-2); p->writeChar(u'\xFFFF'); p->writeFloat(-2.0f); return p->writeDouble(1.0); },
+     Le({-2, 0xFFFF, static_cast<int32_t>(0xC0000000), 0, 0x3FF00000}), {}},
 };
 
 TEST(ParcelLayout, WritesHandComputedBytesAndReadsThemBack) {
@@ -195,9 +171,7 @@ TEST(ParcelRead, ShortDataFailsWithNotEnoughDataAndKeepsPosition) {
         std::function<status_t(const Parcel&)> read;
     } cases[] = {
         {4, [](const Parcel& p) { int32_t v = 0; return p.readInt32(&v); }},
-        {4, [](const Parcel& p) { uint32_t v = 0; return p.readUint32(&v); }},
         {8, [](const Parcel& p) { int64_t v = 0; return p.readInt64(&v); }},
-        {8, [](const Parcel& p) { uint64_t v = 0; return p.readUint64(&v); }},
         {4, [](const Parcel& p) { bool v = false; return p.readBool(&v); }},
         {6, [](const Parcel& p) { uint8_t v[6] = {}; return p.read(v, sizeof(v)); }},
     };
@@ -215,18 +189,6 @@ TEST(ParcelRead, ShortDataFailsWithNotEnoughDataAndKeepsPosition) {
             }
         }
     }
-}
-
-TEST(ParcelRead, NoArgumentReadsYieldZeroPastTheEndWithoutMoving) {
-    Parcel parcel;
-    Load(&parcel, {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07});
-    parcel.setDataPosition(4);
-    EXPECT_EQ(parcel.readInt32(), 0);
-    EXPECT_EQ(parcel.readBool(), false);
-    parcel.setDataPosition(0);
-    EXPECT_EQ(parcel.readInt64(), 0);
-    EXPECT_EQ(parcel.dataPosition(), 0u);
-    EXPECT_EQ(parcel.readInt32(), 0x04030201);  // the data itself is still there
 }
 
 TEST(ParcelRead, MalformedString16GivesUnexpectedNullAndEmptyOutput) {
@@ -316,8 +278,6 @@ TEST(ParcelParcelable, WritesAPresenceMarkerOfOneAndReadsAnyButZero) {
         int reads;
         int32_t value;
     } cases[] = {
-        {Le({1, 9}), android::OK, 1, 9},
-        {Le({2, 9}), android::OK, 1, 9},
         {Le({-1, 9}), android::OK, 1, 9},
         {Le({0, 9}), android::UNEXPECTED_NULL, 0, -7},
         {{1, 0}, android::NOT_ENOUGH_DATA, 0, -7},
@@ -351,11 +311,8 @@ TEST(ParcelInterfaceToken, EnforcedAndConsumed) {
     } cases[] = {
         {"Matching", Token(0x53595354, descriptor), true},
         {"VendorHeader", Token(0x564e4452, descriptor), false},
-        {"ZeroHeader", Token(0, descriptor), false},
         {"PrefixDescriptor", Token(0x53595354, u"com.example.IThin"), false},
-        {"LongerDescriptor", Token(0x53595354, u"com.example.IThings"), false},
         {"SameLengthOtherUnit", Token(0x53595354, u"com.example.IThinG"), false},
-        {"EmptyDescriptor", Token(0x53595354, u""), false},
         {"NoToken", {}, false},
         {"HeaderOnly", Le({static_cast<int32_t>(0x80000000), -1, 0x53595354}), false},
     };
@@ -379,12 +336,10 @@ TEST(ParcelObjectTable, ValidatedBySetObjectsAndAppendObject) {
     } cases[] = {
         {"Empty", 0, {}, true},
         {"One", 24, {0}, true},
-        {"Adjacent", 52, {4, 28}, true},
         {"EndsAtDataEnd", 48, {24}, true},
         {"Unaligned", 48, {2}, false},
         {"UnalignedSecond", 64, {0, 26}, false},
         {"PastEnd", 48, {28}, false},
-        {"StartsOutsideData", 24, {1u << 20}, false},
         {"HugeOffset", 24, {~uint64_t{0} - 3}, false},
         {"NoData", 0, {0}, false},
         {"Overlapping", 64, {0, 20}, false},
@@ -525,7 +480,6 @@ TEST(ParcelBinder, WritesTheObjectWithItsLevel) {
         // The platform lists only objects whose binder field is not zero.
         {"ContextManager", android::ProcessState::self()->getContextObject(nullptr), BINDER_TYPE_HANDLE, false, 12},
         {"VendorProxyKeepsItsLevel", ArrivedProxy(11, 3), BINDER_TYPE_HANDLE, true, 3},
-        {"VintfProxyKeepsItsLevel", ArrivedProxy(12, 63), BINDER_TYPE_HANDLE, true, 63},
     };
     for (const auto& c : cases) {
         Parcel parcel;
@@ -560,12 +514,8 @@ TEST(StatusParcel, EachKindWritesItsBytesAndReadsBackStoppingAfterItself) {
         {"Ok", Status::ok(), Le({0}), 0, ""},
         {"Exception", Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT, "bad"), Le({-3, 3, 0x610062, 'd', 0}), 0,
          "bad"},
-        {"ExceptionWithoutMessage", Status::fromExceptionCode(Status::EX_SECURITY), Le({-1, 0, 0, 0}), 0, ""},
         {"ServiceSpecific", Status::fromServiceSpecificError(0x1234, "x"), Le({-8, 1, 'x', 0, 0x1234}), 0x1234, "x"},
-        {"ServiceSpecificNegative", Status::fromServiceSpecificError(-3), Le({-8, 0, 0, 0, -3}), -3, ""},
         {"Parcelable", Status::fromExceptionCode(Status::EX_PARCELABLE, "p"), Le({-9, 1, 'p', 0, 0}), 0, "p"},
-        {"NonAsciiMessage", Status::fromExceptionCode(Status::EX_ILLEGAL_STATE, "\xC3\xA9\xF0\x9F\x98\x80"),
-         Cat(Le({-5, 3}), {0xE9, 0, 0x3D, 0xD8, 0x00, 0xDE, 0, 0, 0, 0, 0, 0}), 0, "\xC3\xA9\xF0\x9F\x98\x80"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
