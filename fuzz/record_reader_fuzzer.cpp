@@ -12,12 +12,8 @@
 #include "node_basic_info_inner.h"
 #include "node_basic_info_list.h"
 
-namespace {
-void DiscardLog(const struct __android_logger_data*, const char*) {}
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool quiet = (__android_log_set_logger(DiscardLog), true);
+    static const bool quiet = (__android_log_set_logger([](const struct __android_logger_data*, const char*) {}), true);
     (void)quiet;
     android::Parcel parcel;
     if (parcel.setData(data, size) != android::OK) {

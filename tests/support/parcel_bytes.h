@@ -14,6 +14,11 @@ using Bytes = std::vector<uint8_t>;
 // What the parcel holds, start to end.
 inline Bytes Contents(const android::Parcel& parcel) { return Bytes(parcel.data(), parcel.data() + parcel.dataSize()); }
 
+// Replaces what the parcel holds with `bytes`, positioned at the start.
+inline android::status_t Load(android::Parcel* parcel, const Bytes& bytes) {
+    return parcel->setData(bytes.data(), bytes.size());
+}
+
 // 32-bit words, little-endian, as a parcel lays them out.
 inline Bytes Le(std::initializer_list<int32_t> words) {
     Bytes bytes;
