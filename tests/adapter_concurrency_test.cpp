@@ -13,7 +13,6 @@
 
 #include "adapter_recorders.h"
 #include "monitord_fixture.h"
-#include "tivra/tivra_adapter.h"
 
 namespace tivra_test {
 namespace {
@@ -22,8 +21,6 @@ using namespace Communication;
 
 // Generous: under ThreadSanitizer, with the service restarting, a round is slow.
 constexpr auto kRoundTimeout = std::chrono::seconds(30);
-
-std::shared_ptr<TivraAdapter> Adapter() { return TivraAdapter::GetInstance(); }
 
 TEST(AdapterInstance, ThreadsRacingForTheFirstInstanceGetTheSameOne) {
     RunInOwnProcess([] {

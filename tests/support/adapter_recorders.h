@@ -1,5 +1,9 @@
 #pragma once
+// Client objects that record what the adapter told them, for the adapter's
+// tests: Binder threads add, the test waits with a timeout.
+#include <android/log.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -8,17 +12,13 @@
 #include <string>
 #include <vector>
 
-#include <algorithm>
-
-#include <android/log.h>
-
 #include "log_capture.h"
 #include "tivra/tivra_adapter.h"
 
 namespace tivra_test {
 
-// What client callbacks were told, in arrival order; Binder threads add,
-// the test waits with a timeout.
+inline std::shared_ptr<Communication::TivraAdapter> Adapter() { return Communication::TivraAdapter::GetInstance(); }
+
 template <typename Event>
 class EventLog {
 public:
@@ -33,10 +33,7 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return events_;
     }
-    size_t Size() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return events_.size();
-    }
+    size_t Size() const { return Events().size(); }
     bool WaitForSize(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return events_.size() >= count; });
@@ -53,13 +50,12 @@ struct DeviceEvent {
     std::shared_ptr<Communication::TivraDeviceInfo> device;
 };
 
-// A TivraListener that records its calls and then runs an optional hook
-// (for listeners that call the adapter from inside a callback).
+// Records its calls, then runs an optional hook (a listener that calls the
+// adapter from inside a callback).
 class RecordingListener : public Communication::TivraListener {
 public:
     using Hook = std::function<void(const DeviceEvent&)>;
     explicit RecordingListener(Hook hook = nullptr) : hook_(std::move(hook)) {}
-
     void OnDeviceOnline(std::shared_ptr<Communication::TivraDeviceInfo> device) override { Record({true, device}); }
     void OnDeviceOffline(std::shared_ptr<Communication::TivraDeviceInfo> device) override { Record({false, device}); }
 

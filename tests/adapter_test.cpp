@@ -1,0 +1,668 @@
+// The public adapter against tivra-monitord in another process, each case in a
+// process of its own (a fresh adapter): finding and caching the service, the
+// records of the queries, failed calls made by the service's fault plan, the
+// three registries, callbacks, the service's death, and a client process.
+#include <signal.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <functional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "adapter_recorders.h"
+#include "log_capture.h"
+#include "monitord_fixture.h"
+
+namespace tivra_test {
+namespace {
+
+using namespace Communication;
+using nlohmann::json;
+
+constexpr int kStale = 42;
+const std::string kLocal = "Desk Laptop|dev-local|LAPTOP|10.0.0.2";
+constexpr const char* kDeathNotice = "binderDied: receive death notify, clear pravik service is success";
+
+std::string Text(const std::shared_ptr<TivraDeviceInfo>& d) {
+    return d ? d->GetDeviceName() + "|" + d->GetDeviceId() + "|" + d->GetDeviceType() + "|" + d->GetDeviceIp() : "null";
+}
+std::string Text(const std::shared_ptr<NodeBasicInfo>& n) {
+    return n ? n->GetName() + "|" + std::to_string(n->GetDeviceType()) + "|" + n->GetNodeId() : "null";
+}
+std::string LocalDevice(int& errCode) { return Text(Adapter()->GetLocalDevice(errCode)); }
+
+json Device(const std::string& n) {
+    return {{"name", "Gerät " + n + " ✓"}, {"id", "dev-" + n}, {"type", "TYPE-" + n}, {"ip", "10.1.0." + n}};
+}
+void Emit(const MonitordSession& session, const json& event) {
+    const auto result = session.Control().Emit(event);
+    ASSERT_TRUE(result.ok) << result.error;
+}
+int64_t Registered(const MonitordSession& session, const char* kind) {
+    const auto result = session.Control().Listeners();
+    return result.ok ? result.value.at(kind).get<int64_t>() : -1;
+}
+// Makes the next call of `method` fail once in the way `fault` says.
+void FailNextCall(const MonitordSession& session, const std::string& method, json fault) {
+    fault["op"] = "fault";
+    fault["method"] = method;
+    fault["times"] = 1;
+    const auto result = session.Control().Run(fault);
+    ASSERT_TRUE(result.ok) << result.error;
+}
+
+// A call that must fail, with the one error line it logs.
+struct Failure {
+    const char* message;
+    std::function<bool()> fails;
+};
+void ExpectFailures(LogCapture& log, const std::vector<Failure>& failures) {
+    for (const Failure& failure : failures) {
+        SCOPED_TRACE(failure.message);
+        log.Clear();
+        EXPECT_TRUE(failure.fails());
+        EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, failure.message));
+        EXPECT_EQ(log.Lines().size(), 1u) << "one failure, one line";
+    }
+}
+
+// Every operation while no service is registered; argument checks that come
+// before the lookup win. The next call after the service came finds it.
+TEST(AdapterConnection, AbsentServiceFailsEveryOperationUntilItAppears) {
+    RunInOwnProcess([] {
+        MonitordSession session;
+        ASSERT_TRUE(session.ready()) << session.error();
+        LogCapture log;
+        const auto listener = std::make_shared<RecordingListener>();
+        const auto node = std::make_shared<RecordingNodeListener>();
+        const auto notifier = std::make_shared<RecordingNotifier>();
+        const auto absent = [](const char* operation) { return std::string(operation) + ": get pravik service failed"; };
+        const std::vector<std::pair<std::string, std::function<bool()>>> cases = {
+            {absent("GetLocalDevice"), [] { int e = kStale; return !Adapter()->GetLocalDevice(e) && e == 1; }},
+            {absent("GetAllDevices"), [] { int e = kStale; return Adapter()->GetAllDevices(e).empty() && e == 1; }},
+            {absent("RegisterCallback"), [&] { return !Adapter()->RegisterCallback(listener); }},
+            {absent("RegisterCallback"), [&] { return !Adapter()->RegisterCallback(nullptr); }},
+            {absent("UnregisterCallback"), [&] { return !Adapter()->UnregisterCallback(listener); }},
+            {absent("LinkToDeath"), [&] { return !Adapter()->LinkToDeath(notifier); }},
+            {absent("UnlinkToDeath"), [&] { return !Adapter()->UnlinkToDeath(nullptr); }},
+            {absent("AddDeviceChangeListener"), [&] { return !Adapter()->AddDeviceChangeListener(node); }},
+            {"AddDeviceChangeListener: listener is nullptr", [] { return !Adapter()->AddDeviceChangeListener(nullptr); }},
+            {absent("RemoveDeviceChangeListener"), [&] { return Adapter()->RemoveDeviceChangeListener(node), true; }},
+            {"RemoveDeviceChangeListener: listener is nullptr",
+             [] { return Adapter()->RemoveDeviceChangeListener(nullptr), true; }},
+            {absent("GetLocalBasicInfo"), [] { return !Adapter()->GetLocalBasicInfo(); }},
+            {absent("getRemoteNodeBasicInfo"), [] { return !Adapter()->GetRemoteNodeBasicInfo("node-cam"); }},
+            {"GetRemoteNodeBasicInfo: nodeId is empty", [] { return !Adapter()->GetRemoteNodeBasicInfo(""); }},
+            {absent("getRemoteNodesBasicInfo"), [] { return Adapter()->GetRemoteNodesBasicInfo().empty(); }},
+            {absent("GetNodeExtInfo"), [] { return Adapter()->GetNodeExtInfo("node-cam", DEVICE_NAME).empty(); }},
+            {"GetNodeExtInfo: nodeId or key is empty", [] { return Adapter()->GetNodeExtInfo("node-cam", "").empty(); }},
+            {"GetNodeExtInfo: nodeId or key is empty", [] { return Adapter()->GetNodeExtInfo("", DEVICE_NAME).empty(); }},
+            {absent("GetUdidByNodeId"), [] { return Adapter()->GetUdidByNodeId("node-cam").empty(); }},
+            {"GetUdidByNodeId: nodeId is empty", [] { return Adapter()->GetUdidByNodeId("").empty(); }},
+            {absent("GetUuidByNodeId"), [] { return Adapter()->GetUuidByNodeId("node-cam").empty(); }},
+            {"GetUuidByNodeId: nodeId is empty", [] { return Adapter()->GetUuidByNodeId("").empty(); }},
+        };
+        std::vector<Failure> failures;
+        for (const auto& [message, fails] : cases) failures.push_back({message.c_str(), fails});
+        ExpectFailures(log, failures);
+
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        int errCode = kStale;
+        EXPECT_EQ(LocalDevice(errCode), kLocal);
+        EXPECT_EQ(errCode, 0);
+    });
+}
+
+// Once found, the service is kept: its calls go on over their direct channel
+// while binderd is stopped (a lookup would wait for binderd), and another
+// process cannot take its name. Only its death makes the adapter look again.
+TEST(AdapterConnection, CachedProxyServesUntilTheServiceDies) {
+    RunInOwnProcess([] {
+        MonitordSession session;
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        const auto notifier = std::make_shared<RecordingNotifier>();
+        ASSERT_TRUE(Adapter()->LinkToDeath(notifier));
+
+        // One thread, so that its calls keep the channel it has.
+        EventLog<std::string> answers;
+        EventLog<bool> binderdStopped;
+        std::thread caller([&] {
+            for (int i = 0; i < 3; ++i) {
+                int errCode = kStale;
+                answers.Add(LocalDevice(errCode));
+            }
+            binderdStopped.WaitForSize(1);
+            int errCode = kStale;
+            answers.Add(LocalDevice(errCode));
+        });
+        EXPECT_TRUE(answers.WaitForSize(3));
+        kill(session.binderd().binderdPid(), SIGSTOP);
+        binderdStopped.Add(true);
+        const bool answered = answers.WaitForSize(4, std::chrono::seconds(5));
+        kill(session.binderd().binderdPid(), SIGCONT);
+        caller.join();
+        EXPECT_TRUE(answered) << "the call waited for binderd: the service was looked up again";
+        EXPECT_EQ(answers.Events(), std::vector<std::string>(4, kLocal));
+
+        json other = QuietScenario();
+        other["localDevice"] = {{"name", "Other Laptop"}, {"id", "dev-other"}, {"type", "LAPTOP"}, {"ip", "10.0.0.9"}};
+        const pid_t first = session.servicePid();
+        ASSERT_FALSE(session.StartService(other));
+        EXPECT_NE(session.error().find("is already registered by another process"), std::string::npos);
+        int errCode = kStale;
+        EXPECT_EQ(LocalDevice(errCode), kLocal);
+
+        ASSERT_TRUE(session.KillService(first));
+        ASSERT_TRUE(notifier->deaths.WaitForSize(1));
+        ASSERT_TRUE(session.StartService(other)) << session.error();
+        EXPECT_EQ(LocalDevice(errCode), "Other Laptop|dev-other|LAPTOP|10.0.0.9");
+        EXPECT_EQ(errCode, 0);
+    });
+}
+
+TEST(Queries, HandOutNewRecordsInTheServiceOrderAndTheEmptyResultForAnUnknownNode) {
+    RunInOwnProcess([] {
+        MonitordSession session;
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        LogCapture log;
+        int errCode = kStale;
+        const auto first = Adapter()->GetLocalDevice(errCode);
+        EXPECT_NE(Adapter()->GetLocalDevice(errCode), first) << "records are not shared";
+        const auto devices = Adapter()->GetAllDevices(errCode);
+        EXPECT_EQ(errCode, 0);
+        ASSERT_EQ(devices.size(), 3u);
+        EXPECT_EQ(Text(devices[0]), kLocal);
+        EXPECT_EQ(Text(devices[1]), "Hall Camera|dev-cam|CAMERA|10.0.0.3");
+        EXPECT_EQ(Text(devices[2]), "Gartenlicht ☀|dev-light|LIGHT|10.0.0.4");
+        EXPECT_NE(Adapter()->GetAllDevices(errCode)[0], devices[0]) << "records are not shared";
+
+        const std::string light = "nœud-lumière-光";
+        const auto local = Adapter()->GetLocalBasicInfo();
+        EXPECT_EQ(Text(local), "Desk Laptop|12|node-local");
+        EXPECT_NE(Adapter()->GetLocalBasicInfo(), local);
+        const auto remotes = Adapter()->GetRemoteNodesBasicInfo();
+        ASSERT_EQ(remotes.size(), 2u);
+        EXPECT_EQ(Text(remotes.front()), "Hall Camera|156|node-cam");
+        EXPECT_EQ(Text(remotes.back()), "Gartenlicht ☀|10|" + light);
+        EXPECT_EQ(Text(Adapter()->GetRemoteNodeBasicInfo(light)), "Gartenlicht ☀|10|" + light);
+        EXPECT_EQ(Adapter()->GetNodeExtInfo("node-local", GROUP_INFO), "Küche ✓ 家");
+        EXPECT_EQ(Adapter()->GetNodeExtInfo("node-local", BR_MAC), "") << "a key without value";
+        EXPECT_EQ(Adapter()->GetUdidByNodeId(light), "UDID-LIGHT-ü");
+        EXPECT_EQ(Adapter()->GetUuidByNodeId("node-cam"), "uuid-cam");
+        // The id is sent up to its first NUL character.
+        EXPECT_EQ(Adapter()->GetUdidByNodeId(std::string("node-cam\0-ignored", 17)), "UDID-CAM");
+        EXPECT_EQ(ErrorLines(log), 0u) << "success logs no failure";
+
+        ExpectFailures(log, {
+            {"getRemoteNodeBasicInfo: get remote node basic info by nodeId binder invoke failed",
+             [] { return !Adapter()->GetRemoteNodeBasicInfo("node-gone"); }},
+            {"GetNodeExtInfo: get node extinfo binder invoke failed",
+             [] { return Adapter()->GetNodeExtInfo("node-gone", DEVICE_NAME).empty(); }},
+            {"GetUdidByNodeId: get udid by nodeId binder invoke failed",
+             [] { return Adapter()->GetUdidByNodeId("node-gone").empty(); }},
+            {"GetUuidByNodeId: get uuid by nodeId binder invoke failed",
+             [] { return Adapter()->GetUuidByNodeId("node-gone").empty(); }},
+        });
+
+        for (const auto& [op, key, id] : std::vector<std::tuple<const char*, const char*, std::string>>{
+                 {"removeDevice", "deviceId", "dev-local"}, {"removeDevice", "deviceId", "dev-cam"},
+                 {"removeDevice", "deviceId", "dev-light"}, {"removeNode", "nodeId", "node-cam"},
+                 {"removeNode", "nodeId", light}}) {
+            ASSERT_TRUE(session.Control().Run({{"op", op}, {key, id}}).ok);
+        }
+        log.Clear();
+        errCode = kStale;
+        EXPECT_TRUE(Adapter()->GetAllDevices(errCode).empty());
+        EXPECT_EQ(errCode, 0) << "no device is a success";
+        EXPECT_TRUE(Adapter()->GetRemoteNodesBasicInfo().empty());
+        EXPECT_EQ(ErrorLines(log), 0u);
+    });
+}
+
+// How a call can fail on the wire: an exception status, a failed
+// transaction, or an OK status followed by an output that cannot be read.
+const std::vector<std::pair<const char*, json>> kCallFaults = {
+    {"exception", {{"kind", "exception"}, {"code", -5}, {"message", "simulated illegal state"}}},
+    {"service-specific exception", {{"kind", "exception"}, {"code", -8}, {"serviceCode", 7}}},
+    {"transport failure", {{"kind", "transport"}, {"code", -22}}},
+};
+
+TEST(QueryFailures, EveryFailureKindGivesTheEmptyResultErrCodeTwoAndTheCallMessage) {
+    RunInOwnProcess([] {
+        MonitordSession session;
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        LogCapture log;
+        // errCode is -1 for the queries that do not report one.
+        const std::vector<std::tuple<const char*, const char*, std::function<bool(int&)>>> queries = {
+            {"getLocalDevice", "get local device info binder invoke failed",
+             [](int& e) { return !Adapter()->GetLocalDevice(e); }},
+            {"getAllDevices", "get all same count device info binder invoke failed",
+             [](int& e) { return Adapter()->GetAllDevices(e).empty(); }},
+            {"getLocalBasicInfo", "GetLocalBasicInfo: get local node basic info binder invoke failed",
+             [](int& e) { return e = -1, !Adapter()->GetLocalBasicInfo(); }},
+            {"getRemoteNodeBasicInfo", "getRemoteNodeBasicInfo: get remote node basic info by nodeId binder invoke failed",
+             [](int& e) { return e = -1, !Adapter()->GetRemoteNodeBasicInfo("node-cam"); }},
+            {"getRemoteNodesBasicInfo", "getRemoteNodesBasicInfo: get remote nodes basic info list binder invoke failed",
+             [](int& e) { return e = -1, Adapter()->GetRemoteNodesBasicInfo().empty(); }},
+            {"getNodeExtInfo", "GetNodeExtInfo: get node extinfo binder invoke failed",
+             [](int& e) { return e = -1, Adapter()->GetNodeExtInfo("node-local", DEVICE_NAME).empty(); }},
+            {"getUdidByNodeId", "GetUdidByNodeId: get udid by nodeId binder invoke failed",
+             [](int& e) { return e = -1, Adapter()->GetUdidByNodeId("node-cam").empty(); }},
+            {"getUuidByNodeId", "GetUuidByNodeId: get uuid by nodeId binder invoke failed",
+             [](int& e) { return e = -1, Adapter()->GetUuidByNodeId("node-cam").empty(); }},
+        };
+        auto faults = kCallFaults;
+        faults.push_back({"unreadable reply", {{"kind", "corruptReply"}}});
+        for (const auto& [method, message, empty] : queries) {
+            for (const auto& [name, fault] : faults) {
+                SCOPED_TRACE(std::string(method) + " with " + name);
+                FailNextCall(session, method, fault);
+                log.Clear();
+                int errCode = kStale;
+                EXPECT_TRUE(empty(errCode));
+                EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, message));
+                EXPECT_TRUE(errCode == 2 || errCode == -1) << errCode;
+                // The fault is used up and the cached proxy still serves.
+                EXPECT_FALSE(empty(errCode));
+                EXPECT_TRUE(errCode == 0 || errCode == -1) << errCode;
+            }
+        }
+    });
+}
+
+// The three registries seen the same way. Clients are shared_ptr<void> here;
+// each registry casts them back to its own type.
+using Client = std::shared_ptr<void>;
+struct Registry {
+    const char* name;
+    std::function<Client()> make;
+    std::function<bool(const Client&)> add;
+    // True when the removal went through (RemoveDeviceChangeListener says so
+    // only by logging nothing).
+    std::function<bool(const Client&, const LogCapture&)> remove;
+    const char *duplicate, *notRegistered, *addNull, *removeNull;
+    // Where the service keeps count and its methods; null for notifiers,
+    // which only the adapter keeps.
+    const char *serviceCount, *addMethod, *removeMethod, *addFailed, *removeFailed, *refused;
+};
+
+const std::vector<Registry>& Registries() {
+    static const std::vector<Registry> registries = {
+        {"device change listeners", [] { return Client(std::make_shared<RecordingListener>()); },
+         [](const Client& c) { return Adapter()->RegisterCallback(std::static_pointer_cast<RecordingListener>(c)); },
+         [](const Client& c, const LogCapture&) {
+             return Adapter()->UnregisterCallback(std::static_pointer_cast<RecordingListener>(c));
+         },
+         "the listener has already registed", "the listener do not register yet", "register callback is null pointer",
+         "unregister callback is null pointer", "deviceChange", "addOnDeviceChangeListener",
+         "removeOnDeviceChangeListener", "register callback binder invoke failed",
+         "unregister callback binder invoke failed", nullptr},
+        {"node listeners", [] { return Client(std::make_shared<RecordingNodeListener>()); },
+         [](const Client& c) {
+             return Adapter()->AddDeviceChangeListener(std::static_pointer_cast<RecordingNodeListener>(c));
+         },
+         [](const Client& c, const LogCapture& log) {
+             const size_t errors = ErrorLines(log);
+             Adapter()->RemoveDeviceChangeListener(std::static_pointer_cast<RecordingNodeListener>(c));
+             return ErrorLines(log) == errors;
+         },
+         "AddDeviceChangeListener: the listener has already been added to remote service",
+         "RemoveDeviceChangeListener: the listener has not been added to remote service yet",
+         "AddDeviceChangeListener: listener is nullptr", "RemoveDeviceChangeListener: listener is nullptr", "device",
+         "addDeviceChangeListener", "removeDeviceChangeListener",
+         "AddDeviceChangeListener: add device change listener binder invoke failed",
+         "RemoveDeviceChangeListener: remove device change listener binder invoke failed",
+         "AddDeviceChangeListener: service add listener failed"},
+        {"death notifiers", [] { return Client(std::make_shared<RecordingNotifier>()); },
+         [](const Client& c) { return Adapter()->LinkToDeath(std::static_pointer_cast<RecordingNotifier>(c)); },
+         [](const Client& c, const LogCapture&) {
+             return Adapter()->UnlinkToDeath(std::static_pointer_cast<RecordingNotifier>(c));
+         },
+         "the notifier has already linked to death", "the notifier do not link to death yet",
+         "link to death is null pointer", "unlink to death is null pointer", nullptr, nullptr, nullptr, nullptr,
+         nullptr, nullptr},
+    };
+    return registries;
+}
+
+// A client is identified by its address, whatever shared pointer names it;
+// the service sees one registration per accepted add.
+TEST(Registries, IdentifyClientsByObjectAndAcceptThemAgainAfterRemoval) {
+    RunInOwnProcess([] {
+        MonitordSession session;
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        LogCapture log;
+        for (const Registry& r : Registries()) {
+            SCOPED_TRACE(r.name);
+            const auto calls = [&](const char* method) { return method ? session.Control().CallCount(method) : 0; };
+            const auto expectRegistered = [&](int64_t count) {
+                if (r.serviceCount) EXPECT_EQ(Registered(session, r.serviceCount), count);
+            };
+            const Client client = r.make(), other = r.make();
+            const Client alias(std::make_shared<int>(0), client.get());  // another owner, the same object
+            const int64_t removes = calls(r.removeMethod);
+            log.Clear();
+            EXPECT_FALSE(r.remove(client, log));
+            EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, r.notRegistered));
+            EXPECT_EQ(calls(r.removeMethod), removes) << "the service was asked";
+
+            EXPECT_TRUE(r.add(client));
+            const int64_t adds = calls(r.addMethod);
+            log.Clear();
+            EXPECT_FALSE(r.add(alias));
+            EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, r.duplicate));
+            EXPECT_EQ(calls(r.addMethod), adds) << "the service was asked";
+            expectRegistered(1);
+
+            EXPECT_TRUE(r.remove(alias, log));
+            expectRegistered(0);
+            EXPECT_TRUE(r.add(client)) << "registered again after its removal";
+            EXPECT_TRUE(r.add(other));
+            expectRegistered(2);
+            EXPECT_TRUE(r.remove(client, log));
+            EXPECT_TRUE(r.remove(other, log));
+            expectRegistered(0);
+
+            log.Clear();
+            EXPECT_FALSE(r.add(nullptr));
+            EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, r.addNull));
+            EXPECT_FALSE(r.remove(nullptr, log));
+            EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, r.removeNull));
+        }
+    });
+}
+
+TEST(Registries, FailedAddStoresNothingAndFailedRemovalKeepsTheRegistration) {
+    RunInOwnProcess([] {
+        MonitordSession session;
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        LogCapture log;
+        for (const Registry& r : Registries()) {
+            if (r.serviceCount == nullptr) continue;
+            const Client client = r.make();
+            std::vector<std::tuple<const char*, json, const char*>> addFaults;
+            for (const auto& [name, fault] : kCallFaults) addFaults.emplace_back(name, fault, r.addFailed);
+            if (r.refused) addFaults.emplace_back("refusal", json{{"kind", "refuse"}}, r.refused);
+            for (const auto& [name, fault, message] : addFaults) {
+                SCOPED_TRACE(std::string(r.name) + ", add with " + name);
+                FailNextCall(session, r.addMethod, fault);
+                log.Clear();
+                EXPECT_FALSE(r.add(client));
+                EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, message));
+                EXPECT_EQ(Registered(session, r.serviceCount), 0);
+                const int64_t adds = session.Control().CallCount(r.addMethod);
+                EXPECT_TRUE(r.add(client)) << "a failed add counted as registered";
+                EXPECT_EQ(session.Control().CallCount(r.addMethod), adds + 1);
+                ASSERT_TRUE(r.remove(client, log));
+            }
+
+            ASSERT_TRUE(r.add(client));
+            for (const auto& [name, fault] : kCallFaults) {
+                SCOPED_TRACE(std::string(r.name) + ", removal with " + name);
+                FailNextCall(session, r.removeMethod, fault);
+                log.Clear();
+                EXPECT_FALSE(r.remove(client, log));
+                EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, r.removeFailed));
+                EXPECT_EQ(Registered(session, r.serviceCount), 1);
+            }
+            // Kept: another add is a duplicate, and the retried removal names
+            // the wrapper that the service holds.
+            EXPECT_FALSE(r.add(client));
+            EXPECT_TRUE(r.remove(client, log));
+            EXPECT_EQ(Registered(session, r.serviceCount), 0);
+            EXPECT_FALSE(r.remove(client, log));
+        }
+    });
+}
+
+// Each listener gets new records with the service's fields, in the order
+// sent; change kinds beyond the three known ones arrive as unknown.
+TEST(Callbacks, ListenersGetNewRecordsAndMappedKindsInTheOrderSent) {
+    RunInOwnProcess([] {
+        MonitordSession session;
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        const std::vector<std::shared_ptr<RecordingListener>> listeners = {std::make_shared<RecordingListener>(),
+                                                                           std::make_shared<RecordingListener>()};
+        for (const auto& listener : listeners) ASSERT_TRUE(Adapter()->RegisterCallback(listener));
+        const auto nodes = std::make_shared<RecordingNodeListener>();
+        ASSERT_TRUE(Adapter()->AddDeviceChangeListener(nodes));
+        LogCapture log;
+
+        constexpr int kDevices = 20;
+        for (int i = 0; i < kDevices; ++i) Emit(session, {{"event", "deviceOnline"}, {"device", Device(std::to_string(i))}});
+        for (int i = 0; i < kDevices; ++i) Emit(session, {{"event", "deviceOffline"}, {"deviceId", "dev-" + std::to_string(i)}});
+        const std::string nodeId = "节点-ß-ø";
+        const std::vector<std::pair<int32_t, DeviceInfoType>> kinds = {
+            {1, DEVICE_INFO_TYPE_1},       {2, DEVICE_INFO_TYPE_2},        {3, DEVICE_INFO_TYPE_3},
+            {0, DEVICE_INFO_TYPE_UNKNOWN}, {4, DEVICE_INFO_TYPE_UNKNOWN},  {-1, DEVICE_INFO_TYPE_UNKNOWN},
+            {INT32_MIN, DEVICE_INFO_TYPE_UNKNOWN}};
+        Emit(session, {{"event", "nodeOnline"}, {"node", {{"name", "Sensor ✓"}, {"deviceType", 0x11}, {"nodeId", nodeId}}}});
+        for (const auto& kind : kinds) Emit(session, {{"event", "nodeInfoChanged"}, {"nodeId", nodeId}, {"kind", kind.first}});
+        Emit(session, {{"event", "nodeOffline"}, {"nodeId", nodeId}});
+
+        std::set<const TivraDeviceInfo*> records;
+        for (const auto& listener : listeners) {
+            ASSERT_TRUE(listener->log.WaitForSize(2 * kDevices));
+            const std::vector<DeviceEvent> events = listener->log.Events();
+            ASSERT_EQ(events.size(), 2u * kDevices);
+            for (size_t k = 0; k < events.size(); ++k) {
+                const json sent = Device(std::to_string(k % kDevices));
+                EXPECT_EQ(events[k].online, k < kDevices) << k;
+                EXPECT_EQ(Text(events[k].device), sent["name"].get<std::string>() + "|" + sent["id"].get<std::string>() +
+                                                      "|" + sent["type"].get<std::string>() + "|" +
+                                                      sent["ip"].get<std::string>());
+                records.insert(events[k].device.get());
+            }
+        }
+        EXPECT_EQ(records.size(), 2u * 2u * kDevices) << "a record was handed out twice";
+
+        const size_t expected = 2 + kinds.size();
+        ASSERT_TRUE(nodes->log.WaitForSize(expected));
+        const std::vector<NodeEvent> events = nodes->log.Events();
+        ASSERT_EQ(events.size(), expected);
+        EXPECT_EQ(events.front().kind, NodeEvent::Online);
+        EXPECT_EQ(events.back().kind, NodeEvent::Offline);
+        EXPECT_EQ(Text(events.front().node), "Sensor ✓|17|" + nodeId);
+        EXPECT_EQ(Text(events.back().node), "Sensor ✓|17|" + nodeId);
+        EXPECT_NE(events.front().node, events.back().node);
+        size_t unknown = 0;
+        for (size_t k = 0; k < kinds.size(); ++k) {
+            SCOPED_TRACE("kind " + std::to_string(kinds[k].first));
+            EXPECT_EQ(events[k + 1].kind, NodeEvent::InfoChanged);
+            EXPECT_EQ(events[k + 1].nodeId, nodeId);
+            EXPECT_EQ(events[k + 1].type, kinds[k].second);
+            EXPECT_TRUE(log.Contains(ANDROID_LOG_INFO, "onDeviceInfoChanged: type is " + std::to_string(kinds[k].first)));
+            unknown += kinds[k].second == DEVICE_INFO_TYPE_UNKNOWN ? 1 : 0;
+        }
+        EXPECT_EQ(log.Count("onDeviceInfoChanged: type is unknown"), unknown);
+        EXPECT_EQ(ErrorLines(log), unknown);
+    });
+}
+
+// A callback runs with no adapter lock held: it may query, unregister itself
+// and register another listener.
+TEST(Callbacks, ListenerMayCallTheAdapterFromItsCallback) {
+    RunInOwnProcess([] {
+        MonitordSession session;
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        const auto successor = std::make_shared<RecordingListener>();
+        EventLog<std::string> outcomes;
+        auto self = std::make_shared<std::weak_ptr<RecordingListener>>();
+        const auto listener = std::make_shared<RecordingListener>([&, self](const DeviceEvent&) {
+            int errCode = -1;
+            const bool queried = Adapter()->GetLocalDevice(errCode) != nullptr && errCode == 0;
+            const bool unregistered = Adapter()->UnregisterCallback(self->lock());
+            const bool registered = Adapter()->RegisterCallback(successor);
+            outcomes.Add(std::to_string(queried) + std::to_string(unregistered) + std::to_string(registered));
+        });
+        *self = listener;
+        ASSERT_TRUE(Adapter()->RegisterCallback(listener));
+
+        Emit(session, {{"event", "deviceOnline"}, {"device", Device("1")}});
+        ASSERT_TRUE(outcomes.WaitForSize(1)) << "the callback did not finish: deadlock?";
+        EXPECT_EQ(outcomes.Events()[0], "111") << "query, unregister, register";
+        Emit(session, {{"event", "deviceOffline"}, {"deviceId", "dev-1"}});
+        ASSERT_TRUE(successor->log.WaitForSize(1));
+        EXPECT_FALSE(successor->log.Events()[0].online);
+        EXPECT_EQ(listener->log.Size(), 1u) << "an unregistered listener was called";
+    });
+}
+
+// kill -9 of the service: each linked notifier told once, registrations and
+// the proxy forgotten, the same objects accepted by the restarted service;
+// with no notifier linked the adapter still forgets the service.
+TEST(ServiceDeath, EachLinkedNotifierIsToldOnceAndTheAdapterForgetsTheService) {
+    RunInOwnProcess([] {
+        MonitordSession session;
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        const auto listener = std::make_shared<RecordingListener>();
+        const auto nodeListener = std::make_shared<RecordingNodeListener>();
+        const auto first = std::make_shared<RecordingNotifier>();
+        const auto second = std::make_shared<RecordingNotifier>();
+        const auto unlinked = std::make_shared<RecordingNotifier>();
+        ASSERT_TRUE(Adapter()->RegisterCallback(listener));
+        ASSERT_TRUE(Adapter()->AddDeviceChangeListener(nodeListener));
+        for (const auto& notifier : {first, second, unlinked}) ASSERT_TRUE(Adapter()->LinkToDeath(notifier));
+        ASSERT_TRUE(Adapter()->UnlinkToDeath(unlinked));
+        LogCapture log;
+
+        ASSERT_TRUE(session.KillService());
+        ASSERT_TRUE(first->deaths.WaitForSize(1));
+        ASSERT_TRUE(second->deaths.WaitForSize(1));
+        // One notice per recipient: the two notifiers' and the adapter's own.
+        ASSERT_TRUE(waitUntil([&] { return log.Count(kDeathNotice) >= 3; }));
+        EXPECT_TRUE(log.Contains(ANDROID_LOG_INFO, kDeathNotice));
+        EXPECT_EQ(first->deaths.Size(), 1u);
+        EXPECT_EQ(second->deaths.Size(), 1u);
+        EXPECT_EQ(unlinked->deaths.Size(), 0u);
+
+        // The proxy is gone: with no service, calls find none (a kept proxy
+        // would fail the call instead, with errCode 2).
+        int errCode = kStale;
+        EXPECT_EQ(Adapter()->GetLocalDevice(errCode), nullptr);
+        EXPECT_EQ(errCode, 1);
+
+        ASSERT_TRUE(session.RestartService()) << session.error();
+        log.Clear();
+        EXPECT_FALSE(Adapter()->UnregisterCallback(listener));
+        EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, "the listener do not register yet"));
+        Adapter()->RemoveDeviceChangeListener(nodeListener);
+        EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR,
+                                 "RemoveDeviceChangeListener: the listener has not been added to remote service yet"));
+        EXPECT_FALSE(Adapter()->UnlinkToDeath(first));
+        EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, "the notifier do not link to death yet"));
+        ASSERT_TRUE(Adapter()->RegisterCallback(listener));
+        ASSERT_TRUE(Adapter()->AddDeviceChangeListener(nodeListener));
+        ASSERT_TRUE(Adapter()->LinkToDeath(first));
+        const auto listeners = session.Control().Listeners();
+        ASSERT_TRUE(listeners.ok) << listeners.error;
+        EXPECT_EQ(listeners.value, (json{{"deviceChange", 1}, {"device", 1}}));
+        Emit(session, {{"event", "deviceOnline"}, {"device", Device("9")}});
+        ASSERT_TRUE(listener->log.WaitForSize(1));
+        EXPECT_EQ(listener->log.Events()[0].device->GetDeviceId(), "dev-9");
+
+        // The next death with no notifier linked.
+        ASSERT_TRUE(Adapter()->UnlinkToDeath(first));
+        log.Clear();
+        ASSERT_TRUE(session.KillService());
+        ASSERT_TRUE(waitUntil([&] { return log.Count(kDeathNotice) >= 1; }));
+        ASSERT_TRUE(session.RestartService()) << session.error();
+        EXPECT_EQ(LocalDevice(errCode), kLocal);
+        EXPECT_TRUE(Adapter()->RegisterCallback(listener)) << "the old registration still counted";
+        EXPECT_EQ(log.Count(kDeathNotice), 1u);
+        EXPECT_EQ(first->deaths.Size(), 1u);
+    });
+}
+
+// OnServiceDied runs with no adapter lock held and after the adapter forgot
+// the service: the notifier may call the adapter, which finds no service.
+TEST(ServiceDeath, NotifierMayCallTheAdapterWhenTold) {
+    RunInOwnProcess([] {
+        MonitordSession session;
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        EventLog<int> errCodes;
+        auto self = std::make_shared<std::weak_ptr<RecordingNotifier>>();
+        const auto notifier = std::make_shared<RecordingNotifier>([&errCodes, self] {
+            int errCode = -1;
+            Adapter()->GetLocalDevice(errCode);
+            Adapter()->LinkToDeath(self->lock());
+            errCodes.Add(errCode);
+        });
+        *self = notifier;
+        ASSERT_TRUE(Adapter()->LinkToDeath(notifier));
+        ASSERT_TRUE(session.KillService());
+        ASSERT_TRUE(errCodes.WaitForSize(1)) << "OnServiceDied did not return: deadlock?";
+        EXPECT_NE(errCodes.Events()[0], 0) << "a dead service answered";
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        EXPECT_TRUE(Adapter()->LinkToDeath(notifier));
+    });
+}
+
+// Reports each callback as a line: "device on <id>", "node changed <id> <kind>", ...
+class ReportingClient : public TivraListener, public DeviceListener {
+public:
+    explicit ReportingClient(const Channel& channel) : channel_(channel) {}
+    void OnDeviceOnline(std::shared_ptr<TivraDeviceInfo> d) override { channel_.post("device on " + d->GetDeviceId()); }
+    void OnDeviceOffline(std::shared_ptr<TivraDeviceInfo> d) override { channel_.post("device off " + d->GetDeviceId()); }
+    void OnDeviceOnline(std::shared_ptr<NodeBasicInfo> n) override { channel_.post("node on " + n->GetNodeId()); }
+    void OnDeviceOffline(std::shared_ptr<NodeBasicInfo> n) override { channel_.post("node off " + n->GetNodeId()); }
+    void OnDeviceInfoChanged(std::string nodeId, DeviceInfoType type) override {
+        channel_.post("node changed " + nodeId + " " + std::to_string(type));
+    }
+
+private:
+    const Channel& channel_;
+};
+
+// A client in a process of its own hears each listener's events in order;
+// killed, its listeners leave the service.
+TEST(ClientProcess, HearsEventsInOrderAndIsDroppedWhenKilled) {
+    RunInOwnProcess([] {
+        MonitordSession session;
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        Channel channel;
+        const pid_t client = session.binderd().spawn([&channel] {
+            const auto reporter = std::make_shared<ReportingClient>(channel);
+            CHILD_CHECK(Adapter()->RegisterCallback(reporter));
+            CHILD_CHECK(Adapter()->AddDeviceChangeListener(reporter));
+            channel.post("registered");
+            for (;;) pause();
+            return 0;
+        });
+        ASSERT_EQ(channel.next(), "registered");
+        const json none = {{"deviceChange", 0}, {"device", 0}}, both = {{"deviceChange", 1}, {"device", 1}};
+        EXPECT_EQ(session.Control().Listeners().value, both);
+
+        const std::string nodeId = "nœud-e2e";
+        Emit(session, {{"event", "nodeOnline"}, {"node", {{"name", "n"}, {"deviceType", 14}, {"nodeId", nodeId}}}});
+        std::vector<std::string> devices, nodes = {"node on " + nodeId};
+        for (const char* n : {"1", "2", "3"}) {
+            Emit(session, {{"event", "deviceOnline"}, {"device", Device(n)}});
+            Emit(session, {{"event", "nodeInfoChanged"}, {"nodeId", nodeId}, {"kind", n[0] - '0'}});
+            Emit(session, {{"event", "deviceOffline"}, {"deviceId", std::string("dev-") + n}});
+            devices.insert(devices.end(), {std::string("device on dev-") + n, std::string("device off dev-") + n});
+            nodes.push_back("node changed " + nodeId + " " + n);
+        }
+        // Each listener keeps its order; the two may interleave.
+        std::vector<std::string> heardDevices, heardNodes;
+        for (size_t i = 0; i < devices.size() + nodes.size(); ++i) {
+            const std::string line = channel.next();
+            (line.rfind("device ", 0) == 0 ? heardDevices : heardNodes).push_back(line);
+        }
+        EXPECT_EQ(heardDevices, devices);
+        EXPECT_EQ(heardNodes, nodes);
+
+        session.binderd().kill(client, SIGKILL);
+        EXPECT_EQ(session.binderd().waitExit(client), -1) << "the client was not killed";
+        EXPECT_TRUE(waitUntil([&] { return session.Control().Listeners().value == none; }))
+            << "the dead client's listeners stayed registered";
+    });
+}
+
+}  // namespace
+}  // namespace tivra_test
