@@ -1,22 +1,29 @@
 // The public adapter against tivra-monitord in another process, each case in a
 // process of its own (a fresh adapter): finding and caching the service, the
 // records of the queries, failed calls made by the service's fault plan, the
-// three registries, callbacks, the service's death, and a client process.
+// three registries, callbacks, the service's death, a client process, and
+// client threads racing while the service dies and comes back.
+#include <android/log.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <climits>
+#include <condition_variable>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "adapter_recorders.h"
 #include "log_capture.h"
 #include "monitord_fixture.h"
+#include "tivra/tivra_adapter.h"
 
 namespace tivra_test {
 namespace {
@@ -24,9 +31,7 @@ namespace {
 using namespace Communication;
 using nlohmann::json;
 
-constexpr int kStale = 42;
-const std::string kLocal = "Desk Laptop|dev-local|LAPTOP|10.0.0.2";
-constexpr const char* kDeathNotice = "binderDied: receive death notify, clear pravik service is success";
+std::shared_ptr<TivraAdapter> Adapter() { return TivraAdapter::GetInstance(); }
 
 std::string Text(const std::shared_ptr<TivraDeviceInfo>& d) {
     return d ? d->GetDeviceName() + "|" + d->GetDeviceId() + "|" + d->GetDeviceType() + "|" + d->GetDeviceIp() : "null";
@@ -34,6 +39,84 @@ std::string Text(const std::shared_ptr<TivraDeviceInfo>& d) {
 std::string Text(const std::shared_ptr<NodeBasicInfo>& n) {
     return n ? n->GetName() + "|" + std::to_string(n->GetDeviceType()) + "|" + n->GetNodeId() : "null";
 }
+
+// What client callbacks were told, in arrival order; Binder threads add, the
+// test waits with a timeout.
+template <typename Event>
+class EventLog {
+public:
+    void Add(Event event) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back(std::move(event));
+        changed_.notify_all();
+    }
+    std::vector<Event> Events() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return events_;
+    }
+    size_t Size() const { return Events().size(); }
+    bool WaitForSize(size_t count, std::chrono::milliseconds timeout = 10s) const {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return events_.size() >= count; });
+    }
+
+private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    std::vector<Event> events_;
+};
+
+// Client objects that record their calls and then run an optional hook (one
+// that calls the adapter from inside a callback).
+class RecordingListener : public TivraListener {
+public:
+    explicit RecordingListener(std::function<void()> hook = nullptr) : hook_(std::move(hook)) {}
+    void OnDeviceOnline(std::shared_ptr<TivraDeviceInfo> device) override { Record(true, device); }
+    void OnDeviceOffline(std::shared_ptr<TivraDeviceInfo> device) override { Record(false, device); }
+    EventLog<std::pair<bool, std::shared_ptr<TivraDeviceInfo>>> log;  // online, device
+
+private:
+    void Record(bool online, std::shared_ptr<TivraDeviceInfo> device) {
+        log.Add({online, std::move(device)});
+        if (hook_) hook_();
+    }
+    std::function<void()> hook_;
+};
+
+// Records "on <node>", "off <node>" (with the record) and "changed <id> <type>".
+class RecordingNodeListener : public DeviceListener {
+public:
+    void OnDeviceOnline(std::shared_ptr<NodeBasicInfo> node) override { log.Add({"on " + Text(node), node}); }
+    void OnDeviceOffline(std::shared_ptr<NodeBasicInfo> node) override { log.Add({"off " + Text(node), node}); }
+    void OnDeviceInfoChanged(std::string nodeId, DeviceInfoType type) override {
+        log.Add({"changed " + nodeId + " " + std::to_string(type), nullptr});
+    }
+    EventLog<std::pair<std::string, std::shared_ptr<NodeBasicInfo>>> log;
+};
+
+class RecordingNotifier : public TivraDeathNotifier {
+public:
+    explicit RecordingNotifier(std::function<void()> hook = nullptr) : hook_(std::move(hook)) {}
+    void OnServiceDied() override {
+        deaths.Add(true);
+        if (hook_) hook_();
+    }
+    EventLog<bool> deaths;
+
+private:
+    std::function<void()> hook_;
+};
+
+// Failures the library logged (notes at info priority do not count).
+size_t ErrorLines(const LogCapture& log) {
+    const std::vector<LogLine> lines = log.Lines();
+    return std::count_if(lines.begin(), lines.end(), [](const LogLine& l) { return l.priority == ANDROID_LOG_ERROR; });
+}
+
+constexpr int kStale = 42;
+const std::string kLocal = "Desk Laptop|dev-local|LAPTOP|10.0.0.2";
+constexpr const char* kDeathNotice = "binderDied: receive death notify, clear pravik service is success";
+
 std::string LocalDevice(int& errCode) { return Text(Adapter()->GetLocalDevice(errCode)); }
 
 json Device(const std::string& n) {
@@ -418,34 +501,29 @@ TEST(Callbacks, ListenersGetNewRecordsAndMappedKindsInTheOrderSent) {
         std::set<const TivraDeviceInfo*> records;
         for (const auto& listener : listeners) {
             ASSERT_TRUE(listener->log.WaitForSize(2 * kDevices));
-            const std::vector<DeviceEvent> events = listener->log.Events();
+            const auto events = listener->log.Events();
             ASSERT_EQ(events.size(), 2u * kDevices);
             for (size_t k = 0; k < events.size(); ++k) {
-                EXPECT_EQ(events[k].online, k < kDevices) << k;
-                EXPECT_EQ(Text(events[k].device), DeviceText(std::to_string(k % kDevices)));
-                records.insert(events[k].device.get());
+                EXPECT_EQ(events[k].first, k < kDevices) << k;
+                EXPECT_EQ(Text(events[k].second), DeviceText(std::to_string(k % kDevices)));
+                records.insert(events[k].second.get());
             }
         }
         EXPECT_EQ(records.size(), 2u * 2u * kDevices) << "a record was handed out twice";
 
-        const size_t expected = 2 + kinds.size();
-        ASSERT_TRUE(nodes->log.WaitForSize(expected));
-        const std::vector<NodeEvent> events = nodes->log.Events();
-        ASSERT_EQ(events.size(), expected);
-        EXPECT_EQ(events.front().kind, NodeEvent::Online);
-        EXPECT_EQ(events.back().kind, NodeEvent::Offline);
-        EXPECT_EQ(Text(events.front().node), "Sensor ✓|17|" + nodeId);
-        EXPECT_EQ(Text(events.back().node), "Sensor ✓|17|" + nodeId);
-        EXPECT_NE(events.front().node, events.back().node);
+        ASSERT_TRUE(nodes->log.WaitForSize(2 + kinds.size()));
+        const auto events = nodes->log.Events();
+        std::vector<std::string> heard, wanted = {"on Sensor ✓|17|" + nodeId};
         size_t unknown = 0;
-        for (size_t k = 0; k < kinds.size(); ++k) {
-            SCOPED_TRACE("kind " + std::to_string(kinds[k].first));
-            EXPECT_EQ(events[k + 1].kind, NodeEvent::InfoChanged);
-            EXPECT_EQ(events[k + 1].nodeId, nodeId);
-            EXPECT_EQ(events[k + 1].type, kinds[k].second);
-            EXPECT_TRUE(log.Contains(ANDROID_LOG_INFO, "onDeviceInfoChanged: type is " + std::to_string(kinds[k].first)));
-            unknown += kinds[k].second == DEVICE_INFO_TYPE_UNKNOWN ? 1 : 0;
+        for (const auto& [sent, delivered] : kinds) {
+            wanted.push_back("changed " + nodeId + " " + std::to_string(delivered));
+            EXPECT_TRUE(log.Contains(ANDROID_LOG_INFO, "onDeviceInfoChanged: type is " + std::to_string(sent))) << sent;
+            unknown += delivered == DEVICE_INFO_TYPE_UNKNOWN ? 1 : 0;
         }
+        wanted.push_back("off Sensor ✓|17|" + nodeId);
+        for (const auto& event : events) heard.push_back(event.first);
+        EXPECT_EQ(heard, wanted);
+        EXPECT_NE(events.front().second, events.back().second) << "records are not shared";
         EXPECT_EQ(log.Count("onDeviceInfoChanged: type is unknown"), unknown);
         EXPECT_EQ(ErrorLines(log), unknown);
     });
@@ -460,7 +538,7 @@ TEST(Callbacks, ListenerMayCallTheAdapterFromItsCallback) {
         const auto successor = std::make_shared<RecordingListener>();
         EventLog<std::string> outcomes;
         auto self = std::make_shared<std::weak_ptr<RecordingListener>>();
-        const auto listener = std::make_shared<RecordingListener>([&, self](const DeviceEvent&) {
+        const auto listener = std::make_shared<RecordingListener>([&, self] {
             int errCode = -1;
             const bool queried = Adapter()->GetLocalDevice(errCode) != nullptr && errCode == 0;
             const bool unregistered = Adapter()->UnregisterCallback(self->lock());
@@ -475,7 +553,7 @@ TEST(Callbacks, ListenerMayCallTheAdapterFromItsCallback) {
         EXPECT_EQ(outcomes.Events()[0], "111") << "query, unregister, register";
         Emit(session, {{"event", "deviceOffline"}, {"deviceId", "dev-1"}});
         ASSERT_TRUE(successor->log.WaitForSize(1));
-        EXPECT_FALSE(successor->log.Events()[0].online);
+        EXPECT_FALSE(successor->log.Events()[0].first);
         EXPECT_EQ(listener->log.Size(), 1u) << "an unregistered listener was called";
     });
 }
@@ -533,7 +611,7 @@ TEST(ServiceDeath, EachLinkedNotifierIsToldOnceAfterTheAdapterForgotTheService) 
         EXPECT_EQ(session.Control().Listeners().value, (json{{"deviceChange", 1}, {"device", 1}}));
         Emit(session, {{"event", "deviceOnline"}, {"device", Device("9")}});
         ASSERT_TRUE(listener->log.WaitForSize(1));
-        EXPECT_EQ(listener->log.Events()[0].device->GetDeviceId(), "dev-9");
+        EXPECT_EQ(Text(listener->log.Events()[0].second), DeviceText("9"));
 
         // The next death with no notifier linked.
         ASSERT_TRUE(Adapter()->UnlinkToDeath(second));
@@ -570,6 +648,117 @@ TEST(ClientProcess, KilledClientIsDroppedFromTheListeners) {
             return session.Control().Listeners().value == json{{"deviceChange", 0}, {"device", 0}};
         })) << "the dead client's listeners stayed registered";
     });
+}
+
+TEST(AdapterInstance, ThreadsRacingForTheFirstInstanceGetTheSameOne) {
+    RunInOwnProcess([] {
+        constexpr int kThreads = 8;
+        std::atomic<int> waiting{kThreads};
+        std::vector<const TivraAdapter*> seen(kThreads);
+        std::vector<std::thread> threads;
+        for (int i = 0; i < kThreads; ++i) {
+            threads.emplace_back([&, i] {
+                for (--waiting; waiting.load() > 0;) {
+                }
+                seen[i] = TivraAdapter::GetInstance().get();
+            });
+        }
+        for (auto& thread : threads) thread.join();
+        EXPECT_NE(seen[0], nullptr);
+        EXPECT_EQ(std::set<const TivraAdapter*>(seen.begin(), seen.end()).size(), 1u);
+    });
+}
+
+// What the workers saw; an impossible result counts as a violation.
+struct Tally {
+    std::atomic<int64_t> answered{0}, unavailable{0}, violations{0};
+};
+
+void QueryOnce(Tally& tally) {
+    int errCode = 42;
+    const bool device = Adapter()->GetLocalDevice(errCode) != nullptr;
+    if (errCode == 0 && device) {
+        ++tally.answered;
+    } else if (errCode == 1 && !device) {
+        ++tally.unavailable;
+    } else if (errCode != 2 || device) {  // 2: the call met a dying service
+        ++tally.violations;
+    }
+    errCode = 42;
+    const size_t devices = Adapter()->GetAllDevices(errCode).size();
+    // Three devices, four while the emitter has its device online.
+    if (errCode == 0 ? devices != 3 && devices != 4 : errCode < 1 || errCode > 2 || devices != 0) ++tally.violations;
+    const auto nodes = Adapter()->GetRemoteNodesBasicInfo();
+    if (!nodes.empty() && (nodes.size() != 2 || nodes.front()->GetNodeId() != "node-cam")) ++tally.violations;
+}
+
+TEST(AdapterSoak, ClientsKeepWorkingWhileTheServiceIsKilledAndRestarted) {
+    RunInOwnProcess(
+        [] {
+            // Thousands of calls each log a line; only the outcomes matter here.
+            __android_log_set_logger([](const struct __android_logger_data*, const char*) {});
+            MonitordSession session;
+            ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+            Tally tally;
+            std::atomic<bool> stop{false};
+            std::vector<std::thread> workers;
+            for (int i = 0; i < 4; ++i) {
+                workers.emplace_back([&] {
+                    while (!stop) QueryOnce(tally);
+                });
+                workers.emplace_back([&] {
+                    const auto listener = std::make_shared<RecordingListener>();
+                    const auto nodeListener = std::make_shared<RecordingNodeListener>();
+                    const auto notifier = std::make_shared<RecordingNotifier>();
+                    while (!stop) {
+                        Adapter()->RegisterCallback(listener);
+                        Adapter()->AddDeviceChangeListener(nodeListener);
+                        Adapter()->LinkToDeath(notifier);
+                        Adapter()->UnregisterCallback(listener);
+                        Adapter()->RemoveDeviceChangeListener(nodeListener);
+                        Adapter()->UnlinkToDeath(notifier);
+                    }
+                });
+            }
+            // Events keep callbacks coming while registrations change.
+            workers.emplace_back([&] {
+                const nlohmann::json device = {{"name", "d"}, {"id", "dev-soak"}, {"type", "t"}, {"ip", "i"}};
+                for (int n = 0; !stop; ++n) {
+                    session.Control().Emit(n % 2 == 0 ? nlohmann::json{{"event", "deviceOnline"}, {"device", device}}
+                                                      : nlohmann::json{{"event", "deviceOffline"}, {"deviceId", "dev-soak"}});
+                }
+            });
+            // A failure stops the rounds, not the body, so the workers are always joined.
+            std::string failure;
+            for (int round = 0; round < 10 && failure.empty(); ++round) {
+                const int64_t answered = tally.answered, unavailable = tally.unavailable;
+                if (!waitUntil([&] { return tally.answered >= answered + 200; }, std::chrono::seconds(30))) {
+                    failure = "no answers in round " + std::to_string(round);
+                } else if (!session.KillService()) {
+                    failure = "could not kill the service";
+                } else if (!waitUntil([&] { return tally.unavailable > unavailable; }, std::chrono::seconds(30))) {
+                    failure = "death not noticed in round " + std::to_string(round);
+                } else if (!session.StartService(QuietScenario())) {
+                    failure = session.error();
+                }
+            }
+            stop = true;
+            for (auto& worker : workers) worker.join();
+            ASSERT_EQ(failure, "");
+            EXPECT_EQ(tally.violations, 0);
+
+            // Afterwards the adapter works as before.
+            const auto listener = std::make_shared<RecordingListener>();
+            ASSERT_TRUE(Adapter()->RegisterCallback(listener));
+            const auto emitted = session.Control().Emit(
+                {{"event", "deviceOnline"}, {"device", {{"name", "n"}, {"id", "dev-after"}, {"type", "t"}, {"ip", "i"}}}});
+            ASSERT_TRUE(emitted.ok) << emitted.error;
+            ASSERT_TRUE(listener->log.WaitForSize(1));
+            int errCode = 42;
+            EXPECT_NE(Adapter()->GetLocalDevice(errCode), nullptr);
+            EXPECT_EQ(errCode, 0);
+        },
+        std::chrono::seconds(90));
 }
 
 }  // namespace
