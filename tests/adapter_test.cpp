@@ -114,10 +114,15 @@ size_t ErrorLines(const LogCapture& log) {
 }
 
 constexpr int kStale = 42;
-const std::string kLocal = "Desk Laptop|dev-local|LAPTOP|10.0.0.2";
+const std::string kLocal = "Desk Laptop|dev-local|LAPTOP|10.0.0.2 0";
 constexpr const char* kDeathNotice = "binderDied: receive death notify, clear pravik service is success";
 
-std::string LocalDevice(int& errCode) { return Text(Adapter()->GetLocalDevice(errCode)); }
+// The local device's record and the errCode it came with: "<record> <errCode>".
+std::string LocalDevice() {
+    int errCode = kStale;
+    const std::string record = Text(Adapter()->GetLocalDevice(errCode));
+    return record + " " + std::to_string(errCode);
+}
 
 json Device(const std::string& n) {
     return {{"name", "Gerät " + n + " ✓"}, {"id", "dev-" + n}, {"type", "TYPE-" + n}, {"ip", "10.1.0." + n}};
@@ -151,7 +156,7 @@ TEST(AdapterConnection, AbsentServiceFailsEveryOperationUntilItAppears) {
         const auto node = std::make_shared<RecordingNodeListener>();
         const auto absent = [](const char* operation) { return std::string(operation) + ": get pravik service failed"; };
         const std::vector<std::pair<std::string, std::function<bool()>>> cases = {
-            {absent("GetLocalDevice"), [] { int e = kStale; return !Adapter()->GetLocalDevice(e) && e == 1; }},
+            {absent("GetLocalDevice"), [] { return LocalDevice() == "null 1"; }},
             {absent("GetAllDevices"), [] { int e = kStale; return Adapter()->GetAllDevices(e).empty() && e == 1; }},
             {absent("RegisterCallback"), [&] { return !Adapter()->RegisterCallback(listener); }},
             {absent("RegisterCallback"), [&] { return !Adapter()->RegisterCallback(nullptr); }},
@@ -183,9 +188,7 @@ TEST(AdapterConnection, AbsentServiceFailsEveryOperationUntilItAppears) {
         }
 
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
-        int errCode = kStale;
-        EXPECT_EQ(LocalDevice(errCode), kLocal);
-        EXPECT_EQ(errCode, 0);
+        EXPECT_EQ(LocalDevice(), kLocal);
     });
 }
 
@@ -203,13 +206,9 @@ TEST(AdapterConnection, CachedProxyServesUntilTheServiceDies) {
         EventLog<std::string> answers;
         EventLog<bool> binderdStopped;
         std::thread caller([&] {
-            for (int i = 0; i < 3; ++i) {
-                int errCode = kStale;
-                answers.Add(LocalDevice(errCode));
-            }
+            for (int i = 0; i < 3; ++i) answers.Add(LocalDevice());
             binderdStopped.WaitForSize(1);
-            int errCode = kStale;
-            answers.Add(LocalDevice(errCode));
+            answers.Add(LocalDevice());
         });
         EXPECT_TRUE(answers.WaitForSize(3));
         kill(session.binderd().binderdPid(), SIGSTOP);
@@ -225,18 +224,26 @@ TEST(AdapterConnection, CachedProxyServesUntilTheServiceDies) {
         const pid_t first = session.servicePid();
         ASSERT_FALSE(session.StartService(other));
         EXPECT_NE(session.error().find("is already registered by another process"), std::string::npos);
-        int errCode = kStale;
-        EXPECT_EQ(LocalDevice(errCode), kLocal);
+        EXPECT_EQ(LocalDevice(), kLocal);
 
         ASSERT_TRUE(session.KillService(first));
         ASSERT_TRUE(notifier->deaths.WaitForSize(1));
         ASSERT_TRUE(session.StartService(other)) << session.error();
-        EXPECT_EQ(LocalDevice(errCode), "Other Laptop|dev-other|LAPTOP|10.0.0.9");
-        EXPECT_EQ(errCode, 0);
+        EXPECT_EQ(LocalDevice(), "Other Laptop|dev-other|LAPTOP|10.0.0.9 0");
     });
 }
 
-TEST(Queries, HandOutNewRecordsInTheServiceOrderAndEmptyResults) {
+// How a call can fail on the wire: an exception status, a failed
+// transaction, or an OK status followed by an output that cannot be read.
+const std::vector<std::pair<const char*, json>> kCallFaults = {
+    {"exception", {{"kind", "exception"}, {"code", -5}, {"message", "simulated illegal state"}}},
+    {"service-specific exception", {{"kind", "exception"}, {"code", -8}, {"serviceCode", 7}}},
+    {"transport failure", {{"kind", "transport"}, {"code", -22}}},
+};
+
+// Answers are new records in the service's order; every kind of failed call
+// gives the empty result, errCode 2 and the call's message.
+TEST(Queries, HandOutNewRecordsAndTheEmptyResultOfEveryFailureKind) {
     RunInOwnProcess([] {
         MonitordSession session;
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
@@ -247,7 +254,7 @@ TEST(Queries, HandOutNewRecordsInTheServiceOrderAndEmptyResults) {
         const auto devices = Adapter()->GetAllDevices(errCode);
         EXPECT_EQ(errCode, 0);
         ASSERT_EQ(devices.size(), 3u);
-        EXPECT_EQ(Text(devices[0]), kLocal);
+        EXPECT_EQ(Text(devices[0]), "Desk Laptop|dev-local|LAPTOP|10.0.0.2");
         EXPECT_EQ(Text(devices[1]), "Hall Camera|dev-cam|CAMERA|10.0.0.3");
         EXPECT_EQ(Text(devices[2]), "Gartenlicht ☀|dev-light|LIGHT|10.0.0.4");
         EXPECT_NE(Adapter()->GetAllDevices(errCode)[0], devices[0]) << "records are not shared";
@@ -269,31 +276,6 @@ TEST(Queries, HandOutNewRecordsInTheServiceOrderAndEmptyResults) {
         EXPECT_EQ(Adapter()->GetUdidByNodeId(std::string("node-cam\0-ignored", 17)), "UDID-CAM");
         EXPECT_EQ(ErrorLines(log), 0u) << "success logs no failure";
 
-        EXPECT_TRUE(Adapter()->GetUdidByNodeId("node-gone").empty()) << "an unknown node";
-        for (const char* id : {"dev-local", "dev-cam", "dev-light"}) {
-            ASSERT_TRUE(session.Control().Run({{"op", "removeDevice"}, {"deviceId", id}}).ok);
-        }
-        log.Clear();
-        errCode = kStale;
-        EXPECT_TRUE(Adapter()->GetAllDevices(errCode).empty());
-        EXPECT_EQ(errCode, 0) << "no device is a success";
-        EXPECT_EQ(ErrorLines(log), 0u);
-    });
-}
-
-// How a call can fail on the wire: an exception status, a failed
-// transaction, or an OK status followed by an output that cannot be read.
-const std::vector<std::pair<const char*, json>> kCallFaults = {
-    {"exception", {{"kind", "exception"}, {"code", -5}, {"message", "simulated illegal state"}}},
-    {"service-specific exception", {{"kind", "exception"}, {"code", -8}, {"serviceCode", 7}}},
-    {"transport failure", {{"kind", "transport"}, {"code", -22}}},
-};
-
-TEST(QueryFailures, EveryFailureKindGivesTheEmptyResultErrCodeTwoAndTheCallMessage) {
-    RunInOwnProcess([] {
-        MonitordSession session;
-        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
-        LogCapture log;
         // errCode is -1 for the queries that do not report one.
         const std::vector<std::tuple<const char*, const char*, std::function<bool(int&)>>> queries = {
             {"getLocalDevice", "get local device info binder invoke failed",
@@ -320,7 +302,7 @@ TEST(QueryFailures, EveryFailureKindGivesTheEmptyResultErrCodeTwoAndTheCallMessa
                 SCOPED_TRACE(std::string(method) + " with " + name);
                 FailNextCall(session, method, fault);
                 log.Clear();
-                int errCode = kStale;
+                errCode = kStale;
                 EXPECT_TRUE(empty(errCode));
                 EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, message));
                 EXPECT_TRUE(errCode == 2 || errCode == -1) << errCode;
@@ -329,6 +311,15 @@ TEST(QueryFailures, EveryFailureKindGivesTheEmptyResultErrCodeTwoAndTheCallMessa
                 EXPECT_TRUE(errCode == 0 || errCode == -1) << errCode;
             }
         }
+        EXPECT_TRUE(Adapter()->GetUdidByNodeId("node-gone").empty()) << "an unknown node";
+        for (const char* id : {"dev-local", "dev-cam", "dev-light"}) {
+            ASSERT_TRUE(session.Control().Run({{"op", "removeDevice"}, {"deviceId", id}}).ok);
+        }
+        log.Clear();
+        errCode = kStale;
+        EXPECT_TRUE(Adapter()->GetAllDevices(errCode).empty());
+        EXPECT_EQ(errCode, 0) << "no device is a success";
+        EXPECT_EQ(ErrorLines(log), 0u);
     });
 }
 
@@ -385,7 +376,7 @@ const std::vector<Registry>& Registries() {
 
 // A client is identified by its address, whatever shared pointer names it;
 // the service sees one registration per accepted add.
-TEST(Registries, IdentifyClientsByObjectAndAcceptThemAgainAfterRemoval) {
+TEST(Registries, IdentifyClientsByObjectAndStoreOnlyWhatTheServiceHolds) {
     RunInOwnProcess([] {
         MonitordSession session;
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
@@ -426,18 +417,9 @@ TEST(Registries, IdentifyClientsByObjectAndAcceptThemAgainAfterRemoval) {
             EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, r.addNull));
             EXPECT_FALSE(r.remove(nullptr, log));
             EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, r.removeNull));
-        }
-    });
-}
 
-TEST(Registries, FailedAddStoresNothingAndFailedRemovalKeepsTheRegistration) {
-    RunInOwnProcess([] {
-        MonitordSession session;
-        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
-        LogCapture log;
-        for (const Registry& r : Registries()) {
+            // A failed add stores nothing; a failed removal keeps the registration.
             if (r.serviceCount == nullptr) continue;
-            const Client client = r.make();
             std::vector<std::tuple<const char*, json, const char*>> addFaults;
             for (const auto& [name, fault] : kCallFaults) addFaults.emplace_back(name, fault, r.addFailed);
             if (r.refused) addFaults.emplace_back("refusal", json{{"kind", "refuse"}}, r.refused);
@@ -539,8 +521,7 @@ TEST(Callbacks, ListenerMayCallTheAdapterFromItsCallback) {
         EventLog<std::string> outcomes;
         auto self = std::make_shared<std::weak_ptr<RecordingListener>>();
         const auto listener = std::make_shared<RecordingListener>([&, self] {
-            int errCode = -1;
-            const bool queried = Adapter()->GetLocalDevice(errCode) != nullptr && errCode == 0;
+            const bool queried = LocalDevice() == kLocal;
             const bool unregistered = Adapter()->UnregisterCallback(self->lock());
             const bool registered = Adapter()->RegisterCallback(successor);
             outcomes.Add(std::to_string(queried) + std::to_string(unregistered) + std::to_string(registered));
@@ -571,10 +552,8 @@ TEST(ServiceDeath, EachLinkedNotifierIsToldOnceAfterTheAdapterForgotTheService) 
         EventLog<std::string> toldFirst;
         auto self = std::make_shared<std::weak_ptr<RecordingNotifier>>();
         const auto first = std::make_shared<RecordingNotifier>([&toldFirst, self] {
-            int errCode = kStale;
-            const std::string device = LocalDevice(errCode);
-            const bool linked = Adapter()->LinkToDeath(self->lock());
-            toldFirst.Add(device + " " + std::to_string(errCode) + " " + std::to_string(linked));
+            const std::string device = LocalDevice();
+            toldFirst.Add(device + " " + std::to_string(Adapter()->LinkToDeath(self->lock())));
         });
         *self = first;
         const auto second = std::make_shared<RecordingNotifier>();
@@ -619,8 +598,7 @@ TEST(ServiceDeath, EachLinkedNotifierIsToldOnceAfterTheAdapterForgotTheService) 
         ASSERT_TRUE(session.KillService());
         ASSERT_TRUE(waitUntil([&] { return log.Count(kDeathNotice) >= 1; }));
         ASSERT_TRUE(session.RestartService()) << session.error();
-        int errCode = kStale;
-        EXPECT_EQ(LocalDevice(errCode), kLocal);
+        EXPECT_EQ(LocalDevice(), kLocal);
         EXPECT_TRUE(Adapter()->RegisterCallback(listener)) << "the old registration still counted";
         EXPECT_EQ(log.Count(kDeathNotice), 1u);
         EXPECT_EQ(second->deaths.Size(), 1u);
@@ -650,32 +628,13 @@ TEST(ClientProcess, KilledClientIsDroppedFromTheListeners) {
     });
 }
 
-TEST(AdapterInstance, ThreadsRacingForTheFirstInstanceGetTheSameOne) {
-    RunInOwnProcess([] {
-        constexpr int kThreads = 8;
-        std::atomic<int> waiting{kThreads};
-        std::vector<const TivraAdapter*> seen(kThreads);
-        std::vector<std::thread> threads;
-        for (int i = 0; i < kThreads; ++i) {
-            threads.emplace_back([&, i] {
-                for (--waiting; waiting.load() > 0;) {
-                }
-                seen[i] = TivraAdapter::GetInstance().get();
-            });
-        }
-        for (auto& thread : threads) thread.join();
-        EXPECT_NE(seen[0], nullptr);
-        EXPECT_EQ(std::set<const TivraAdapter*>(seen.begin(), seen.end()).size(), 1u);
-    });
-}
-
-// What the workers saw; an impossible result counts as a violation.
+// What the soak's workers saw; an impossible result counts as a violation.
 struct Tally {
     std::atomic<int64_t> answered{0}, unavailable{0}, violations{0};
 };
 
 void QueryOnce(Tally& tally) {
-    int errCode = 42;
+    int errCode = kStale;
     const bool device = Adapter()->GetLocalDevice(errCode) != nullptr;
     if (errCode == 0 && device) {
         ++tally.answered;
@@ -684,24 +643,38 @@ void QueryOnce(Tally& tally) {
     } else if (errCode != 2 || device) {  // 2: the call met a dying service
         ++tally.violations;
     }
-    errCode = 42;
+    errCode = kStale;
     const size_t devices = Adapter()->GetAllDevices(errCode).size();
     // Three devices, four while the emitter has its device online.
     if (errCode == 0 ? devices != 3 && devices != 4 : errCode < 1 || errCode > 2 || devices != 0) ++tally.violations;
-    const auto nodes = Adapter()->GetRemoteNodesBasicInfo();
-    if (!nodes.empty() && (nodes.size() != 2 || nodes.front()->GetNodeId() != "node-cam")) ++tally.violations;
 }
 
+// Threads race for the first instance, then query, register and unregister
+// while the service is killed and restarted and events keep callbacks coming.
 TEST(AdapterSoak, ClientsKeepWorkingWhileTheServiceIsKilledAndRestarted) {
     RunInOwnProcess(
         [] {
+            std::atomic<int> waiting{8};
+            std::vector<const TivraAdapter*> seen(8);
+            std::vector<std::thread> workers;
+            for (size_t i = 0; i < seen.size(); ++i) {
+                workers.emplace_back([&, i] {
+                    for (--waiting; waiting.load() > 0;) {
+                    }
+                    seen[i] = TivraAdapter::GetInstance().get();
+                });
+            }
+            for (auto& worker : workers) worker.join();
+            workers.clear();
+            EXPECT_NE(seen[0], nullptr);
+            EXPECT_EQ(std::set<const TivraAdapter*>(seen.begin(), seen.end()).size(), 1u);
+
             // Thousands of calls each log a line; only the outcomes matter here.
             __android_log_set_logger([](const struct __android_logger_data*, const char*) {});
             MonitordSession session;
             ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
             Tally tally;
             std::atomic<bool> stop{false};
-            std::vector<std::thread> workers;
             for (int i = 0; i < 4; ++i) {
                 workers.emplace_back([&] {
                     while (!stop) QueryOnce(tally);
@@ -720,23 +693,21 @@ TEST(AdapterSoak, ClientsKeepWorkingWhileTheServiceIsKilledAndRestarted) {
                     }
                 });
             }
-            // Events keep callbacks coming while registrations change.
             workers.emplace_back([&] {
-                const nlohmann::json device = {{"name", "d"}, {"id", "dev-soak"}, {"type", "t"}, {"ip", "i"}};
                 for (int n = 0; !stop; ++n) {
-                    session.Control().Emit(n % 2 == 0 ? nlohmann::json{{"event", "deviceOnline"}, {"device", device}}
-                                                      : nlohmann::json{{"event", "deviceOffline"}, {"deviceId", "dev-soak"}});
+                    session.Control().Emit(n % 2 ? json{{"event", "deviceOffline"}, {"deviceId", "dev-8"}}
+                                                 : json{{"event", "deviceOnline"}, {"device", Device("8")}});
                 }
             });
             // A failure stops the rounds, not the body, so the workers are always joined.
             std::string failure;
             for (int round = 0; round < 10 && failure.empty(); ++round) {
                 const int64_t answered = tally.answered, unavailable = tally.unavailable;
-                if (!waitUntil([&] { return tally.answered >= answered + 200; }, std::chrono::seconds(30))) {
+                if (!waitUntil([&] { return tally.answered >= answered + 200; }, 30s)) {
                     failure = "no answers in round " + std::to_string(round);
                 } else if (!session.KillService()) {
                     failure = "could not kill the service";
-                } else if (!waitUntil([&] { return tally.unavailable > unavailable; }, std::chrono::seconds(30))) {
+                } else if (!waitUntil([&] { return tally.unavailable > unavailable; }, 30s)) {
                     failure = "death not noticed in round " + std::to_string(round);
                 } else if (!session.StartService(QuietScenario())) {
                     failure = session.error();
@@ -750,15 +721,11 @@ TEST(AdapterSoak, ClientsKeepWorkingWhileTheServiceIsKilledAndRestarted) {
             // Afterwards the adapter works as before.
             const auto listener = std::make_shared<RecordingListener>();
             ASSERT_TRUE(Adapter()->RegisterCallback(listener));
-            const auto emitted = session.Control().Emit(
-                {{"event", "deviceOnline"}, {"device", {{"name", "n"}, {"id", "dev-after"}, {"type", "t"}, {"ip", "i"}}}});
-            ASSERT_TRUE(emitted.ok) << emitted.error;
+            Emit(session, {{"event", "deviceOnline"}, {"device", Device("7")}});
             ASSERT_TRUE(listener->log.WaitForSize(1));
-            int errCode = 42;
-            EXPECT_NE(Adapter()->GetLocalDevice(errCode), nullptr);
-            EXPECT_EQ(errCode, 0);
+            EXPECT_EQ(LocalDevice(), kLocal);
         },
-        std::chrono::seconds(90));
+        90s);
 }
 
 }  // namespace

@@ -69,23 +69,18 @@ void RunInOwnProcess(const std::function<void()>& body, std::chrono::millisecond
 }
 
 nlohmann::json QuietScenario() {
-    const nlohmann::json localDevice = {{"name", "Desk Laptop"}, {"id", "dev-local"}, {"type", "LAPTOP"}, {"ip", "10.0.0.2"}};
-    return {
-        {"localDevice", localDevice},
-        {"localNode",
-         {{"name", "Desk Laptop"}, {"deviceType", 0x0C}, {"nodeId", "node-local"}, {"udid", "UDID-LOCAL"},
-          {"uuid", "uuid-local"}, {"extInfo", {{"DEVICE_NAME", "Desk Laptop"}, {"GROUP_INFO", "Küche ✓ 家"}}}}},
-        {"devices",
-         {localDevice,
-          {{"name", "Hall Camera"}, {"id", "dev-cam"}, {"type", "CAMERA"}, {"ip", "10.0.0.3"}},
-          {{"name", "Gartenlicht ☀"}, {"id", "dev-light"}, {"type", "LIGHT"}, {"ip", "10.0.0.4"}}}},
-        {"nodes",
-         {{{"name", "Hall Camera"}, {"deviceType", 0x9C}, {"nodeId", "node-cam"}, {"udid", "UDID-CAM"},
-           {"uuid", "uuid-cam"}, {"extInfo", {{"DEVICE_NAME", "Hall Camera"}}}},
-          {{"name", "Gartenlicht ☀"}, {"deviceType", 0x0A}, {"nodeId", "nœud-lumière-光"}, {"udid", "UDID-LIGHT-ü"},
-           {"uuid", "uuid-light"}}}},
-        {"timeline", nlohmann::json::array()},
-    };
+    return nlohmann::json::parse(R"({
+      "localDevice": {"name": "Desk Laptop", "id": "dev-local", "type": "LAPTOP", "ip": "10.0.0.2"},
+      "localNode": {"name": "Desk Laptop", "deviceType": 12, "nodeId": "node-local", "udid": "UDID-LOCAL",
+                    "uuid": "uuid-local", "extInfo": {"DEVICE_NAME": "Desk Laptop", "GROUP_INFO": "Küche ✓ 家"}},
+      "devices": [{"name": "Desk Laptop", "id": "dev-local", "type": "LAPTOP", "ip": "10.0.0.2"},
+                  {"name": "Hall Camera", "id": "dev-cam", "type": "CAMERA", "ip": "10.0.0.3"},
+                  {"name": "Gartenlicht ☀", "id": "dev-light", "type": "LIGHT", "ip": "10.0.0.4"}],
+      "nodes": [{"name": "Hall Camera", "deviceType": 156, "nodeId": "node-cam", "udid": "UDID-CAM", "uuid": "uuid-cam",
+                 "extInfo": {"DEVICE_NAME": "Hall Camera"}},
+                {"name": "Gartenlicht ☀", "deviceType": 10, "nodeId": "nœud-lumière-光", "udid": "UDID-LIGHT-ü",
+                 "uuid": "uuid-light"}],
+      "timeline": []})");
 }
 
 MonitordSession::MonitordSession() {
