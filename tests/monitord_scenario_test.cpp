@@ -1,10 +1,10 @@
 // The simulated network of tivra-monitord, in process: scenario files and
-// the errors a bad one gets, how events change the network, and the fault plan.
+// the errors a bad one gets, and how events change the network. (Its fault
+// plan is exercised through the adapter's tests.)
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "fault_plan.h"
 #include "scenario.h"
 #include "scenario_json.h"
 #include "simulated_network.h"
@@ -120,30 +120,6 @@ TEST(SimulatedNetwork, EventsChangeTheNetworkAndCarryFullRecords) {
     EXPECT_FALSE(network.RemoveDevice("d2"));
     EXPECT_EQ(network.FindNode("n0")->udid, "u0") << "the local node is found too";
     EXPECT_FALSE(network.FindNode("missing").has_value());
-}
-
-TEST(FaultPlan, FaultsLastTheirTimesRefusalsUntilClearedAndCallsAreCounted) {
-    FaultPlan plan;
-    const uint32_t code = MethodCode("getAllDevices");
-    Fault twice;
-    twice.kind = Fault::Kind::Transport;
-    twice.code = -32;
-    twice.times = 2;
-    plan.Set(code, twice);
-    EXPECT_TRUE(plan.OnCall(code).has_value());
-    EXPECT_TRUE(plan.OnCall(code).has_value());
-    EXPECT_FALSE(plan.OnCall(code).has_value()) << "a fault set for two calls ends after two";
-    EXPECT_EQ(plan.CallCount(code), 3u);
-
-    Fault refuse;
-    refuse.kind = Fault::Kind::Refuse;
-    const uint32_t add = MethodCode("addDeviceChangeListener");
-    plan.Set(add, refuse);
-    EXPECT_FALSE(plan.OnCall(add).has_value()) << "a refusal is the method's to take, not the transaction's";
-    EXPECT_TRUE(plan.TakeRefusal(add));
-    EXPECT_TRUE(plan.TakeRefusal(add)) << "without times it lasts until cleared";
-    plan.ClearAll();
-    EXPECT_FALSE(plan.TakeRefusal(add));
 }
 
 }  // namespace
