@@ -654,6 +654,7 @@ void QueryOnce(Tally& tally) {
 TEST(AdapterSoak, ClientsKeepWorkingWhileTheServiceIsKilledAndRestarted) {
     RunInOwnProcess(
         [] {
+            MonitordSession session;  // binderd first: the adapter's runtime finds it from the start
             std::atomic<int> waiting{8};
             std::vector<const TivraAdapter*> seen(8);
             std::vector<std::thread> workers;
@@ -671,7 +672,6 @@ TEST(AdapterSoak, ClientsKeepWorkingWhileTheServiceIsKilledAndRestarted) {
 
             // Thousands of calls each log a line; only the outcomes matter here.
             __android_log_set_logger([](const struct __android_logger_data*, const char*) {});
-            MonitordSession session;
             ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
             Tally tally;
             std::atomic<bool> stop{false};
