@@ -1,9 +1,7 @@
 #!/usr/bin/env bash
-# tivra and tivra-monitord as a user meets them, against a private binderd and
-# tivra-monitord: options and exit codes on every level, bad input, table
-# widths and JSON, driving the service with `tivra sim`, and `tivra watch`
-# living through the service's death and binderd's restart. Runs under the C
-# locale on purpose.
+# tivra and tivra-monitord as a user meets them, under the C locale: options
+# and exit codes on every level, bad input, tables and JSON, sim, monitor, and
+# watch living through the service's death and binderd's restarts.
 # Usage: cli_test.sh SOURCE_DIR BUILD_DIR
 set -uo pipefail
 source_dir=$1
@@ -11,12 +9,9 @@ build_dir=$2
 binderd=$build_dir/hostbinder/binderd/binderd
 tivra_bin=$build_dir/tools/tivra
 monitord_bin=$build_dir/tools/tivra-monitord
-# For the rows below; what runs in the background uses the paths, so that its
-# pid is the program's.
 tivra() { "$tivra_bin" "$@"; }
 tivra-monitord() { "$monitord_bin" "$@"; }
-# full PROGRAM ARGS...: PROGRAM with its stdout on a full disk, stopped after
-# ten seconds should it keep going.
+# full PROGRAM ARGS...: with stdout on a full disk, stopped after ten seconds.
 full() { timeout 10 "$@" >/dev/full; }
 work=$(mktemp -d)
 pids=()
@@ -29,146 +24,153 @@ export HOSTBINDER_SOCKET=$work/binder LC_ALL=C
 failures=0
 fail() { echo "cli_test: FAILED: $*" >&2; failures=$((failures + 1)); }
 
-# expect CODE PATTERN COMMAND...: runs COMMAND, checks its exit code and that
-# stdout+stderr match PATTERN (extended regex).
+# expect CODE PATTERN COMMAND...: COMMAND's exit code, and stdout+stderr
+# matching PATTERN (extended regex).
 expect() {
-  local code=$1 pattern=$2
+  local code=$1 pattern=$2 output status
   shift 2
-  local output status
-  output=$("$@" 2>&1)
+  output=$("$@" 2>&1 </dev/null)
   status=$?
   [ "$status" -eq "$code" ] || fail "$* exited $status, not $code: $output"
   grep -qE -- "$pattern" <<<"$output" || fail "$* printed no match for '$pattern': $output"
+}
+# Rows "CODE|PATTERN|COMMAND" on stdin; COMMAND is read as shell words.
+expect_rows() {
+  while IFS='|' read -r code pattern command; do
+    [ -z "$code" ] || eval "expect $code \"\$pattern\" $command"
+  done
 }
 # Waits up to five seconds for a command to succeed.
 wait_for() {
   for _ in $(seq 100); do "$@" && return 0; sleep 0.05; done
   return 1
 }
+stop() { { kill -"${2:-KILL}" "$1"; wait "$1"; } 2>/dev/null; }
 start_binderd() {
   "$binderd" --socket "$HOSTBINDER_SOCKET" 2>>"$work/binderd.log" &
   binderd_pid=$!
   pids+=("$binderd_pid")
   wait_for test -S "$HOSTBINDER_SOCKET" || fail "binderd did not come up"
 }
+serving() { "$tivra_bin" services 2>/dev/null | grep -qx PravikDeviceMonitorService; }
 # The sample without its timeline, so that what the checks see does not
 # depend on how fast they run.
 static_scenario=$work/static.json
 awk '/"timeline":/ { print "  \"timeline\": []"; print "}"; exit } { print }' \
   "$source_dir/tools/scenarios/sample.json" >"$static_scenario"
-# start_monitord [SCENARIO]: the sample without its timeline unless told otherwise.
-start_monitord() {
+start_monitord() { # [SCENARIO]
   "$monitord_bin" --scenario "${1:-$static_scenario}" >"$work/monitord.out" 2>&1 &
   monitord_pid=$!
   pids+=("$monitord_pid")
-  wait_for sh -c "'$tivra_bin' services 2>/dev/null | grep -qx PravikDeviceMonitorService" ||
-    fail "tivra-monitord did not come up: $(cat "$work/monitord.out")"
+  wait_for serving || fail "tivra-monitord did not come up: $(cat "$work/monitord.out")"
 }
 
-# Nothing running: exit 3, and the advice names what to start.
-expect 3 "binderd is not running.*start it with" tivra devices
-expect 3 "cannot register with binderd" tivra-monitord
-expect 3 "binderd is not running" tivra monitor --for 1s
-expect 3 "binderd is not running" tivra watch
+# Nothing running, then binderd alone: exit 3, and the advice names what to start.
+expect_rows <<'EOF'
+3|binderd is not running.*start it with|tivra devices
+3|cannot register with binderd|tivra-monitord
+3|binderd is not running|tivra monitor --for 1s
+3|binderd is not running|tivra watch
+EOF
 start_binderd
-expect 3 "no device monitor service is registered.*tivra-monitord" tivra local-device
-expect 3 "no device monitor service is registered" tivra watch --for 300ms
-expect 3 "no device monitor service is registered" tivra watch --for=0.0001h
-expect 3 "tivra-monitord" tivra sim counts
-expect 0 "^$" tivra services
+expect_rows <<'EOF'
+3|no device monitor service is registered.*tivra-monitord|tivra local-device
+3|no device monitor service is registered|tivra watch --for 300ms
+3|no device monitor service is registered|tivra watch --for=0.0001h
+3|tivra-monitord|tivra sim counts
+0|^$|tivra services
+EOF
 # A binderd that does not answer: its silence is the reason, exit 3.
 kill -STOP "$binderd_pid"
 expect 3 "binderd at .* did not answer" tivra services
 kill -CONT "$binderd_pid"
 
-# Options: GNU long options on every level, bad usage is 2 and says why.
-expect 0 "^tivra \(libtivra\) [0-9]+\.[0-9]+\.[0-9]+$" tivra --version
-expect 0 "^tivra \(libtivra\) " tivra sim fault --version
-expect 0 "^tivra-monitord \(libtivra\) [0-9]+\.[0-9]+\.[0-9]+$" tivra-monitord --version
-expect 0 "^tivra \(libtivra\) " tivra -V
-expect 0 "^tivra-monitord \(libtivra\) " tivra-monitord -V
-# Output that cannot be written is an error, said once.
-expect 1 "^tivra: write error: No space left on device$" full "$tivra_bin" --version
-expect 1 "^tivra: write error: No space left on device$" full "$tivra_bin" watch --help
-expect 1 "^tivra-monitord: write error: No space left on device$" full "$monitord_bin" --version
-expect 1 "^binderd: write error: No space left on device$" full "$binderd" --help
-expect 2 "^tivra: option '--ver' is ambiguous; possibilities: '--verbose' '--version'$" tivra --ver
-expect 2 "^tivra-monitord: option '--ver' is ambiguous" tivra-monitord --ver
-expect 2 "^tivra: unknown option '--bogus'" tivra --bogus devices
-expect 2 "^tivra devices: unknown option '--bogus'" tivra devices --bogus
-expect 2 "^tivra: unknown option '-x'" tivra -x
-expect 2 "option '--json' takes no value" tivra --json=yes devices
-expect 2 "option '--for' needs a value" tivra watch --for
-expect 2 "bad duration 'soon'" tivra watch --for=soon
-expect 2 "bad duration '25h'" tivra watch --for=25h
-expect 2 "bad duration '1e3'" tivra watch --for=1e3
-# Empty values are slips, never defaults.
-expect 2 "option '--service' needs a non-empty value" tivra monitor --service ""
-expect 2 "^tivra-monitord: option '--scenario' needs a non-empty value" tivra-monitord --scenario=
-expect 2 "NAME must not be empty" tivra sim device-online "" "" "" ""
-expect 2 "NODE_ID must not be empty" tivra node ""
-expect 2 "unknown command 'bogus'" tivra bogus
-expect 2 "tivra devices: too many arguments" tivra devices extra
-expect 2 "tivra node: expected NODE_ID" tivra node
-expect 2 "unexpected argument 'now'" tivra watch now
-expect 2 "--pid must be a process id, not 'me'" tivra monitor --pid me
-expect 2 "unknown command 'bogus' \(accepted: clear-faults, counts, " tivra sim bogus
-expect 2 "KIND must be 1, 2 or 3, not '9'" tivra sim node-changed node-tv-19c2 9
-expect 2 "unknown option '-1'; to give a negative number, put '--' before it" tivra sim stop -1
-expect 2 "CODE must be an exit status from 0 to 255, not '-1'" tivra sim stop -- -1
-expect 2 "CODE must be an exit status from 0 to 255, not '256'" tivra sim stop 256
-expect 2 "unknown method 'getEverything' \(accepted: addOnDeviceChangeListener, .*, getUuidByNodeId\)" \
-  tivra sim fault getEverything refuse
-expect 2 "only addDeviceChangeListener can refuse" tivra sim fault getAllDevices refuse
-expect 2 "a fault of kind exception needs --code=N" tivra sim fault getAllDevices exception
-expect 2 "--times must be 0 \(every call until clear-faults\) or more" tivra sim fault getAllDevices transport --code=-32 --times=-1
-expect 2 "unknown fault kind 'sometimes' \(accepted: exception, transport, refuse, corruptReply\)" \
-  tivra sim fault getAllDevices sometimes
-expect 2 "--times must be a 32-bit number, not 'often'" tivra sim fault getAllDevices exception --times=often
-expect 2 "^tivra-monitord: unknown option '--bogus'" tivra-monitord --bogus
-expect 2 "option '--scenario' needs a value" tivra-monitord --scenario
-expect 1 "bad scenario: $work/none.json: cannot open" tivra-monitord --scenario="$work/none.json"
-# Bad input: an argument that is not UTF-8.
-expect 2 "argument 2 is not valid UTF-8" tivra node $'\xff\xfe'
+# Options: GNU long options on every level; bad usage is 2 and says why;
+# output that cannot be written is an error, said once.
+expect_rows <<'EOF'
+0|^tivra \(libtivra\) [0-9]+\.[0-9]+\.[0-9]+$|tivra --version
+0|^tivra \(libtivra\) |tivra sim fault --version
+0|^tivra-monitord \(libtivra\) [0-9]+\.[0-9]+\.[0-9]+$|tivra-monitord --version
+0|^tivra \(libtivra\) |tivra -V
+0|^tivra-monitord \(libtivra\) |tivra-monitord -V
+1|^tivra: write error: No space left on device$|full "$tivra_bin" --version
+1|^tivra: write error: No space left on device$|full "$tivra_bin" watch --help
+1|^tivra-monitord: write error: No space left on device$|full "$monitord_bin" --version
+1|^binderd: write error: No space left on device$|full "$binderd" --help
+2|^tivra: option '--ver' is ambiguous; possibilities: '--verbose' '--version'$|tivra --ver
+2|^tivra-monitord: option '--ver' is ambiguous|tivra-monitord --ver
+2|^tivra: unknown option '--bogus'|tivra --bogus devices
+2|^tivra devices: unknown option '--bogus'|tivra devices --bogus
+2|^tivra: unknown option '-x'|tivra -x
+2|option '--json' takes no value|tivra --json=yes devices
+2|option '--for' needs a value|tivra watch --for
+2|bad duration 'soon'|tivra watch --for=soon
+2|bad duration '25h'|tivra watch --for=25h
+2|bad duration '1e3'|tivra watch --for=1e3
+2|option '--service' needs a non-empty value|tivra monitor --service ""
+2|^tivra-monitord: option '--scenario' needs a non-empty value|tivra-monitord --scenario=
+2|NAME must not be empty|tivra sim device-online "" "" "" ""
+2|NODE_ID must not be empty|tivra node ""
+2|unknown command 'bogus'|tivra bogus
+2|tivra devices: too many arguments|tivra devices extra
+2|tivra node: expected NODE_ID|tivra node
+2|unexpected argument 'now'|tivra watch now
+2|--pid must be a process id, not 'me'|tivra monitor --pid me
+2|unknown command 'bogus' \(accepted: clear-faults, counts, |tivra sim bogus
+2|KIND must be 1, 2 or 3, not '9'|tivra sim node-changed node-tv-19c2 9
+2|unknown option '-1'; to give a negative number, put '--' before it|tivra sim stop -1
+2|CODE must be an exit status from 0 to 255, not '-1'|tivra sim stop -- -1
+2|CODE must be an exit status from 0 to 255, not '256'|tivra sim stop 256
+2|unknown method 'getEverything' \(accepted: addOnDeviceChangeListener, .*, getUuidByNodeId\)|tivra sim fault getEverything refuse
+2|only addDeviceChangeListener can refuse|tivra sim fault getAllDevices refuse
+2|a fault of kind exception needs --code=N|tivra sim fault getAllDevices exception
+2|--times must be 0 \(every call until clear-faults\) or more|tivra sim fault getAllDevices transport --code=-32 --times=-1
+2|unknown fault kind 'sometimes' \(accepted: exception, transport, refuse, corruptReply\)|tivra sim fault getAllDevices sometimes
+2|--times must be a 32-bit number, not 'often'|tivra sim fault getAllDevices exception --times=often
+2|^tivra-monitord: unknown option '--bogus'|tivra-monitord --bogus
+2|option '--scenario' needs a value|tivra-monitord --scenario
+1|bad scenario: .*/none.json: cannot open|tivra-monitord --scenario="$work/none.json"
+2|argument 2 is not valid UTF-8|tivra node $'\xff\xfe'
+0|^Usage: tivra-monitord|tivra-monitord --help
+EOF
 for command in local-device devices local-node node nodes ext udid uuid watch sim services monitor \
                "sim device-online" "sim device-offline" "sim node-online" "sim node-offline" "sim node-changed" \
                "sim fault" "sim clear-faults" "sim counts" "sim listeners" "sim raw" "sim stop"; do
   # shellcheck disable=SC2086
   expect 0 "^Usage: tivra $command" tivra $command --help
 done
-expect 0 "^Usage: tivra-monitord" tivra-monitord --help
 
+# Answers: tables, compact JSON by default, --pretty indents, `--` ends
+# options; a node without a value gives an empty answer, no trailing spaces.
+# Then the service changed and failing through tivra sim.
 start_monitord
-# Answers: tables, compact JSON by default, --pretty indents, `--` ends options.
-expect 0 "^PravikDeviceMonitorControl$" tivra services
-expect 0 "Living Room TV +dev-tv-19c2 +TV +192\.168\.1\.31" tivra devices
-expect 0 '^\{"id":"dev-local-7f3a","ip":"192.168.1.20","name":"Pixel Studio","type":"PHONE"\}$' tivra --json local-device
-expect 0 '^  "name": "Pixel Studio",$' tivra local-device --pretty
-expect 0 "node-local-7f3a" tivra local-node
-expect 0 '"deviceTypeName":"DEVICE_TYPE_0A"' tivra node --json node-spk-4410
-expect 0 "Kitchen Speaker +DEVICE_TYPE_0A +node-spk-4410" tivra nodes
-expect 0 "^IS_ACCOUNT_TRUST +true$" tivra ext node-tv-19c2
-# A node that is there and has no such value: an empty answer, and no
-# trailing spaces.
-expect 0 "^VERSION_TYPE$" tivra ext node-tv-19c2 VERSION_TYPE
-expect 0 '^\{"VERSION_TYPE":""\}$' tivra --json ext node-tv-19c2 VERSION_TYPE
-expect 1 "^tivra: write error: No space left on device$" full "$tivra_bin" --json nodes
-expect 0 '^\{"GROUP_INFO":"home"\}$' tivra --json ext node-tv-19c2 GROUP_INFO
-expect 0 "^UDID-7F3A-0001$" tivra udid node-local-7f3a
-expect 0 "^6fa459ea-ee8a-3ca4-894e-db77e160355e$" tivra uuid -- node-tv-19c2
-expect 1 "gave no node" tivra node node-unknown
-expect 1 "no node 'node-unknown' in the network" tivra ext node-unknown
-expect 1 "no node '--json' in the network" tivra ext -- --json
-
-# The service changed and failing through tivra sim.
-expect 0 '^\{"delivered":0\}$' tivra sim device-online "Hall Lamp" dev-lamp-1 LIGHT 192.168.1.77
-expect 0 "Hall Lamp +dev-lamp-1 +LIGHT" tivra devices
-expect 0 "^$" tivra sim fault getAllDevices exception --code -3 --times=1
-expect 1 "failed to answer the device list" tivra devices
-expect 0 "Hall Lamp" tivra devices
-expect 0 '^\{.*"getAllDevices":4' tivra sim counts --json
-expect 1 "expected an exit status from 0 to 255" tivra sim raw '{"op":"exit","code":256}'
-expect 2 "not a JSON document: .*number overflow" tivra sim raw '{"op":"emit","event":{"event":"nodeInfoChanged","nodeId":"x","kind":1e400}}'
+expect_rows <<'EOF'
+0|^PravikDeviceMonitorControl$|tivra services
+0|Living Room TV +dev-tv-19c2 +TV +192\.168\.1\.31|tivra devices
+0|^\{"id":"dev-local-7f3a","ip":"192.168.1.20","name":"Pixel Studio","type":"PHONE"\}$|tivra --json local-device
+0|^  "name": "Pixel Studio",$|tivra local-device --pretty
+0|node-local-7f3a|tivra local-node
+0|"deviceTypeName":"DEVICE_TYPE_0A"|tivra node --json node-spk-4410
+0|Kitchen Speaker +DEVICE_TYPE_0A +node-spk-4410|tivra nodes
+0|^IS_ACCOUNT_TRUST +true$|tivra ext node-tv-19c2
+0|^VERSION_TYPE$|tivra ext node-tv-19c2 VERSION_TYPE
+0|^\{"VERSION_TYPE":""\}$|tivra --json ext node-tv-19c2 VERSION_TYPE
+1|^tivra: write error: No space left on device$|full "$tivra_bin" --json nodes
+0|^\{"GROUP_INFO":"home"\}$|tivra --json ext node-tv-19c2 GROUP_INFO
+0|^UDID-7F3A-0001$|tivra udid node-local-7f3a
+0|^6fa459ea-ee8a-3ca4-894e-db77e160355e$|tivra uuid -- node-tv-19c2
+1|gave no node|tivra node node-unknown
+1|no node 'node-unknown' in the network|tivra ext node-unknown
+1|no node '--json' in the network|tivra ext -- --json
+0|^\{"delivered":0\}$|tivra sim device-online "Hall Lamp" dev-lamp-1 LIGHT 192.168.1.77
+0|Hall Lamp +dev-lamp-1 +LIGHT|tivra devices
+0|^$|tivra sim fault getAllDevices exception --code -3 --times=1
+1|failed to answer the device list|tivra devices
+0|Hall Lamp|tivra devices
+0|^\{.*"getAllDevices":4|tivra sim counts --json
+1|expected an exit status from 0 to 255|tivra sim raw '{"op":"exit","code":256}'
+2|not a JSON document: .*number overflow|tivra sim raw '{"op":"emit","event":{"event":"nodeInfoChanged","nodeId":"x","kind":1e400}}'
+EOF
 
 # Widths: columns line up by what a terminal shows, under the C locale too;
 # control characters from the service show escaped, taking their escapes' width.
@@ -185,35 +187,33 @@ for row in "客厅电视 8 dev-cjk" $'Cafe\xcc\x81_Lamp 9 dev-cafe' 'Evil\x1b[2J
   grep -qF "$name$padding$id " "$work/devices.out" || fail "'$name' is not aligned: $(cat "$work/devices.out")"
 done
 
-# monitor: binderd's traffic, each call with its reply, the methods named;
-# a filter keeps the service manager's lookups out. Events already go to a
-# watch over a direct channel: while the traffic is watched, through binderd.
-"$tivra_bin" --json watch >"$work/watch-direct.out" 2>&1 &
-watch_direct_pid=$!
-pids+=("$watch_direct_pid")
-wait_for grep -q '"event":"watching"' "$work/watch-direct.out" && tivra sim node-changed node-tv-19c2 3 >/dev/null &&
-  wait_for grep -q '"kind":3' "$work/watch-direct.out" || fail "watch heard no event before the monitor"
+# monitor: binderd's traffic, each call with its reply, the methods named
+# (events to a watch's listener among them); a filter keeps the service
+# manager's lookups out.
+"$tivra_bin" --json watch >"$work/watch-listener.out" 2>&1 &
+watch_listener_pid=$!
+pids+=("$watch_listener_pid")
+wait_for grep -q '"event":"watching"' "$work/watch-listener.out" || fail "watch did not start"
 "$tivra_bin" monitor --json >"$work/monitor.out" 2>&1 &
 monitor_pid=$!
-pids+=("$monitor_pid")
 "$tivra_bin" monitor --for 4s --service PravikDeviceMonitorService >"$work/monitor-human.out" 2>"$work/monitor-human.err" &
-pids+=($!)
+monitor_for_pid=$!
+pids+=("$monitor_pid" "$monitor_for_pid")
 wait_for grep -q '"event":"watching"' "$work/monitor.out" && wait_for grep -q "watching the traffic" "$work/monitor-human.err" ||
   fail "monitor did not start: $(cat "$work/monitor.out" "$work/monitor-human.err")"
 tivra devices >/dev/null
 tivra sim node-changed node-tv-19c2 1 >/dev/null
-wait_for grep -q '"event":"call",.*"method":"IDeviceListener.onDeviceInfoChanged","objects":0,"oneway":true' \
-  "$work/monitor.out" || fail "monitor missed the one-way call of an event: $(cat "$work/monitor.out")"
-kill -INT "$watch_direct_pid"
 method='"method":"IDeviceMonitorService.getAllDevices"'
-wait_for grep -q "\"event\":\"reply\",.*$method" "$work/monitor.out" || fail "monitor --json missed a reply"
+wait_for grep -q '"event":"call",.*"method":"IDeviceListener.onDeviceInfoChanged","objects":0,"oneway":true' \
+  "$work/monitor.out" && wait_for grep -q "\"event\":\"reply\",.*$method" "$work/monitor.out" ||
+  fail "monitor missed an event's one-way call or a reply: $(cat "$work/monitor.out")"
+kill -INT "$watch_listener_pid"
 call_id=$(sed -n "s/.*\"event\":\"call\",.*\"id\":\([0-9]*\),.*$method.*/\1/p" "$work/monitor.out")
 [ -n "$call_id" ] && grep -q "\"event\":\"reply\",.*\"id\":$call_id,.*$method.*\"statusName\":\"OK\"" "$work/monitor.out" ||
   fail "monitor --json did not show getAllDevices and its reply: $(cat "$work/monitor.out")"
 kill -INT "$monitor_pid"
-wait "$monitor_pid" || fail "monitor ended with $? on Ctrl-C"
-tail -1 "$work/monitor.out" | grep -q '"event":"stopped"' || fail "monitor did not say it stopped"
-wait $! || fail "monitor --for ended with $?"
+wait "$monitor_pid" && tail -1 "$work/monitor.out" | grep -q '"event":"stopped"' || fail "monitor did not stop on Ctrl-C"
+wait "$monitor_for_pid" || fail "monitor --for ended with $?"
 grep -qE "^[0-9:.]+  #[0-9]+ call   [0-9]+/[0-9]+ -> [0-9]+/[0-9]+  PravikDeviceMonitorService  IDeviceMonitorService.getAllDevices  two-way  [0-9]+ B$" \
   "$work/monitor-human.out" && ! grep -q servicemanager "$work/monitor-human.out" ||
   fail "monitor --service did not show the call alone: $(cat "$work/monitor-human.out")"
@@ -226,8 +226,9 @@ grep -q "Ctrl-C to stop" "$work/watch-human.err" && ! grep -q "Ctrl-C" "$work/wa
 grep -q "stopped$" "$work/watch-human.out" || fail "watch's last line ends in spaces: $(cat -A "$work/watch-human.out")"
 expect 1 "^tivra: write error: No space left on device$" full "$tivra_bin" --json watch
 expect 1 "^tivra: write error: No space left on device$" full "$tivra_bin" --json monitor
-# watch --json: one object per line with RFC 3339 times, the service's death,
-# its return, and events after it.
+# watch --json: one object per line with RFC 3339 times, the service's
+# death, its return, binderd's restart (tivra-monitord and watch register
+# again), and events after each.
 TZ=IST-5:30 "$tivra_bin" --json watch --for 20s >"$work/watch.out" 2>&1 &
 watch_pid=$!
 pids+=("$watch_pid")
@@ -237,15 +238,14 @@ wait_for grep -q '"event":"node-info-changed","kind":3,"nodeId":"node-tv-19c2"' 
   fail "watch missed a node change"
 grep -qE '"time":"[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}\+05:30"' "$work/watch.out" ||
   fail "watch times are not RFC 3339 with the offset: $(head -1 "$work/watch.out")"
-{ kill -KILL "$monitord_pid"; wait "$monitord_pid"; } 2>/dev/null
+stop "$monitord_pid"
 wait_for grep -q '"event":"service-died"' "$work/watch.out" || fail "watch did not report the service's death"
 start_monitord
 wait_for grep -q '"event":"service-back"' "$work/watch.out" || fail "watch did not register again"
 tivra sim device-offline dev-tv-19c2 >/dev/null
 wait_for grep -q '"id":"dev-tv-19c2".*"event":"device-offline"' "$work/watch.out" ||
   fail "watch heard nothing after the service came back"
-# binderd restarts under both: tivra-monitord registers again, and watch with it.
-{ kill -TERM "$binderd_pid"; wait "$binderd_pid"; } 2>/dev/null
+stop "$binderd_pid" TERM
 start_binderd
 wait_for grep -q "registered again" "$work/monitord.out" || fail "tivra-monitord did not register with the new binderd"
 wait_for sh -c "[ \$(grep -c '\"event\":\"service-back\"' '$work/watch.out') -eq 2 ]" ||
@@ -253,30 +253,24 @@ wait_for sh -c "[ \$(grep -c '\"event\":\"service-back\"' '$work/watch.out') -eq
 tivra sim node-changed node-tv-19c2 2 >/dev/null
 wait_for grep -q '"kind":2,"nodeId":"node-tv-19c2"' "$work/watch.out" || fail "watch heard nothing after binderd's restart"
 kill -INT "$watch_pid"
-wait "$watch_pid"
-status=$?
-[ "$status" -eq 0 ] || fail "watch ended with $status on Ctrl-C"
-tail -1 "$work/watch.out" | grep -q '"event":"stopped"' || fail "watch did not say it stopped"
+wait "$watch_pid" && tail -1 "$work/watch.out" | grep -q '"event":"stopped"' || fail "watch did not stop on Ctrl-C"
 grep -v '^{.*}$' "$work/watch.out" && fail "watch --json printed a line that is not one JSON object"
 
 # A network of 10,000 devices crosses in one answer.
-{ kill -KILL "$monitord_pid"; wait "$monitord_pid"; } 2>/dev/null
-{
-  printf '{"localDevice": {"name": "Hub", "id": "dev-hub", "type": "HUB", "ip": "10.9.0.1"},'
-  printf ' "localNode": {"name": "Hub", "deviceType": 14, "nodeId": "node-hub"}, "devices": ['
-  for i in $(seq 10000); do
-    [ "$i" -gt 1 ] && printf ','
-    printf '{"name": "Sensor %d", "id": "dev-%05d", "type": "SENSOR", "ip": "10.1.%d.%d"}' "$i" "$i" $((i / 250)) $((i % 250))
-  done
-  printf '], "nodes": [], "timeline": []}'
-} >"$work/large.json"
+stop "$monitord_pid"
+awk 'BEGIN { printf "{\"localDevice\": {\"name\": \"Hub\", \"id\": \"dev-hub\", \"type\": \"HUB\", \"ip\": \"10.9.0.1\"},"
+             printf " \"localNode\": {\"name\": \"Hub\", \"deviceType\": 14, \"nodeId\": \"node-hub\"}, \"devices\": ["
+             for (i = 1; i <= 10000; i++)
+               printf "%s{\"name\": \"Sensor %d\", \"id\": \"dev-%05d\", \"type\": \"SENSOR\", \"ip\": \"10.1.%d.%d\"}",
+                      (i > 1 ? "," : ""), i, i, int(i / 250), i % 250
+             printf "], \"nodes\": [], \"timeline\": []}" }' >"$work/large.json"
 start_monitord "$work/large.json"
 tivra --pretty devices >"$work/large.out" 2>&1 || fail "10,000 devices: $(head -3 "$work/large.out")"
-[ "$(grep -c '"id": "dev-' "$work/large.out")" -eq 10000 ] || fail "10,000 devices did not all arrive"
-grep -q '"id": "dev-10000"' "$work/large.out" || fail "the last of 10,000 devices is missing"
+[ "$(grep -c '"id": "dev-' "$work/large.out")" -eq 10000 ] && grep -q '"id": "dev-10000"' "$work/large.out" ||
+  fail "10,000 devices did not all arrive"
 
 # watch started before the service waits for it, then follows it.
-{ kill -KILL "$monitord_pid"; wait "$monitord_pid"; } 2>/dev/null
+stop "$monitord_pid"
 "$tivra_bin" --json watch >"$work/watch-early.out" 2>&1 &
 pids+=($!)
 wait_for grep -q '"event":"waiting"' "$work/watch-early.out" || fail "watch did not wait: $(cat "$work/watch-early.out")"
@@ -287,24 +281,21 @@ wait_for grep -q '"kind":1,"nodeId":"node-tv-19c2"' "$work/watch-early.out" || f
 # binderd killed outright comes back on its socket; tivra-monitord, finding
 # its name taken meanwhile, says so once while it tries again, then registers.
 kill -STOP "$monitord_pid"
-{ kill -KILL "$binderd_pid"; wait "$binderd_pid"; } 2>/dev/null
+stop "$binderd_pid"
 start_binderd  # its socket was there all along: wait until it answers
 wait_for sh -c "'$tivra_bin' services >/dev/null 2>&1" || fail "binderd did not come back after SIGKILL"
 "$monitord_bin" --scenario "$static_scenario" >"$work/taker.out" 2>&1 &
 taker_pid=$!
 pids+=("$taker_pid")
-wait_for sh -c "'$tivra_bin' services 2>/dev/null | grep -qx PravikDeviceMonitorService" || fail "the new binderd serves no one"
+wait_for serving || fail "the new binderd serves no one"
 kill -CONT "$monitord_pid"
 wait_for sh -c "[ \$(grep -c 'process $monitord_pid may not take' '$work/binderd.log') -ge 3 ]" ||
   fail "tivra-monitord did not try again for the name taken"
-{ kill -KILL "$taker_pid"; wait "$taker_pid"; } 2>/dev/null
+stop "$taker_pid"
 wait_for grep -q "registered again" "$work/monitord.out" || fail "tivra-monitord did not take the name once free"
 [ "$(grep -c 'registered by another process' "$work/monitord.out")" -eq 1 ] &&
   [ "$(grep -c 'EX_SECURITY' "$work/monitord.out")" -eq 1 ] ||
   fail "tivra-monitord did not say once that the name was taken: $(cat "$work/monitord.out")"
 
-if [ "$failures" -ne 0 ]; then
-  echo "--- watch output:" >&2; cat "$work/watch.out" >&2
-  exit 1
-fi
+[ "$failures" -eq 0 ] || { echo "--- watch output:" >&2; cat "$work/watch.out" >&2; exit 1; }
 echo "cli_test: ok"

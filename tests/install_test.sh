@@ -18,11 +18,14 @@ cleanup() {
 }
 trap cleanup EXIT
 fail() { echo "install_test: $*" >&2; exit 1; }
+wait_for() { # up to ten seconds
+  for _ in $(seq 200); do "$@" && return 0; sleep 0.05; done
+  return 1
+}
 
 # A prefix given in a roundabout way: the installed files name it normalised.
-# The library folder is the one GNUInstallDirs chose (lib, or lib/<triplet>
-# for /usr on Debian); nothing is written into the build tree but CMake's
-# install_manifest.txt (ctest's own Testing/ aside).
+# The library folder is the one GNUInstallDirs chose; nothing is written into
+# the build tree but CMake's install_manifest.txt (and ctest's Testing/).
 prefix=$work/prefix
 libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$build_dir/CMakeCache.txt")
 mkdir -p "$work/elsewhere"
@@ -47,20 +50,19 @@ while IFS= read -r link; do
   [ -z "$target" ] || [ -e "$(dirname "$page")/$target" ] || fail "$page links to $target, which is not installed"
 done < <(grep -roE '\]\([^):]*\)' --include='*.md' "$prefix/share/doc/tivra")
 
-# libtivra.so: versioned SONAME, only the public interface, its runtime found
-# through its own RUNPATH.
+# libtivra.so: versioned SONAME, only the public interface (its only data the
+# public classes' type information and vtables), its runtime found through
+# its own RUNPATH.
 library=$prefix/$libdir/libtivra.so.0
 [ "$(readelf -d "$library" | sed -n 's/.*Library soname: \[\(.*\)\]/\1/p')" = libtivra.so.0 ] ||
   fail "libtivra.so has no versioned soname"
 leaked=$(nm -D --defined-only "$library" | c++filt | awk '{ $1 = $2 = ""; print }' | grep -v "^  TIVRA_0$" |
          grep -vE "^  ((typeinfo|typeinfo name|vtable) for )?Communication::.*@@TIVRA_0$" || true)
 [ -z "$leaked" ] || fail "libtivra.so exports more than its interface: $(head -5 <<<"$leaked")"
-# Its only data are the public classes' type information and vtables.
 data=$(nm -D --defined-only "$library" | awk '$2 ~ /^[BDGRSV]$/ { print $3 }' | c++filt |
        grep -vE "^(typeinfo|typeinfo name|vtable) for Communication::" || true)
 [ -z "$data" ] || fail "libtivra.so exports data of its own: $data"
-# (Output held first: grep -q would end the pipe early, and pipefail with it.)
-found=$(ldd "$library")
+found=$(ldd "$library")  # held first: grep -q would end the pipe early, and pipefail with it
 grep -qF "libhostbinder.so.0 => $prefix/$libdir/tivra/libhostbinder.so.0" <<<"$found" ||
   fail "libtivra.so does not find its private libhostbinder: $found"
 
@@ -68,12 +70,10 @@ grep -qF "libhostbinder.so.0 => $prefix/$libdir/tivra/libhostbinder.so.0" <<<"$f
 export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
 [ "$(pkg-config --variable=prefix tivra)" = "$prefix" ] || fail "tivra.pc prefix: $(pkg-config --variable=prefix tivra)"
 [ "$(pkg-config --variable=libdir tivra)" = "$prefix/$libdir" ] || fail "tivra.pc libdir: $(pkg-config --variable=libdir tivra)"
-libs=$(pkg-config --libs tivra)
-[[ $libs != *rpath* ]] || fail "tivra.pc carries an rpath: $libs"
+[[ $(pkg-config --libs tivra) != *rpath* ]] || fail "tivra.pc carries an rpath: $(pkg-config --libs tivra)"
 
 # Programs against the installed package only; with no rpath they run with
 # LD_LIBRARY_PATH=PREFIX/LIBDIR, as a user's program in a private prefix would.
-# The installed programs run without it.
 build() { # OUTPUT SOURCE...
   local output=$1
   shift
@@ -90,7 +90,6 @@ guide=$prefix/share/doc/tivra/docs/user-guide.md
        inside && !/^(#include|using namespace)/' "$guide"
   echo "int main() {}"
 } >"$work/guide.cpp"
-# C++ that is not marked cpp would go unchecked.
 ! grep '^```.' "$guide" | grep -vxE '```(cpp|sh|cmake)' || fail "a code block of the user guide is not marked cpp, sh or cmake"
 build guide "$work/guide.cpp" || fail "a code block of the user guide does not build: $work/guide.cpp"
 build log_client "$source_dir/tests/installed/log_client.cpp" || fail "log client did not build"
@@ -99,8 +98,8 @@ cmake -S "$prefix/share/doc/tivra/examples" -B "$work/example_cmake" -G Ninja -D
   -DCMAKE_PREFIX_PATH="$prefix" >"$work/example_cmake.log" || fail "find_package configure failed"
 cmake --build "$work/example_cmake" >>"$work/example_cmake.log" || fail "find_package build failed"
 
-# The log, with no binderd: each call logs one failure. Left alone by the
-# library, it goes to the program's own logger; then to the header's sink.
+# The log, with no binderd: to the program's own logger while the program
+# set one, then to the header's sink, then to stderr.
 export HOSTBINDER_SOCKET=$work/binder
 LD_LIBRARY_PATH=$prefix/$libdir "$work/log_client" >"$work/log.out" 2>"$work/log.err" || fail "log client failed"
 [ "$(cat "$work/log.out")" = "program's logger: RegisterCallback: get pravik service failed
@@ -109,7 +108,6 @@ LD_LIBRARY_PATH=$prefix/$libdir "$work/log_client" >"$work/log.out" 2>"$work/log
 [ "$(grep -c "RegisterCallback: get pravik service failed" "$work/log.err")" -eq 1 ] ||
   fail "stderr did not get the line logged without a sink alone: $(cat "$work/log.err")"
 
-# Units.
 if command -v systemd-analyze >/dev/null; then
   mkdir -p "$work/runtime"
   XDG_RUNTIME_DIR=$work/runtime systemd-analyze verify --man=no --user \
@@ -119,11 +117,6 @@ fi
 
 "$prefix/bin/binderd" --socket "$HOSTBINDER_SOCKET" 2>"$work/binderd.log" &
 pids+=($!)
-# Waits up to ten seconds for a command to succeed.
-wait_for() {
-  for _ in $(seq 200); do "$@" && return 0; sleep 0.05; done
-  return 1
-}
 wait_for test -S "$HOSTBINDER_SOCKET" || fail "installed binderd did not come up: $(cat "$work/binderd.log")"
 "$prefix/bin/tivra-monitord" >"$work/monitord.out" 2>&1 &
 pids+=($!)
@@ -132,17 +125,17 @@ wait_for registered || fail "installed tivra-monitord did not register: $(cat "$
 grep -qF "from $prefix/bin/../share/tivra/scenarios/sample.json" "$work/monitord.out" ||
   fail "installed tivra-monitord did not use the installed sample: $(cat "$work/monitord.out")"
 
-# Both wait for the sample timeline's first device event.
+# Both examples wait for the sample timeline's first device event.
 LD_LIBRARY_PATH=$prefix/$libdir "$work/example_pkgconfig" 1 10 >"$work/pkgconfig.out" 2>&1 &
 first=$!
 "$work/example_cmake/device_watch" 1 10 >"$work/cmake.out" 2>&1 &
-second=$!
+wait $! || fail "find_package example failed: $(cat "$work/cmake.out")"
 wait "$first" || fail "pkg-config example failed: $(cat "$work/pkgconfig.out")"
-wait "$second" || fail "find_package example failed: $(cat "$work/cmake.out")"
 for out in "$work/pkgconfig.out" "$work/cmake.out"; do
-  grep -qF "device: Living Room TV (dev-tv-19c2, TV, 192.168.1.31)" "$out" || fail "no device table in $(cat "$out")"
-  grep -qF "node: Kitchen Speaker (node-spk-4410), network WIFI" "$out" || fail "no node table in $(cat "$out")"
-  grep -qF "device online: Study Tablet (dev-tab-88e1)" "$out" || fail "no device event in $(cat "$out")"
+  for line in "device: Living Room TV (dev-tv-19c2, TV, 192.168.1.31)" "node: Kitchen Speaker (node-spk-4410), network WIFI" \
+              "device online: Study Tablet (dev-tab-88e1)"; do
+    grep -qF "$line" "$out" || fail "no '$line' in $(cat "$out")"
+  done
 done
 # Bash completion, with the service running: the words typed, then what it
 # offers for the last one.

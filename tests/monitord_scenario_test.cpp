@@ -1,10 +1,10 @@
-// The simulated network of tivra-monitord: scenario files, the errors a bad
-// one gets, how events change the network, and fault bookkeeping.
+// The simulated network of tivra-monitord, in process: scenario files and
+// the errors a bad one gets, and how events change the network. (Its fault
+// plan is exercised through the adapter's tests.)
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "fault_plan.h"
 #include "scenario.h"
 #include "scenario_json.h"
 #include "simulated_network.h"
@@ -12,7 +12,7 @@
 namespace tivra_monitord {
 namespace {
 
-const char* const kMinimal = R"({
+const std::string kMinimal = R"({
   "localDevice": {"name": "Here", "id": "d0", "type": "PHONE", "ip": "10.0.0.1"},
   "localNode": {"name": "Here", "deviceType": 14, "nodeId": "n0", "udid": "u0", "uuid": "v0"},
   "devices": [{"name": "TV", "id": "d1", "type": "TV", "ip": "10.0.0.2"}],
@@ -23,17 +23,13 @@ const char* const kMinimal = R"({
   ]
 })";
 
-// Runs the parser on `text` and returns the error it reports (empty if none).
-std::string ErrorOf(const std::string& text) {
-    try {
-        ParseScenario(text, "net.json");
-    } catch (const ScenarioError& error) {
-        return error.what();
-    }
-    return "";
+// kMinimal with its first `what` replaced by `with`.
+std::string Minimal(const std::string& what, const std::string& with) {
+    std::string text = kMinimal;
+    return text.replace(text.find(what), what.size(), with);
 }
 
-TEST(ScenarioTest, ParsesRecordsAndTimeline) {
+TEST(Scenario, ParsesRecordsAndATimelineThatRoundTripsThroughJson) {
     const Scenario scenario = ParseScenario(kMinimal, "net.json");
     EXPECT_EQ(scenario.localDevice.ip, "10.0.0.1");
     EXPECT_EQ(scenario.localNode.udid, "u0");
@@ -44,63 +40,7 @@ TEST(ScenarioTest, ParsesRecordsAndTimeline) {
     EXPECT_EQ(scenario.timeline[0].at, std::chrono::milliseconds(500));
     EXPECT_EQ(scenario.timeline[0].changeKind, 2);
     EXPECT_EQ(scenario.timeline[1].kind, EventKind::DeviceOffline);
-}
-
-TEST(ScenarioTest, BundledSampleLoads) {
-    const Scenario scenario = LoadScenario(TIVRA_SOURCE_SAMPLE_SCENARIO);
-    EXPECT_FALSE(scenario.devices.empty());
-    EXPECT_FALSE(scenario.nodes.empty());
-    EXPECT_FALSE(scenario.timeline.empty());
-}
-
-TEST(ScenarioTest, ErrorsNameTheSourceAndWhatIsWrong) {
-    struct Case {
-        std::string text;
-        std::string expected;
-    } cases[] = {
-        {"{\n  \"localDevice\": {\n  oops\n}", "net.json: [json.exception.parse_error.101] parse error at line 3"},
-        {"{}", "net.json: field 'localDevice': missing"},
-        {R"({"localDevice": {"name": 1, "id": "", "type": "", "ip": ""}})",
-         "net.json: field 'localDevice.name': expected a string"},
-        {std::string(kMinimal).replace(std::string(kMinimal).find("156"), 3, "\"x\""),
-         "net.json: field 'nodes[0].deviceType': expected a 32-bit integer"},
-        {std::string(kMinimal).replace(std::string(kMinimal).find("156"), 3, "18446744073709551615"),
-         "net.json: field 'nodes[0].deviceType': expected a 32-bit integer"},
-        {std::string(kMinimal).replace(std::string(kMinimal).find("156"), 3, "1e400"),
-         "net.json: [json.exception.out_of_range.406] number overflow parsing '1e400'"},
-        {std::string(kMinimal).replace(std::string(kMinimal).find("nodeInfoChanged"), 15, "explode"),
-         "net.json: field 'timeline[0].event': unknown event 'explode'"},
-        {std::string(kMinimal).replace(std::string(kMinimal).find("\"deviceId\": \"d1\""), 16, "\"deviceId\": \"d9\""),
-         "net.json: field 'timeline[1]': device 'd9' is not online"},
-        {std::string(kMinimal).replace(std::string(kMinimal).find("\"at\": 1,"), 8, "\"at\": 0.1,"),
-         "net.json: field 'timeline[1]': events must be listed in time order"},
-        {std::string(kMinimal).replace(std::string(kMinimal).find("\"at\": 1,"), 8, "\"at\": -1,"),
-         "net.json: field 'timeline[1].at': expected seconds"},
-    };
-    for (const Case& c : cases) {
-        const std::string error = ErrorOf(c.text);
-        EXPECT_EQ(error.rfind(c.expected, 0), 0u) << "got: " << error << "\nwanted a prefix: " << c.expected;
-    }
-}
-
-TEST(ScenarioTest, DuplicateIdsAreRefused) {
-    std::string text = kMinimal;
-    text.replace(text.find("\"devices\": ["), 12,
-                 R"("devices": [{"name": "A", "id": "d1", "type": "", "ip": ""}, )");
-    EXPECT_EQ(ErrorOf(text), "net.json: field 'devices': id 'd1' appears twice");
-}
-
-TEST(ScenarioTest, MissingFileIsNamed) {
-    try {
-        LoadScenario("/nonexistent/scenario.json");
-        FAIL() << "a missing file must not load";
-    } catch (const ScenarioError& error) {
-        EXPECT_STREQ(error.what(), "/nonexistent/scenario.json: cannot open the scenario file");
-    }
-}
-
-TEST(ScenarioTest, EventJsonRoundTrips) {
-    for (const TimelineEvent& event : ParseScenario(kMinimal, "net.json").timeline) {
+    for (const TimelineEvent& event : scenario.timeline) {
         const TimelineEvent back = EventFromJson(ToJson(event), "", "test");
         EXPECT_EQ(back.kind, event.kind);
         EXPECT_EQ(back.at, event.at);
@@ -110,9 +50,43 @@ TEST(ScenarioTest, EventJsonRoundTrips) {
     }
 }
 
-TEST(SimulatedNetworkTest, EventsChangeTheNetworkAndCarryFullRecords) {
-    SimulatedNetwork network(ParseScenario(kMinimal, "net.json"));
+TEST(Scenario, ErrorsNameTheSourceAndWhatIsWrong) {
+    const struct {
+        std::string text, expected;
+    } cases[] = {
+        {"{\n  \"localDevice\": {\n  oops\n}", "net.json: [json.exception.parse_error.101] parse error at line 3"},
+        {"{}", "net.json: field 'localDevice': missing"},
+        {R"({"localDevice": {"name": 1, "id": "", "type": "", "ip": ""}})",
+         "net.json: field 'localDevice.name': expected a string"},
+        {Minimal("156", "\"x\""), "net.json: field 'nodes[0].deviceType': expected a 32-bit integer"},
+        {Minimal("156", "18446744073709551615"), "net.json: field 'nodes[0].deviceType': expected a 32-bit integer"},
+        {Minimal("156", "1e400"), "net.json: [json.exception.out_of_range.406] number overflow parsing '1e400'"},
+        {Minimal("nodeInfoChanged", "explode"), "net.json: field 'timeline[0].event': unknown event 'explode'"},
+        {Minimal("\"deviceId\": \"d1\"", "\"deviceId\": \"d9\""), "net.json: field 'timeline[1]': device 'd9' is not online"},
+        {Minimal("\"at\": 1,", "\"at\": 0.1,"), "net.json: field 'timeline[1]': events must be listed in time order"},
+        {Minimal("\"at\": 1,", "\"at\": -1,"), "net.json: field 'timeline[1].at': expected seconds"},
+        {Minimal("\"devices\": [", R"("devices": [{"name": "A", "id": "d1", "type": "", "ip": ""}, )"),
+         "net.json: field 'devices': id 'd1' appears twice"},
+    };
+    for (const auto& c : cases) {
+        std::string error;
+        try {
+            ParseScenario(c.text, "net.json");
+        } catch (const ScenarioError& e) {
+            error = e.what();
+        }
+        EXPECT_EQ(error.rfind(c.expected, 0), 0u) << "got: " << error << "\nwanted a prefix: " << c.expected;
+    }
+    try {
+        LoadScenario("/nonexistent/scenario.json");
+        ADD_FAILURE() << "a missing file loaded";
+    } catch (const ScenarioError& error) {
+        EXPECT_STREQ(error.what(), "/nonexistent/scenario.json: cannot open the scenario file");
+    }
+}
 
+TEST(SimulatedNetwork, EventsChangeTheNetworkAndCarryFullRecords) {
+    SimulatedNetwork network(ParseScenario(kMinimal, "net.json"));
     TimelineEvent offline;
     offline.kind = EventKind::DeviceOffline;
     offline.device.id = "d1";
@@ -134,52 +108,18 @@ TEST(SimulatedNetworkTest, EventsChangeTheNetworkAndCarryFullRecords) {
     changed.node.nodeId = "n1";
     changed.changeKind = 3;
     ASSERT_EQ(network.Apply(changed), std::nullopt);
-    EXPECT_EQ(changed.node.name, "TV");
-    EXPECT_EQ(changed.changeKind, 3);
-}
+    EXPECT_EQ(changed.node.name, "TV") << "with the whole record";
 
-TEST(SimulatedNetworkTest, QuietChangesKeepOrderAndFindLocalNode) {
-    SimulatedNetwork network(ParseScenario(kMinimal, "net.json"));
+    // Quiet changes: a replaced device keeps its place.
     network.SetDevice({"Tablet", "d2", "TABLET", "10.0.0.3"});
-    network.SetDevice({"TV renamed", "d1", "TV", "10.0.0.2"});
-    const auto devices = network.Devices();
-    ASSERT_EQ(devices.size(), 2u);
-    EXPECT_EQ(devices[0].name, "TV renamed") << "a replaced device keeps its place";
-    EXPECT_EQ(devices[1].id, "d2");
+    network.SetDevice({"TV again", "d2", "TV", "10.0.0.2"});
+    network.SetDevice({"Lamp", "d3", "LIGHT", "10.0.0.4"});
+    ASSERT_EQ(network.Devices().size(), 2u);
+    EXPECT_EQ(network.Devices()[0].name, "TV again");
     EXPECT_TRUE(network.RemoveDevice("d2"));
     EXPECT_FALSE(network.RemoveDevice("d2"));
-    ASSERT_TRUE(network.FindNode("n0").has_value());
-    EXPECT_EQ(network.FindNode("n0")->udid, "u0");
+    EXPECT_EQ(network.FindNode("n0")->udid, "u0") << "the local node is found too";
     EXPECT_FALSE(network.FindNode("missing").has_value());
-}
-
-TEST(FaultPlanTest, FaultsApplyTheirTimesAndCallsAreCounted) {
-    FaultPlan plan;
-    const uint32_t code = MethodCode("getAllDevices");
-    ASSERT_EQ(code, 3u);
-    EXPECT_STREQ(MethodName(44), "getUuidByNodeId");
-    EXPECT_EQ(MethodName(45), nullptr);
-    EXPECT_EQ(MethodCode("noSuchMethod"), 0u);
-
-    Fault twice;
-    twice.kind = Fault::Kind::Transport;
-    twice.code = -32;
-    twice.times = 2;
-    plan.Set(code, twice);
-    EXPECT_TRUE(plan.OnCall(code).has_value());
-    EXPECT_TRUE(plan.OnCall(code).has_value());
-    EXPECT_FALSE(plan.OnCall(code).has_value()) << "a fault set for two calls ends after two";
-    EXPECT_EQ(plan.CallCount(code), 3u);
-
-    Fault refuse;
-    refuse.kind = Fault::Kind::Refuse;
-    const uint32_t add = MethodCode("addDeviceChangeListener");
-    plan.Set(add, refuse);
-    EXPECT_FALSE(plan.OnCall(add).has_value()) << "a refusal is the method's to take, not the transaction's";
-    EXPECT_TRUE(plan.TakeRefusal(add));
-    EXPECT_TRUE(plan.TakeRefusal(add)) << "without times it lasts until cleared";
-    plan.ClearAll();
-    EXPECT_FALSE(plan.TakeRefusal(add));
 }
 
 }  // namespace

@@ -1,10 +1,7 @@
-// Built against an installed libtivra by install_test.sh: where the library's
-// log lines go. Run without binderd, each RegisterCallback below writes one
-// error line, "RegisterCallback: get pravik service failed".
-//
-// First the program sets the platform log itself, as a program that has its
-// own use for it would, and calls nothing of <tivra/tivra_log.h>: the library
-// must leave its minimum priority and its logger alone. Then the header's
+// Built against an installed libtivra by install_test.sh and run without
+// binderd, where each RegisterCallback below logs one error line. First the
+// program sets the platform log itself and calls nothing of tivra_log.h: the
+// library must leave its minimum priority and logger alone. Then the header's
 // sink and minimum. Prints what each destination received; the last line goes
 // to stderr.
 #include <tivra/tivra_adapter.h>
@@ -21,8 +18,6 @@ namespace {
 
 std::string received;
 
-// The platform log's logger takes its line's details and the text; only the
-// text is used here.
 using PlatformLogger = void (*)(const void* details, const char* message);
 
 void ProgramLogger(const void* /*details*/, const char* message) {

@@ -18,27 +18,17 @@
 namespace tivra_test {
 namespace {
 
-// tivra-monitord prints this once both of its names are registered.
-constexpr const char* kServingLine = "tivra-monitord: serving ";
-constexpr auto kServiceStartTimeout = 10s;
-
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-bool HasEnded(pid_t child) {
-    int status = 0;
+// Waits for a child to end (WNOHANG: returns at once) and reaps it.
+bool Reap(pid_t child, int options = 0, int* status = nullptr) {
     pid_t done;
-    do {
-        done = waitpid(child, &status, WNOHANG);
-    } while (done < 0 && errno == EINTR);
-    return done != 0;
-}
-
-void Reap(pid_t child) {
-    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    while ((done = waitpid(child, status, options)) < 0 && errno == EINTR) {
     }
+    return done != 0;
 }
 
 }  // namespace
@@ -56,11 +46,9 @@ void RunInOwnProcess(const std::function<void()>& body, std::chrono::millisecond
         // No static destructors: the adapter and Binder threads are still live.
         _exit(::testing::Test::HasFailure() ? 1 : 0);
     }
-    // Set from both sides, so the group exists whichever runs first.
-    setpgid(child, child);
-
-    // Observe the end without reaping: the group id stays the child's until
-    // the group has been killed, so the kill cannot hit a reused id.
+    setpgid(child, child);  // from both sides, so the group exists whichever runs first
+    // Observe the end without reaping, so that the group id cannot be reused
+    // before the group is killed.
     const bool ended = waitUntil(
         [child] {
             siginfo_t info{};
@@ -70,8 +58,7 @@ void RunInOwnProcess(const std::function<void()>& body, std::chrono::millisecond
         timeout);
     kill(-child, SIGKILL);
     int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
+    Reap(child, 0, &status);
     if (!ended) {
         ADD_FAILURE() << "the test's process did not finish within " << timeout.count() << " ms (deadlock?)";
     } else if (WIFSIGNALED(status)) {
@@ -82,29 +69,22 @@ void RunInOwnProcess(const std::function<void()>& body, std::chrono::millisecond
 }
 
 nlohmann::json QuietScenario() {
-    const nlohmann::json localDevice = {{"name", "Desk Laptop"}, {"id", "dev-local"}, {"type", "LAPTOP"}, {"ip", "10.0.0.2"}};
-    return {
-        {"localDevice", localDevice},
-        {"localNode",
-         {{"name", "Desk Laptop"}, {"deviceType", 0x0C}, {"nodeId", "node-local"}, {"udid", "UDID-LOCAL"},
-          {"uuid", "uuid-local"}, {"extInfo", {{"DEVICE_NAME", "Desk Laptop"}, {"GROUP_INFO", "Küche ✓ 家"}}}}},
-        {"devices",
-         {localDevice,
-          {{"name", "Hall Camera"}, {"id", "dev-cam"}, {"type", "CAMERA"}, {"ip", "10.0.0.3"}},
-          {{"name", "Gartenlicht ☀"}, {"id", "dev-light"}, {"type", "LIGHT"}, {"ip", "10.0.0.4"}}}},
-        {"nodes",
-         {{{"name", "Hall Camera"}, {"deviceType", 0x9C}, {"nodeId", "node-cam"}, {"udid", "UDID-CAM"},
-           {"uuid", "uuid-cam"}, {"extInfo", {{"DEVICE_NAME", "Hall Camera"}}}},
-          {{"name", "Gartenlicht ☀"}, {"deviceType", 0x0A}, {"nodeId", "nœud-lumière-光"}, {"udid", "UDID-LIGHT-ü"},
-           {"uuid", "uuid-light"}}}},
-        {"timeline", nlohmann::json::array()},
-    };
+    return nlohmann::json::parse(R"({
+      "localDevice": {"name": "Desk Laptop", "id": "dev-local", "type": "LAPTOP", "ip": "10.0.0.2"},
+      "localNode": {"name": "Desk Laptop", "deviceType": 12, "nodeId": "node-local", "udid": "UDID-LOCAL",
+                    "uuid": "uuid-local", "extInfo": {"DEVICE_NAME": "Desk Laptop", "GROUP_INFO": "Küche ✓ 家"}},
+      "devices": [{"name": "Desk Laptop", "id": "dev-local", "type": "LAPTOP", "ip": "10.0.0.2"},
+                  {"name": "Hall Camera", "id": "dev-cam", "type": "CAMERA", "ip": "10.0.0.3"},
+                  {"name": "Gartenlicht ☀", "id": "dev-light", "type": "LIGHT", "ip": "10.0.0.4"}],
+      "nodes": [{"name": "Hall Camera", "deviceType": 156, "nodeId": "node-cam", "udid": "UDID-CAM", "uuid": "uuid-cam",
+                 "extInfo": {"DEVICE_NAME": "Hall Camera"}},
+                {"name": "Gartenlicht ☀", "deviceType": 10, "nodeId": "nœud-lumière-光", "udid": "UDID-LIGHT-ü",
+                 "uuid": "uuid-light"}],
+      "timeline": []})");
 }
 
 MonitordSession::MonitordSession() {
-    if (!binderd_.started()) {
-        error_ = binderd_.error();
-    }
+    if (!binderd_.started()) error_ = binderd_.error();
 }
 
 MonitordSession::~MonitordSession() {
@@ -114,24 +94,13 @@ MonitordSession::~MonitordSession() {
     }
 }
 
-std::string MonitordSession::folder() const {
-    return std::filesystem::path(binderd_.socketPath()).parent_path().string();
-}
-
-std::string MonitordSession::SampleScenario() { return TIVRA_SAMPLE_SCENARIO; }
-
-std::string MonitordSession::WriteScenario(const std::string& fileName, const nlohmann::json& scenario) const {
-    const std::string path = folder() + "/" + fileName;
-    std::ofstream(path) << scenario.dump(2);
-    return path;
-}
-
-bool MonitordSession::StartService(const std::string& scenarioPath) {
-    if (!ready()) {
-        return false;  // error() says why binderd did not come up
-    }
-    scenarioPath_ = scenarioPath;
-    const std::string outputPath = folder() + "/monitord-" + std::to_string(++started_) + ".log";
+bool MonitordSession::StartService(const nlohmann::json& scenario) {
+    if (!ready()) return false;  // error() says why binderd did not come up
+    scenario_ = scenario;
+    const std::string base = std::filesystem::path(binderd_.socketPath()).parent_path().string() + "/monitord-" +
+                             std::to_string(++started_);
+    const std::string scenarioPath = base + ".json", outputPath = base + ".log";
+    std::ofstream(scenarioPath) << scenario.dump(2);
     const int output = open(outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (output < 0) {
         error_ = "cannot create " + outputPath;
@@ -152,29 +121,17 @@ bool MonitordSession::StartService(const std::string& scenarioPath) {
         return false;
     }
     services_.push_back(service);
-    return WaitUntilServing(service, outputPath);
-}
-
-bool MonitordSession::StartService(const nlohmann::json& scenario) {
-    return StartService(WriteScenario("scenario-" + std::to_string(started_ + 1) + ".json", scenario));
-}
-
-bool MonitordSession::WaitUntilServing(pid_t service, const std::string& outputPath) {
+    // tivra-monitord prints this once both of its names are registered.
     bool ended = false;
     const bool serving = waitUntil(
         [&] {
-            if (ReadFile(outputPath).find(kServingLine) != std::string::npos) {
-                return true;
-            }
-            ended = HasEnded(service);
-            return ended;
+            return ReadFile(outputPath).find("tivra-monitord: serving ") != std::string::npos ||
+                   (ended = Reap(service, WNOHANG));
         },
-        kServiceStartTimeout);
-    if (serving && !ended) {
-        return true;
-    }
+        10s);
+    if (serving && !ended) return true;
     if (ended) {
-        services_.erase(std::remove(services_.begin(), services_.end(), service), services_.end());
+        services_.pop_back();
         error_ = "tivra-monitord ended before it registered: " + ReadFile(outputPath);
     } else {
         KillService(service);
@@ -198,10 +155,8 @@ bool MonitordSession::KillService(pid_t service) {
 }
 
 bool MonitordSession::RestartService() {
-    KillService();
-    return StartService(scenarioPath_);
+    KillService();  // none left when a test killed it already
+    return StartService(scenario_);
 }
-
-tivra_control::MonitorControlClient MonitordSession::Control() const { return tivra_control::MonitorControlClient(); }
 
 }  // namespace tivra_test
