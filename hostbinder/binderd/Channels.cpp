@@ -409,8 +409,8 @@ void Driver::closeChannel(uint64_t id, bool ownerDying) {
     if (channel->oneway) {
         holder.onewayChannels.erase(&owner);
     }
-    --holder.channels;
-    --mChannelsOfUid[holder.uid];
+    decrease(holder.channels);
+    decrease(mChannelsOfUid[holder.uid]);
     // The end that lives on hears of it: the owner takes in what is on the
     // channel and closes its end; a holder of a one-way channel whose owner
     // died stops using it, told ahead of any death notice on the same
@@ -450,8 +450,8 @@ void Driver::closeChannel(uint64_t id, bool ownerDying) {
         mDrainingChannels.emplace(id, std::move(channel));
         return;
     }
-    --owner.channels;
-    --mChannelsOfUid[owner.uid];
+    decrease(owner.channels);
+    decrease(mChannelsOfUid[owner.uid]);
     for (auto& entry : channel->reach) {
         dropNodeRef(entry.second);
     }
@@ -464,8 +464,8 @@ void Driver::drainedChannel(const Process& owner, uint64_t id) {
     }
     std::unique_ptr<Channel> channel = std::move(it->second);
     mDrainingChannels.erase(it);
-    --channel->owner->channels;
-    --mChannelsOfUid[channel->owner->uid];
+    decrease(channel->owner->channels);
+    decrease(mChannelsOfUid[channel->owner->uid]);
     for (auto& entry : channel->reach) {
         dropNodeRef(entry.second);
     }

@@ -191,7 +191,7 @@ bool Driver::onThreadFrame(Thread& thread, const Frame& frame) {
             thread.looper = true;
             ++thread.process->loopers;
             if (thread.process->pendingSpawns > 0) {
-                --thread.process->pendingSpawns;
+                decrease(thread.process->pendingSpawns);
             }
             becomeIdle(thread);
             return true;
@@ -237,7 +237,7 @@ void Driver::threadGone(Thread& thread) {
     }
     thread.serving.clear();
     if (thread.looper) {
-        --process.loopers;
+        decrease(process.loopers);
     }
     process.idleLoopers.erase(std::remove(process.idleLoopers.begin(), process.idleLoopers.end(), &thread),
                               process.idleLoopers.end());

@@ -404,7 +404,7 @@ bool EventLoop::charge(Connection& connection, size_t bytes) {
 }
 
 void EventLoop::refund(Connection& connection, size_t bytes) {
-    connection.buffered -= bytes;
+    decrease(connection.buffered, bytes);
     mHoldings.give(connection.holder, kBytesBuffered, bytes);
 }
 
@@ -556,7 +556,7 @@ void EventLoop::handFrames(ConnectionId id, Connection& connection, const uint8_
         }
     }
     connection.reading = false;
-    --mDepth;
+    decrease(mDepth);
 }
 
 void EventLoop::keepPartial(ConnectionId id, Connection& connection, const uint8_t* bytes, size_t size) {
@@ -712,7 +712,7 @@ void EventLoop::dropDescriptors(Connection& connection) {
     for (const auto& pending : connection.descriptors) {
         ::close(pending.second);
     }
-    mDescriptorsInFlight -= connection.descriptors.size();
+    decrease(mDescriptorsInFlight, connection.descriptors.size());
     connection.descriptors.clear();
 }
 
@@ -746,7 +746,7 @@ void EventLoop::flush(ConnectionId id, Connection& connection) {
         if (descriptor >= 0) {
             ::close(descriptor);
             connection.descriptors.pop_front();
-            --mDescriptorsInFlight;
+            decrease(mDescriptorsInFlight);
         }
         connection.outStart += static_cast<size_t>(n);
         refund(connection, static_cast<size_t>(n));

@@ -120,7 +120,7 @@ void Driver::releaseCredit(OnewayCredit& credit, size_t bytes) {
     }
     mLedger.give(credit.node->ownerHolder, kBufferBytes, bytes);
     mLedger.give(credit.node->ownerHolder, kOnewayBytes, bytes);
-    credit.bytes -= bytes;
+    decrease(credit.bytes, bytes);
 }
 
 }  // namespace android::binderd

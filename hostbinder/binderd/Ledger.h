@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <map>
 
+#include "Decrease.h"
+
 namespace android::binderd {
 
 // What processes hold of a few kinds of resource, per process (a pid with its
@@ -105,12 +107,12 @@ public:
             return;
         }
         amount = std::min(amount, process->second.held[kind]);
-        process->second.held[kind] -= amount;
-        user->second.held[kind] -= amount;
-        mTotal[kind] -= amount;
+        decrease(process->second.held[kind], amount);
+        decrease(user->second.held[kind], amount);
+        decrease(mTotal[kind], amount);
         if (process->second.leaving) {
-            user->second.leaving[kind] -= amount;
-            mLeaving[kind] -= amount;
+            decrease(user->second.leaving[kind], amount);
+            decrease(mLeaving[kind], amount);
         }
         // A process holding nothing is forgotten, its giving way with it.
         if (process->second.held == Amounts{}) {

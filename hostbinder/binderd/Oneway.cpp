@@ -148,7 +148,7 @@ bool Driver::finishOneway(Thread& thread) {
     } else {
         std::shared_ptr<Transaction> next = thread.pipeline.front();
         thread.pipeline.pop_front();
-        thread.pipelinedBytes -= next->frameBytes();
+        decrease(thread.pipelinedBytes, next->frameBytes());
         thread.serving.push_back(next);
         keepTransit(thread, *next);
         fillPipeline(*done->target);

@@ -154,7 +154,7 @@ bool Driver::releaseHandle(Process& process, uint32_t handle, uint32_t count) {
         drainThreads(process);
         it = process.handles.find(handle);
     }
-    it->second.count -= count;
+    decrease(it->second.count, count);
     if (it->second.count > 0) {
         return true;
     }
@@ -176,7 +176,8 @@ bool Driver::releaseHandle(Process& process, uint32_t handle, uint32_t count) {
 void Driver::takeNodeRef(Node& node) { ++node.refs; }
 
 void Driver::dropNodeRef(const std::shared_ptr<Node>& node) {
-    if (--node->refs > 0 || node->owner == nullptr) {
+    decrease(node->refs);
+    if (node->refs > 0 || node->owner == nullptr) {
         return;
     }
     sendDecNode(*node);
