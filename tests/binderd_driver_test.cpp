@@ -370,6 +370,41 @@ TEST_F(DriverFrames, AWaitedCallOfAProcessThatEndedIsStillDelivered) {
     EXPECT_EQ(deliveredCodes(), (std::vector<uint32_t>{1, 2}));
 }
 
+// More one-way calls than go ahead to the thread: the rest wait in the
+// node's line, and whether they go ahead, wait or return to the line when
+// their thread goes (with the call it ran), the service takes them in the
+// order sent.
+TEST_F(DriverFrames, OneWayCallsReachTheServiceInSendOrderThroughTheLineAndAThreadThatGoes) {
+    constexpr uint32_t kCalls = kMaxPipelinedCalls + 8;
+    for (uint32_t code = 1; code <= kCalls; ++code) {
+        ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(code)));
+    }
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(feed(kServiceLooper, kOnewayDone, {}));
+    }
+    const auto codesTo = [this](ConnectionId to, uint32_t from) {
+        std::vector<uint32_t> codes, expected;
+        for (const Sent& frame : outbox.sent) {
+            if (frame.to == to && frame.command == kIncomingTransaction) {
+                codes.push_back(viewOf(frame).header.code);
+                expected.push_back(from + static_cast<uint32_t>(expected.size()));
+            }
+        }
+        EXPECT_EQ(codes, expected);
+        return codes.size();
+    };
+    EXPECT_EQ(codesTo(kServiceLooper, 1), kMaxPipelinedCalls + 4);
+    constexpr ConnectionId kSecondLooper = 5;
+    driver.onConnect(kSecondLooper, 200, 1000);
+    ASSERT_TRUE(feed(kSecondLooper, kHelloThread, sent(kServiceControl, kWelcome).payload));
+    ASSERT_TRUE(feed(kSecondLooper, kEnterLooper, {}));
+    driver.onDisconnect(kServiceLooper);
+    while (framesTo(kSecondLooper, kIncomingTransaction) < kCalls - 4) {
+        ASSERT_TRUE(feed(kSecondLooper, kOnewayDone, {}));
+    }
+    EXPECT_EQ(codesTo(kSecondLooper, 5), kCalls - 4);
+}
+
 TEST_F(DriverFrames, CreditIsToppedUpToOneStepAndGivenBackByTheByte) {
     earnCredit();
     const size_t charge = bufferCharge(0, 0, true);
@@ -499,6 +534,71 @@ TEST_F(DriverFrames, AProcessHasOneDeathRequestPerHandle) {
     // The three sets of requests leave two pending: still one notice.
     driver.onDisconnect(kServiceControl);
     EXPECT_EQ(framesTo(kClientControl, kDeadBinder), 1u);
+    // A request on a node already dead is answered at once.
+    ASSERT_TRUE(feed(kClientControl, kClearDeath, bytesOf(HandleCount{handle, 0})));
+    ASSERT_TRUE(feed(kClientControl, kRequestDeath, bytesOf(HandleCount{handle, 0})));
+    EXPECT_EQ(framesTo(kClientControl, kDeadBinder), 2u);
+}
+
+// Parcels whose objects a receiver could not trust are refused whole and
+// nothing reaches the service; a release of references never given, or
+// more than given, breaks the protocol.
+TEST_F(DriverFrames, ParcelsWithUntrustworthyObjectsAreRefusedAndForgedReleasesBreakTheProtocol) {
+    // Objects as 32-bit words: {offset in bytes, type, handle or binder, cookie}.
+    struct Object {
+        uint32_t at;
+        uint32_t type;
+        uint32_t value;
+        uint32_t cookie;
+    };
+    const auto parcel = [this](const std::vector<Object>& objects, uint32_t size) {
+        std::vector<uint8_t> data(size, 0);
+        std::vector<uint64_t> offsets;
+        for (const Object& o : objects) {
+            const uint32_t words[] = {o.type, 0, o.value, 0, o.cookie, 0};
+            std::memcpy(data.data() + o.at, words, std::min<size_t>(sizeof(words), size - o.at));
+            offsets.push_back(o.at);
+        }
+        TransactionHeader header{};
+        header.target = handle;
+        header.code = 1;
+        header.dataSize = size;
+        header.offsetsCount = static_cast<uint32_t>(offsets.size());
+        std::vector<uint8_t> frame;
+        appendTransaction(&frame, 0, header, data.data(), offsets.data());
+        return std::vector<uint8_t>(frame.begin() + sizeof(FrameHeader), frame.end());
+    };
+    const uint32_t h = handle;
+    struct Case {
+        const char* name;
+        std::vector<Object> objects;
+        uint32_t size;
+    };
+    const std::vector<Case> cases{
+        {"a handle the sender does not hold", {{0, BINDER_TYPE_HANDLE, h + 5, 0}}, 64},
+        {"an unknown type", {{0, 0x12345678, 0x1000, 0x1000}}, 64},
+        {"an unaligned offset", {{2, BINDER_TYPE_BINDER, 0x1000, 0x1000}}, 64},
+        {"an object past the data", {{48, BINDER_TYPE_BINDER, 0x1000, 0x1000}}, 64},
+        {"a binder of address zero", {{0, BINDER_TYPE_BINDER, 0, 0x1000}}, 64},
+        // The second starts inside the first, whose cookie makes its type.
+        {"overlapping objects", {{0, BINDER_TYPE_HANDLE, h, BINDER_TYPE_HANDLE}, {16, BINDER_TYPE_HANDLE, 0, 0}}, 48},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<uint8_t> payload = parcel(c.objects, c.size);
+        if (c.objects.size() == 2) {
+            // The second object's handle lies past the first.
+            std::memcpy(payload.data() + sizeof(TransactionHeader) + 24, &h, sizeof(h));
+        }
+        ASSERT_TRUE(feed(kClientThread, kTransaction, payload));
+        EXPECT_EQ(payloadAs<int32_t>(outbox.sent.back()), FAILED_TRANSACTION);
+        EXPECT_EQ(outbox.sent.back().command, kRefused);
+    }
+    EXPECT_EQ(framesTo(kServiceLooper, kIncomingTransaction), 0u);
+    // A reply that answers nothing, and releases beyond what is held.
+    EXPECT_FALSE(feed(kClientThread, kReply, bytesOf(TransactionHeader{})));
+    EXPECT_FALSE(feed(kClientControl, kReleaseHandle, bytesOf(HandleCount{handle, 2})));
+    EXPECT_FALSE(feed(kServiceControl, kReleaseHandle, bytesOf(HandleCount{99, 1})));
 }
 
 TEST_F(DriverFrames, WorkForAProcessStaysWithinItsBuffer) {
