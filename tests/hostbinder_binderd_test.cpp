@@ -33,19 +33,6 @@ using namespace tivra_test;
 constexpr uid_t kOtherUid = 65534;
 constexpr uid_t kAllowedUid = 65533;
 
-std::vector<uint8_t> parcelWithObject(uint32_t type, uint64_t value, size_t dataSize, size_t objectAt) {
-    std::vector<uint8_t> data(dataSize, 0);
-    flat_binder_object object{};
-    object.hdr.type = type;
-    object.handle = static_cast<uint32_t>(value);
-    object.binder = value;
-    object.cookie = type == BINDER_TYPE_BINDER ? value : 0;
-    if (objectAt + sizeof(object) <= data.size()) {
-        std::memcpy(data.data() + objectAt, &object, sizeof(object));
-    }
-    return data;
-}
-
 // A socket file with nothing behind it, as a killed binderd leaves.
 void leaveStaleSocket(const std::string& path) {
     sockaddr_un address{};
@@ -86,52 +73,39 @@ protected:
     BinderdSession session;
 };
 
+// Bytes that are no frame, or a frame that cannot be: the socket is cut
+// (what the driver does with well-framed nonsense is binderd_driver_test's).
 TEST_F(Binderd, MalformedFramesCutOnlyTheConnectionThatSentThem) {
-    std::vector<uint8_t> payload;
-
-    RawPeer garbage(session.socketPath());
-    const char noise[] = "\x13\x37 this is not a frame at all \xff\xff\xff\xff\xff\xff";
-    garbage.sendBytes(noise, sizeof(noise));
-    EXPECT_EQ(garbage.nextCommand(&payload), 0);
-
-    RawPeer huge(session.socketPath());
     const FrameHeader twoGigabytes{0x80000000u, kTransaction};
-    huge.sendBytes(&twoGigabytes, sizeof(twoGigabytes));
-    EXPECT_EQ(huge.nextCommand(&payload), 0);
-
-    RawPeer truncated(session.socketPath());
     const FrameHeader promise{64, kHelloProcess};
-    truncated.sendBytes(&promise, sizeof(promise));
-    truncated.sendBytes("short", 5);
-    truncated.finishSending();
-    EXPECT_EQ(truncated.nextCommand(&payload), 0);
-
-    RawPeer impostor(session.socketPath());
     const HelloThread forgedToken{0x1234567890abcdefULL};
-    impostor.sendFrame(kHelloThread, &forgedToken, sizeof(forgedToken));
-    EXPECT_EQ(impostor.nextCommand(&payload), 0);
-
+    std::vector<uint8_t> truncated(reinterpret_cast<const uint8_t*>(&promise),
+                                   reinterpret_cast<const uint8_t*>(&promise + 1));
+    truncated.insert(truncated.end(), {'s', 'h', 'o', 'r', 't'});
+    const std::string noise = "\x13\x37 this is not a frame at all \xff\xff\xff\xff\xff\xff";
+    const std::vector<std::pair<const char*, std::function<void(RawPeer&)>>> cases{
+        {"noise", [&](RawPeer& peer) { peer.sendBytes(noise.data(), noise.size()); }},
+        {"a two-gigabyte frame", [&](RawPeer& peer) { peer.sendBytes(&twoGigabytes, sizeof(twoGigabytes)); }},
+        {"a frame cut short", [&](RawPeer& peer) {
+             peer.sendBytes(truncated.data(), truncated.size());
+             peer.finishSending();
+         }},
+        {"a thread with a forged token", [&](RawPeer& peer) {
+             peer.sendFrame(kHelloThread, &forgedToken, sizeof(forgedToken));
+         }},
+    };
+    std::vector<uint8_t> payload;
+    for (const auto& [name, send] : cases) {
+        SCOPED_TRACE(name);
+        RawPeer peer(session.socketPath());
+        send(peer);
+        EXPECT_EQ(peer.nextCommand(&payload), 0);
+    }
+    // Well framed but breaking the protocol: the whole session is cut.
     RawSession rogue(session.socketPath());
     ASSERT_TRUE(rogue.ready());
-    // Parcels that fail validation are refused and never delivered...
-    const std::vector<std::pair<std::vector<uint8_t>, std::vector<uint64_t>>> invalid{
-        {parcelWithObject(BINDER_TYPE_HANDLE, 5, 64, 0), {0}},
-        {parcelWithObject(BINDER_TYPE_BINDER, 0x1000, 64, 0), {48}},
-        {parcelWithObject(BINDER_TYPE_BINDER, 0x1000, 64, 2), {2}},
-        {parcelWithObject(0x12345678, 0x1000, 64, 0), {0}},
-        {parcelWithObject(BINDER_TYPE_BINDER, 0x1000, 64, 8), {8, 16}},
-    };
     rogue.thread().sendTransaction(777, 1, {0, 0, 0, 0});
     EXPECT_EQ(rogue.answer(), FAILED_TRANSACTION);
-    for (const auto& [data, offsets] : invalid) {
-        rogue.thread().sendTransaction(0, 1, data, offsets);
-        EXPECT_EQ(rogue.answer(), FAILED_TRANSACTION);
-    }
-    // ...while a reply that answers nothing breaks the protocol and is cut.
-    const TransactionHeader empty{};
-    rogue.thread().sendFrame(kReply, &empty, sizeof(empty));
-    EXPECT_EQ(rogue.thread().nextCommand(&payload), 0);
-    // A release of a handle the process never got ends its whole session.
     const HandleCount forgedRelease{99, 1};
     rogue.control().sendFrame(kReleaseHandle, &forgedRelease, sizeof(forgedRelease));
     EXPECT_EQ(rogue.control().nextCommand(&payload), 0);
