@@ -165,10 +165,8 @@ TEST_F(HostBinderIpc, CallsCarryDataStatusAndTheCallersIdentityWithOrWithoutACha
             record.writeInt32(channels ? 1 : 2);
             record.writeInt32(0);
             CHILD_CHECK(service->transact(TestService::kRecord, record, nullptr, IBinder::FLAG_ONEWAY) == OK);
-            CHILD_CHECK(waitUntil([&] {
-                Parcel stats;
-                return call(service, TestService::kStats, nullptr, &stats) == OK && stats.readInt32() == (channels ? 1 : 2);
-            }));
+            CHILD_CHECK(waitUntil([&] { return stats(service).first == (channels ? 1 : 2); }));
+            CHILD_CHECK(stats(service).second == 0);
             // Outside any transaction, the caller is this process itself.
             CHILD_CHECK(IPCThreadState::self()->getCallingPid() == getpid());
             return 0;
