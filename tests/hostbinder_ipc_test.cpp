@@ -584,10 +584,11 @@ TEST_F(HostBinderIpc, CallsKeepSendOrderWhicheverPathEachTakesAndWhicheverThread
     startService(kTestServiceName, &release);
     ASSERT_EQ(events.next(), "ready");
     // Every 5 calls, one makes a two-way call of its own in the service while
-    // the calls sent ahead to its thread wait. Every 50 calls, one carries a binder and one is too large for the
-    // channel: both go through binderd, behind the calls sent before. The
-    // receiver is held from kHeldFrom until kHeldTo is sent: the calls
-    // between overflow the channel's ring and wait in binderd behind it.
+    // the calls sent ahead to its thread wait. Every 50 calls, one carries a
+    // binder and one is too large for the channel: both go through binderd,
+    // behind the calls sent before. The receiver is held from kHeldFrom until
+    // kHeldTo is sent: the calls between overflow the channel's ring and wait
+    // in binderd behind it.
     constexpr int kCalls = 800;
     constexpr int kHeldFrom = 400;
     constexpr int kHeldTo = 500;
