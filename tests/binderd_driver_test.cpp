@@ -32,16 +32,26 @@ struct Sent {
     std::vector<uint8_t> payload;
 };
 
-std::vector<uint8_t> transactionPayload(uint64_t target, uint32_t code, uint32_t flags, const Parcel& data) {
+// A transaction's payload as a frame carries it.
+std::vector<uint8_t> payloadOf(const TransactionHeader& header, const uint8_t* data, const uint64_t* offsets) {
+    std::vector<uint8_t> frame;
+    appendTransaction(&frame, 0, header, data, offsets);
+    return std::vector<uint8_t>(frame.begin() + sizeof(FrameHeader), frame.end());
+}
+
+std::vector<uint8_t> transactionPayload(uint64_t target, uint32_t code, uint32_t flags, const uint8_t* data,
+                                        size_t size, const uint64_t* offsets = nullptr, size_t offsetsCount = 0) {
     TransactionHeader header{};
     header.target = target;
     header.code = code;
     header.flags = flags;
-    header.dataSize = static_cast<uint32_t>(data.dataSize());
-    header.offsetsCount = static_cast<uint32_t>(data.objectsCount());
-    std::vector<uint8_t> frame;
-    appendTransaction(&frame, 0, header, data.data(), data.objects());
-    return std::vector<uint8_t>(frame.begin() + sizeof(FrameHeader), frame.end());
+    header.dataSize = static_cast<uint32_t>(size);
+    header.offsetsCount = static_cast<uint32_t>(offsetsCount);
+    return payloadOf(header, data, offsets);
+}
+
+std::vector<uint8_t> transactionPayload(uint64_t target, uint32_t code, uint32_t flags, const Parcel& data) {
+    return transactionPayload(target, code, flags, data.data(), data.dataSize(), data.objects(), data.objectsCount());
 }
 
 // Records what the driver sends; frames a connection has "written" but the
@@ -54,9 +64,7 @@ public:
     }
     void sendTransaction(ConnectionId to, uint32_t command, const TransactionHeader& header, const uint8_t* data,
                          const uint64_t* offsets) override {
-        std::vector<uint8_t> frame;
-        appendTransaction(&frame, command, header, data, offsets);
-        sent.push_back({to, command, std::vector<uint8_t>(frame.begin() + sizeof(FrameHeader), frame.end())});
+        sent.push_back({to, command, payloadOf(header, data, offsets)});
     }
     void sendDescriptor(ConnectionId to, uint32_t command, const void* payload, size_t size,
                         int descriptor) override {
@@ -99,17 +107,9 @@ protected:
         startProcess(kServiceControl, kServiceLooper, 200);
         ASSERT_TRUE(feed(kServiceLooper, kEnterLooper, {}));
 
-        Parcel add;
-        add.writeInterfaceToken(String16("android.os.IServiceManager"));
-        add.writeString16(String16("svc"));
-        add.writeStrongBinder(object);
-        ASSERT_TRUE(feed(kServiceLooper, kTransaction, transactionPayload(0, kAddService, 0, add)));
+        ASSERT_EQ(addService(kServiceLooper, "svc", object), kExNone);
 
-        Parcel check;
-        check.writeInterfaceToken(String16("android.os.IServiceManager"));
-        check.writeString16(String16("svc"));
-        ASSERT_TRUE(feed(kClientThread, kTransaction, transactionPayload(0, kCheckService, 0, check)));
-        handle = handleIn(sent(kClientThread, kIncomingReply));
+        handle = lookUp("svc");
         ASSERT_NE(handle, 0u);
     }
 
@@ -151,10 +151,14 @@ protected:
 
     void startProcess(ConnectionId control, ConnectionId thread, pid_t pid) {
         driver.onConnect(control, pid, 1000);
-        driver.onConnect(thread, pid, 1000);
-        const HelloProcess hello{15, 0};
-        ASSERT_TRUE(feed(control, kHelloProcess, bytesOf(hello)));
-        ASSERT_TRUE(feed(thread, kHelloThread, sent(control, kWelcome).payload));
+        ASSERT_TRUE(feed(control, kHelloProcess, bytesOf(HelloProcess{15, 0})));
+        addThread(thread, pid, control);
+    }
+
+    // Another thread of process `pid` (the client's by default), on connection `id`.
+    void addThread(ConnectionId id, pid_t pid = 100, ConnectionId control = kClientControl) {
+        driver.onConnect(id, pid, 1000);
+        ASSERT_TRUE(feed(id, kHelloThread, sent(control, kWelcome).payload));
     }
 
     template <typename T>
@@ -213,12 +217,6 @@ protected:
         ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(1)));
         ASSERT_EQ(payloadAs<OnewayAccepted>(sent(kClientThread, kTransactionComplete)).creditBytes,
                   kOnewayCreditBytes);
-    }
-
-    // Another thread of the client process, on connection `id`.
-    void addClientThread(ConnectionId id) {
-        driver.onConnect(id, 100, 1000);
-        ASSERT_TRUE(feed(id, kHelloThread, sent(kClientControl, kWelcome).payload));
     }
 
     // A call of the service manager naming `name` and, for the calls that
@@ -306,16 +304,23 @@ protected:
 
     // Another process (control `control`, one looper `control + 1`) serving
     // a fresh binder under `name`; the client's handle to it.
-    uint32_t startService(ConnectionId control, pid_t pid, const std::string& name, uid_t uid = 1000) {
-        driver.onConnect(control, pid, uid);
-        driver.onConnect(control + 1, pid, uid);
-        const HelloProcess hello{15, 0};
-        EXPECT_TRUE(feed(control, kHelloProcess, bytesOf(hello)));
-        EXPECT_TRUE(feed(control + 1, kHelloThread, sent(control, kWelcome).payload));
+    uint32_t startService(ConnectionId control, pid_t pid, const std::string& name) {
+        startProcess(control, control + 1, pid);
         EXPECT_TRUE(feed(control + 1, kEnterLooper, {}));
         EXPECT_EQ(addService(control + 1, name, new BBinder()), kExNone);
+        return lookUp(name);
+    }
+
+    // The client's handle for `name` (0: none), and its stability level.
+    uint32_t lookUp(const std::string& name, int32_t* stability = nullptr) {
         EXPECT_TRUE(feed(kClientThread, kTransaction, serviceManagerCall(kCheckService, name, nullptr)));
-        return handleIn(sent(kClientThread, kIncomingReply));
+        return handleIn(sent(kClientThread, kIncomingReply), stability);
+    }
+
+    // A connection `id` of process `pid` that watches the traffic.
+    void addWatcher(ConnectionId id, pid_t pid) {
+        driver.onConnect(id, pid, geteuid());
+        ASSERT_TRUE(feed(id, kHelloMonitor, {}));
     }
 
     size_t framesTo(ConnectionId to, uint32_t command) const {
@@ -367,6 +372,40 @@ TEST_F(DriverFrames, AWaitedCallOfAProcessThatEndedIsStillDelivered) {
     outbox.unread[kClientThread].push_back({kTransaction, oneway(2)});
     driver.onDisconnect(kClientControl);
     EXPECT_EQ(deliveredCodes(), (std::vector<uint32_t>{1, 2}));
+}
+
+// More one-way calls than go ahead to the thread: the rest wait in the
+// node's line, and whether they go ahead, wait or return to the line when
+// their thread goes (with the call it ran), the service takes them in the
+// order sent.
+TEST_F(DriverFrames, OneWayCallsReachTheServiceInSendOrderThroughTheLineAndAThreadThatGoes) {
+    constexpr uint32_t kCalls = kMaxPipelinedCalls + 8;
+    for (uint32_t code = 1; code <= kCalls; ++code) {
+        ASSERT_TRUE(feed(kClientThread, kTransaction, oneway(code)));
+    }
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(feed(kServiceLooper, kOnewayDone, {}));
+    }
+    const auto codesTo = [this](ConnectionId to, uint32_t from) {
+        std::vector<uint32_t> codes, expected;
+        for (const Sent& frame : outbox.sent) {
+            if (frame.to == to && frame.command == kIncomingTransaction) {
+                codes.push_back(viewOf(frame).header.code);
+                expected.push_back(from + static_cast<uint32_t>(expected.size()));
+            }
+        }
+        EXPECT_EQ(codes, expected);
+        return codes.size();
+    };
+    EXPECT_EQ(codesTo(kServiceLooper, 1), kMaxPipelinedCalls + 4);
+    constexpr ConnectionId kSecondLooper = 5;
+    addThread(kSecondLooper, 200, kServiceControl);
+    ASSERT_TRUE(feed(kSecondLooper, kEnterLooper, {}));
+    driver.onDisconnect(kServiceLooper);
+    while (framesTo(kSecondLooper, kIncomingTransaction) < kCalls - 4) {
+        ASSERT_TRUE(feed(kSecondLooper, kOnewayDone, {}));
+    }
+    EXPECT_EQ(codesTo(kSecondLooper, 5), kCalls - 4);
 }
 
 TEST_F(DriverFrames, CreditIsToppedUpToOneStepAndGivenBackByTheByte) {
@@ -452,8 +491,7 @@ TEST_F(DriverFrames, ServiceNamesBelongToTheirLiveRegistrant) {
         EXPECT_EQ(answerTo(c.from, kAddService, c.service, other, c.stability), c.exception);
         if (c.exception == kExNone) {
             int32_t stability = 0;
-            ASSERT_TRUE(feed(kClientThread, kTransaction, serviceManagerCall(kCheckService, c.service, nullptr)));
-            EXPECT_NE(handleIn(sent(kClientThread, kIncomingReply), &stability), 0u);
+            EXPECT_NE(lookUp(c.service, &stability), 0u);
             EXPECT_EQ(stability, c.stability);
         }
     }
@@ -498,12 +536,70 @@ TEST_F(DriverFrames, AProcessHasOneDeathRequestPerHandle) {
     // The three sets of requests leave two pending: still one notice.
     driver.onDisconnect(kServiceControl);
     EXPECT_EQ(framesTo(kClientControl, kDeadBinder), 1u);
+    // A request on a node already dead is answered at once.
+    ASSERT_TRUE(feed(kClientControl, kClearDeath, bytesOf(HandleCount{handle, 0})));
+    ASSERT_TRUE(feed(kClientControl, kRequestDeath, bytesOf(HandleCount{handle, 0})));
+    EXPECT_EQ(framesTo(kClientControl, kDeadBinder), 2u);
+}
+
+// Parcels whose objects a receiver could not trust are refused whole and
+// nothing reaches the service; a release of references never given, or
+// more than given, breaks the protocol.
+TEST_F(DriverFrames, ParcelsWithUntrustworthyObjectsAreRefusedAndForgedReleasesBreakTheProtocol) {
+    // Objects as 32-bit words: {offset in bytes, type, handle or binder, cookie}.
+    struct Object {
+        uint32_t at;
+        uint32_t type;
+        uint32_t value;
+        uint32_t cookie;
+    };
+    const auto parcel = [this](const std::vector<Object>& objects, uint32_t size) {
+        std::vector<uint8_t> data(size, 0);
+        std::vector<uint64_t> offsets;
+        for (const Object& o : objects) {
+            const uint32_t words[] = {o.type, 0, o.value, 0, o.cookie, 0};
+            std::memcpy(data.data() + o.at, words, std::min<size_t>(sizeof(words), size - o.at));
+            offsets.push_back(o.at);
+        }
+        return transactionPayload(handle, 1, 0, data.data(), size, offsets.data(), offsets.size());
+    };
+    const uint32_t h = handle;
+    struct Case {
+        const char* name;
+        std::vector<Object> objects;
+        uint32_t size;
+    };
+    const std::vector<Case> cases{
+        {"a handle the sender does not hold", {{0, BINDER_TYPE_HANDLE, h + 5, 0}}, 64},
+        {"an unknown type", {{0, 0x12345678, 0x1000, 0x1000}}, 64},
+        {"an unaligned offset", {{2, BINDER_TYPE_BINDER, 0x1000, 0x1000}}, 64},
+        {"an object past the data", {{48, BINDER_TYPE_BINDER, 0x1000, 0x1000}}, 64},
+        {"a binder of address zero", {{0, BINDER_TYPE_BINDER, 0, 0x1000}}, 64},
+        // The second starts inside the first, whose cookie makes its type.
+        {"overlapping objects", {{0, BINDER_TYPE_HANDLE, h, BINDER_TYPE_HANDLE}, {16, BINDER_TYPE_HANDLE, 0, 0}}, 48},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<uint8_t> payload = parcel(c.objects, c.size);
+        if (c.objects.size() == 2) {
+            // The second object's handle lies past the first.
+            std::memcpy(payload.data() + sizeof(TransactionHeader) + 24, &h, sizeof(h));
+        }
+        ASSERT_TRUE(feed(kClientThread, kTransaction, payload));
+        EXPECT_EQ(payloadAs<int32_t>(outbox.sent.back()), FAILED_TRANSACTION);
+        EXPECT_EQ(outbox.sent.back().command, kRefused);
+    }
+    EXPECT_EQ(framesTo(kServiceLooper, kIncomingTransaction), 0u);
+    // A reply that answers nothing, and releases beyond what is held.
+    EXPECT_FALSE(feed(kClientThread, kReply, bytesOf(TransactionHeader{})));
+    EXPECT_FALSE(feed(kClientControl, kReleaseHandle, bytesOf(HandleCount{handle, 2})));
+    EXPECT_FALSE(feed(kServiceControl, kReleaseHandle, bytesOf(HandleCount{99, 1})));
 }
 
 TEST_F(DriverFrames, WorkForAProcessStaysWithinItsBuffer) {
     constexpr ConnectionId kSecondThread = 5, kThirdThread = 6;
-    addClientThread(kSecondThread);
-    addClientThread(kThirdThread);
+    addThread(kSecondThread);
+    addThread(kThirdThread);
     // Data rounded up to 8 bytes; a one-way call also its overhead.
     constexpr size_t kThird = kMaxTransactionBytes / 3 / 8 * 8 + 4;
     const size_t room = kMaxTransactionBytes - bufferCharge(kThird, 0, false) - bufferCharge(kThird, 0, true);
@@ -595,9 +691,7 @@ TEST_F(DriverFrames, WhenAUidRunsOutTheProcessHoldingTheMostGivesWay) {
     const ConnectionId evicted = outbox.finished[0];
     EXPECT_NE(std::find(hogs.begin() + 1, hogs.end(), evicted), hogs.end()) << "not one holding the most";
     // Its control connection heard why.
-    uint32_t reason = 0;
-    std::memcpy(&reason, sent(evicted, kConnectionRefused).payload.data(), sizeof(reason));
-    EXPECT_EQ(reason, kEvicted);
+    EXPECT_EQ(payloadAs<uint32_t>(sent(evicted, kConnectionRefused)), kEvicted);
     // Once it is gone, its names are free for anyone.
     driver.onDisconnect(evicted);
     EXPECT_EQ(addService(kClientThread, "innocent.too", other), kExNone);
@@ -670,7 +764,7 @@ TEST_F(DriverFrames, LookupsWaitingForANameAreBoundedPerProcess) {
     const size_t waiters = android::binderd::kMaxLookupWaitersPerProcess;
     for (size_t i = 0; i <= waiters; ++i) {
         const ConnectionId thread = 10 + i;
-        addClientThread(thread);
+        addThread(thread);
         ASSERT_TRUE(feed(thread, kTransaction, serviceManagerCall(kGetService, "absent", nullptr)));
         EXPECT_EQ(framesTo(thread, kIncomingReply), i < waiters ? 0u : 1u) << "lookup " << i;
     }
@@ -714,8 +808,7 @@ std::vector<Heard> heardBy(const std::vector<Sent>& sent, ConnectionId watcher) 
 
 TEST_F(DriverFrames, AWatcherHearsEveryCallAndReplyWithItsTargetAndInterface) {
     constexpr ConnectionId kWatcher = 9;
-    driver.onConnect(kWatcher, 300, geteuid());
-    ASSERT_TRUE(feed(kWatcher, kHelloMonitor, {}));
+    addWatcher(kWatcher, 300);
     ASSERT_EQ(framesTo(kWatcher, kWelcome), 1u);
 
     Parcel data;
@@ -776,8 +869,7 @@ TEST_F(DriverFrames, AWatcherHearsEveryCallAndReplyWithItsTargetAndInterface) {
 TEST_F(DriverFrames, AWatcherThatFallsBehindLosesRecordsAndHearsHowMany) {
     constexpr ConnectionId kWatcher = 9;
     constexpr size_t kBound = android::binderd::kMaxWatcherBacklog;
-    driver.onConnect(kWatcher, 300, geteuid());
-    ASSERT_TRUE(feed(kWatcher, kHelloMonitor, {}));
+    addWatcher(kWatcher, 300);
     // Full, then still more than half full: records are counted, not sent.
     for (const size_t backlog : {kBound, kBound / 2}) {
         outbox.backlogs[kWatcher] = backlog;
@@ -807,21 +899,7 @@ TEST_F(DriverFrames, AWatcherThatFallsBehindLosesRecordsAndHearsHowMany) {
 }
 
 TEST(TrafficReport, OnlyTheOwnerAndRootMayWatchAndWatchersAreBounded) {
-    struct NoOutput : android::binderd::Outbox {
-        void send(ConnectionId, uint32_t, const void*, size_t) override {}
-        void sendTransaction(ConnectionId, uint32_t, const TransactionHeader&, const uint8_t*,
-                             const uint64_t*) override {}
-        void sendDescriptor(ConnectionId, uint32_t, const void*, size_t, int descriptor) override {
-            close(descriptor);
-        }
-        bool takesDescriptor(ConnectionId) const override { return false; }
-        void cut(ConnectionId) override {}
-        void finish(ConnectionId) override { ++finished; }
-        size_t backlog(ConnectionId) const override { return 0; }
-        void writeNow(ConnectionId) override {}
-        void drain(ConnectionId) override {}
-        size_t finished = 0;
-    } outbox;
+    ScriptedOutbox outbox;
     using android::binderd::kMaxWatchers;
     using android::binderd::kMaxWatchersPerProcess;
     android::binderd::TrafficReport report(outbox, 1000);
@@ -838,11 +916,11 @@ TEST(TrafficReport, OnlyTheOwnerAndRootMayWatchAndWatchersAreBounded) {
     // All places taken: a process watching with none takes the newest place
     // of one watching with the most.
     EXPECT_EQ(report.admit(201, 500, 1000), 0u);
-    EXPECT_EQ(outbox.finished, 1u);
+    EXPECT_EQ(outbox.finished.size(), 1u);
     // A place that comes free is taken without anyone giving way.
     report.forget(2);
     EXPECT_EQ(report.admit(202, 501, 1000), 0u);
-    EXPECT_EQ(outbox.finished, 1u);
+    EXPECT_EQ(outbox.finished.size(), 1u);
 }
 
 TEST(TrafficReport, TheInterfaceDescriptorIsReadOnlyFromAWellFormedToken) {
@@ -923,9 +1001,7 @@ TEST_F(DriverFrames, CallsBackAlongAChainReachTheThreadThatWaitsUpToADepthBound)
         ASSERT_EQ(outbox.sent.back().command, kIncomingTransaction);
     }
     ASSERT_TRUE(callWith(kClientThread, handle, 0));
-    int32_t refused = 0;
-    std::memcpy(&refused, sent(kClientThread, kRefused).payload.data(), sizeof(refused));
-    EXPECT_EQ(refused, FAILED_TRANSACTION);
+    EXPECT_EQ(payloadAs<int32_t>(sent(kClientThread, kRefused)), FAILED_TRANSACTION);
     // A thread that waits answers nothing; each level's answer reaches its caller.
     EXPECT_FALSE(replyWith(kServiceLooper, 0));
     for (uint32_t depth = android::binderd::kMaxCallDepth; depth >= 1; --depth) {
@@ -935,15 +1011,10 @@ TEST_F(DriverFrames, CallsBackAlongAChainReachTheThreadThatWaitsUpToADepthBound)
 }
 
 TEST_F(DriverFrames, AnOuterCallsFailureWaitsUntilTheInnerLevelsAreDone) {
-    constexpr ConnectionId kThirdControl = 5, kThirdLooper = 6;
-    startProcess(kThirdControl, kThirdLooper, 300);
-    ASSERT_EQ(addService(kThirdLooper, "third", new BBinder()), kExNone);
-    ASSERT_TRUE(feed(kThirdLooper, kEnterLooper, {}));
-    ASSERT_TRUE(feed(kClientThread, kTransaction, serviceManagerCall(kCheckService, "third", nullptr)));
-    const uint32_t third = handleIn(sent(kClientThread, kIncomingReply));
+    constexpr ConnectionId kThirdLooper = 6;
+    const uint32_t third = startService(5, 300, "third");
     constexpr ConnectionId kWatcher = 9;
-    driver.onConnect(kWatcher, 400, geteuid());
-    ASSERT_TRUE(feed(kWatcher, kHelloMonitor, {}));
+    addWatcher(kWatcher, 400);
     // The client calls the service, which calls it back; the call back goes
     // on to the third process.
     ASSERT_TRUE(callWith(kClientThread, handle, 1, new BBinder()));
@@ -968,7 +1039,7 @@ TEST_F(DriverFrames, AnOuterCallsFailureWaitsUntilTheInnerLevelsAreDone) {
 
 TEST_F(DriverFrames, CallbacksHearOfTheirNameFromBinderdAtOnceAndOnEveryAdd) {
     constexpr ConnectionId kClientLooper = 7;
-    addClientThread(kClientLooper);
+    addThread(kClientLooper);
     ASSERT_TRUE(feed(kClientLooper, kEnterLooper, {}));
     const sp<IBinder> callback = new BBinder();
     // The names the callback heard of since the last row, each from binderd.
@@ -1089,7 +1160,7 @@ TEST_F(DriverChannels, AreMadeOnlyWhereBinderdNeedNotSeeTheCalls) {
     const uint64_t oneway = open(handle, kOneWayChannel);
     EXPECT_NE(oneway, twoWay);
     constexpr ConnectionId kSecondThread = 7;
-    addClientThread(kSecondThread);
+    addThread(kSecondThread);
     ASSERT_TRUE(feed(kSecondThread, kOpenChannel, bytesOf(OpenChannel{handle, kOneWayChannel})));
     EXPECT_EQ(payloadAs<ChannelReady>(sent(kSecondThread, kChannelReady)).channel, oneway);
     // Not to the service manager, not for a handle the process lacks, not
@@ -1100,8 +1171,7 @@ TEST_F(DriverChannels, AreMadeOnlyWhereBinderdNeedNotSeeTheCalls) {
     EXPECT_EQ(open(4242, kTwoWayChannel, &refused), 0u);
     EXPECT_EQ(refused, FAILED_TRANSACTION);
     constexpr ConnectionId kWatcher = 9;
-    driver.onConnect(kWatcher, 400, geteuid());
-    ASSERT_TRUE(feed(kWatcher, kHelloMonitor, {}));
+    addWatcher(kWatcher, 400);
     EXPECT_EQ(payloadAs<uint32_t>(sent(kClientControl, kWatchState)), 1u);
     EXPECT_EQ(open(handle, kTwoWayChannel, &refused), twoWay) << "an existing channel is still named";
     ASSERT_TRUE(feed(kSecondThread, kOpenChannel, bytesOf(OpenChannel{handle, kTwoWayChannel})));
@@ -1217,7 +1287,7 @@ TEST_F(DriverChannels, ACallBackAlongAChainThatRanOverAChannelReachesTheWaitingC
 
 TEST_F(DriverChannels, EndWithTheirThreadOrProcessAndTheLivingEndHearsFirst) {
     constexpr ConnectionId kSecondThread = 7;
-    addClientThread(kSecondThread);
+    addThread(kSecondThread);
     ASSERT_TRUE(feed(kSecondThread, kOpenChannel, bytesOf(OpenChannel{handle, kTwoWayChannel})));
     const uint64_t twoWay = payloadAs<ChannelReady>(sent(kSecondThread, kChannelReady)).channel;
     driver.onDisconnect(kSecondThread);

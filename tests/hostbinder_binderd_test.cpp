@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 
 #include <binder/IServiceManager.h>
 
@@ -32,19 +33,6 @@ using namespace tivra_test;
 
 constexpr uid_t kOtherUid = 65534;
 constexpr uid_t kAllowedUid = 65533;
-
-std::vector<uint8_t> parcelWithObject(uint32_t type, uint64_t value, size_t dataSize, size_t objectAt) {
-    std::vector<uint8_t> data(dataSize, 0);
-    flat_binder_object object{};
-    object.hdr.type = type;
-    object.handle = static_cast<uint32_t>(value);
-    object.binder = value;
-    object.cookie = type == BINDER_TYPE_BINDER ? value : 0;
-    if (objectAt + sizeof(object) <= data.size()) {
-        std::memcpy(data.data() + objectAt, &object, sizeof(object));
-    }
-    return data;
-}
 
 // A socket file with nothing behind it, as a killed binderd leaves.
 void leaveStaleSocket(const std::string& path) {
@@ -86,52 +74,39 @@ protected:
     BinderdSession session;
 };
 
+// Bytes that are no frame, or a frame that cannot be: the socket is cut
+// (what the driver does with well-framed nonsense is binderd_driver_test's).
 TEST_F(Binderd, MalformedFramesCutOnlyTheConnectionThatSentThem) {
-    std::vector<uint8_t> payload;
-
-    RawPeer garbage(session.socketPath());
-    const char noise[] = "\x13\x37 this is not a frame at all \xff\xff\xff\xff\xff\xff";
-    garbage.sendBytes(noise, sizeof(noise));
-    EXPECT_EQ(garbage.nextCommand(&payload), 0);
-
-    RawPeer huge(session.socketPath());
     const FrameHeader twoGigabytes{0x80000000u, kTransaction};
-    huge.sendBytes(&twoGigabytes, sizeof(twoGigabytes));
-    EXPECT_EQ(huge.nextCommand(&payload), 0);
-
-    RawPeer truncated(session.socketPath());
     const FrameHeader promise{64, kHelloProcess};
-    truncated.sendBytes(&promise, sizeof(promise));
-    truncated.sendBytes("short", 5);
-    truncated.finishSending();
-    EXPECT_EQ(truncated.nextCommand(&payload), 0);
-
-    RawPeer impostor(session.socketPath());
     const HelloThread forgedToken{0x1234567890abcdefULL};
-    impostor.sendFrame(kHelloThread, &forgedToken, sizeof(forgedToken));
-    EXPECT_EQ(impostor.nextCommand(&payload), 0);
-
+    std::vector<uint8_t> truncated(reinterpret_cast<const uint8_t*>(&promise),
+                                   reinterpret_cast<const uint8_t*>(&promise + 1));
+    truncated.insert(truncated.end(), {'s', 'h', 'o', 'r', 't'});
+    const std::string noise = "\x13\x37 this is not a frame at all \xff\xff\xff\xff\xff\xff";
+    const std::vector<std::pair<const char*, std::function<void(RawPeer&)>>> cases{
+        {"noise", [&](RawPeer& peer) { peer.sendBytes(noise.data(), noise.size()); }},
+        {"a two-gigabyte frame", [&](RawPeer& peer) { peer.sendBytes(&twoGigabytes, sizeof(twoGigabytes)); }},
+        {"a frame cut short", [&](RawPeer& peer) {
+             peer.sendBytes(truncated.data(), truncated.size());
+             peer.finishSending();
+         }},
+        {"a thread with a forged token", [&](RawPeer& peer) {
+             peer.sendFrame(kHelloThread, &forgedToken, sizeof(forgedToken));
+         }},
+    };
+    std::vector<uint8_t> payload;
+    for (const auto& [name, send] : cases) {
+        SCOPED_TRACE(name);
+        RawPeer peer(session.socketPath());
+        send(peer);
+        EXPECT_EQ(peer.nextCommand(&payload), 0);
+    }
+    // Well framed but breaking the protocol: the whole session is cut.
     RawSession rogue(session.socketPath());
     ASSERT_TRUE(rogue.ready());
-    // Parcels that fail validation are refused and never delivered...
-    const std::vector<std::pair<std::vector<uint8_t>, std::vector<uint64_t>>> invalid{
-        {parcelWithObject(BINDER_TYPE_HANDLE, 5, 64, 0), {0}},
-        {parcelWithObject(BINDER_TYPE_BINDER, 0x1000, 64, 0), {48}},
-        {parcelWithObject(BINDER_TYPE_BINDER, 0x1000, 64, 2), {2}},
-        {parcelWithObject(0x12345678, 0x1000, 64, 0), {0}},
-        {parcelWithObject(BINDER_TYPE_BINDER, 0x1000, 64, 8), {8, 16}},
-    };
     rogue.thread().sendTransaction(777, 1, {0, 0, 0, 0});
     EXPECT_EQ(rogue.answer(), FAILED_TRANSACTION);
-    for (const auto& [data, offsets] : invalid) {
-        rogue.thread().sendTransaction(0, 1, data, offsets);
-        EXPECT_EQ(rogue.answer(), FAILED_TRANSACTION);
-    }
-    // ...while a reply that answers nothing breaks the protocol and is cut.
-    const TransactionHeader empty{};
-    rogue.thread().sendFrame(kReply, &empty, sizeof(empty));
-    EXPECT_EQ(rogue.thread().nextCommand(&payload), 0);
-    // A release of a handle the process never got ends its whole session.
     const HandleCount forgedRelease{99, 1};
     rogue.control().sendFrame(kReleaseHandle, &forgedRelease, sizeof(forgedRelease));
     EXPECT_EQ(rogue.control().nextCommand(&payload), 0);
@@ -194,14 +169,53 @@ DaemonRun runBinderd(const std::vector<std::string>& arguments, const std::strin
     return run;
 }
 
+// The folder `base`/run that the socket `base`/run/binder goes in, as a case
+// of either side's socket rules finds it.
+enum class Folder { kAbsent, kPlain, kSearchable, kWritableByOthers, kSymlink, kOtherUsers, kStaleSocket,
+                    kRegularFile, kWritableWithSocket };
+
+std::string prepare(const std::string& base, Folder folder) {
+    const std::string run = base + "/run";
+    const std::string socket = run + "/binder";
+    if (folder == Folder::kSymlink) {
+        std::filesystem::create_directory(base + "/real");
+        std::filesystem::create_directory_symlink(base + "/real", run);
+    } else if (folder != Folder::kAbsent) {
+        std::filesystem::create_directory(run);
+    }
+    const std::map<Folder, mode_t> modes{
+        {Folder::kSearchable, 0711}, {Folder::kWritableByOthers, 0777}, {Folder::kWritableWithSocket, 0777}};
+    if (modes.count(folder) != 0) {
+        chmod(run.c_str(), modes.at(folder));
+    }
+    if (folder == Folder::kOtherUsers) {
+        (void)!chown(run.c_str(), kOtherUid, kOtherUid);
+    } else if (folder == Folder::kStaleSocket || folder == Folder::kWritableWithSocket) {
+        leaveStaleSocket(socket);
+    } else if (folder == Folder::kRegularFile) {
+        std::ofstream(socket) << "precious";
+    }
+    return socket;
+}
+
+// A fresh folder for one case, removed when the case is done.
+struct CaseFolder {
+    CaseFolder() {
+        char pattern[] = "/tmp/binderd-case-XXXXXX";
+        path = mkdtemp(pattern) != nullptr ? pattern : "";
+    }
+    ~CaseFolder() { std::filesystem::remove_all(path); }
+    std::string path;
+};
+
 TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
     BinderdSession live;
     ASSERT_TRUE(live.started()) << live.error();
+    using Arguments = std::vector<std::string>;
     struct Case {
         const char* name;
-        // Prepares the folder `base` and returns binderd's arguments; the
-        // socket is `base`/run/binder.
-        std::function<std::vector<std::string>(const std::string& base, const std::string& socket)> setUp;
+        Folder folder;
+        Arguments arguments;  // "S": the case's socket, "L": the live binderd's
         int status;
         const char* says;
         mode_t socketMode;  // 0: binderd must not listen
@@ -210,77 +224,48 @@ TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
         bool asRootOnly = false;
     };
     const std::vector<Case> cases{
-        {"help", [](auto&, auto&) { return std::vector<std::string>{"--help"}; }, 0, "Usage: binderd", 0, 0},
-        {"version", [](auto&, auto&) { return std::vector<std::string>{"--version"}; }, 0, "binderd (libtivra) ",
-         0, 0},
-        {"unknown option", [](auto&, auto&) { return std::vector<std::string>{"--bogus"}; }, 2,
+        {"help", Folder::kAbsent, {"--help"}, 0, "Usage: binderd", 0, 0},
+        {"version", Folder::kAbsent, {"--version"}, 0, "binderd (libtivra) ", 0, 0},
+        {"unknown option", Folder::kAbsent, {"--bogus"}, 2,
          "binderd: unknown option '--bogus'\nTry 'binderd --help' for more information.\n", 0, 0},
-        {"ambiguous option", [](auto&, auto&) { return std::vector<std::string>{"--ver"}; }, 2,
-         "option '--ver' is ambiguous", 0, 0},
-        {"empty socket path", [](auto&, auto&) { return std::vector<std::string>{"--socket="}; }, 2,
-         "option '--socket' needs a non-empty value", 0, 0},
-        {"stray argument", [](auto&, auto& socket) { return std::vector<std::string>{"--socket", socket, "x"}; }, 2,
-         "unexpected argument 'x'", 0, 0},
-        {"unknown user", [](auto&, auto&) { return std::vector<std::string>{"--allow-uid=no-such-user-here"}; }, 2,
-         "unknown user", 0, 0},
+        {"ambiguous option", Folder::kAbsent, {"--ver"}, 2, "option '--ver' is ambiguous", 0, 0},
+        {"empty socket path", Folder::kAbsent, {"--socket="}, 2, "option '--socket' needs a non-empty value", 0, 0},
+        {"stray argument", Folder::kAbsent, {"--socket", "S", "x"}, 2, "unexpected argument 'x'", 0, 0},
+        {"unknown user", Folder::kAbsent, {"--allow-uid=no-such-user-here"}, 2, "unknown user", 0, 0},
         // Ids past the 32 bits of uid_t must not wrap onto someone (2^32 + 65534
         // is uid 65534 cut short), nor negative ones turn into the largest.
-        {"uid past 32 bits", [](auto&, auto&) { return std::vector<std::string>{"--allow-uid=4295032830"}; }, 2,
-         "invalid uid '4295032830'", 0, 0},
-        {"uid past 64 bits", [](auto&, auto&) { return std::vector<std::string>{"--allow-uid=18446744073709551615"}; },
-         2, "invalid uid", 0, 0},
-        {"negative uid", [](auto&, auto&) { return std::vector<std::string>{"--allow-uid", "-1"}; }, 2,
-         "invalid uid '-1'", 0, 0},
-        {"the kernel's no-group", [](auto&, auto&) { return std::vector<std::string>{"--allow-group=4294967295"}; }, 2,
-         "invalid gid '4294967295'", 0, 0},
-        {"private whatever the umask", [](auto&, auto& socket) { return std::vector<std::string>{"--socket=" + socket}; },
-         0, "", 0600, 0700, 0},
-        {"searchable with allowed users, who are told of a private folder above", [](auto&, auto& socket) {
-             return std::vector<std::string>{"--socket", socket, "--allow-uid", "65533", "--allow-group=4294967294"};
-         }, 0, "warning: other users cannot reach", 0666, 0711},
-        {"private again without them", [](auto& base, auto& socket) {
-             std::filesystem::create_directory(base + "/run");
-             chmod((base + "/run").c_str(), 0711);
-             return std::vector<std::string>{"--socket", socket};
-         }, 0, "", 0600, 0700},
-        {"stale socket replaced", [](auto& base, auto& socket) {
-             std::filesystem::create_directory(base + "/run");
-             leaveStaleSocket(socket);
-             return std::vector<std::string>{"--socket", socket};
-         }, 0, "", 0600, 0755},
-        {"regular file kept", [](auto& base, auto& socket) {
-             std::filesystem::create_directory(base + "/run");
-             std::ofstream(socket) << "precious";
-             return std::vector<std::string>{"--socket", socket};
-         }, 1, "is not a socket: not replacing it", 0, 0},
-        {"symlinked folder", [](auto& base, auto& socket) {
-             std::filesystem::create_directory(base + "/real");
-             std::filesystem::create_directory_symlink(base + "/real", base + "/run");
-             return std::vector<std::string>{"--socket", socket};
-         }, 1, "not a directory", 0, 0},
-        {"folder others can write", [](auto& base, auto& socket) {
-             std::filesystem::create_directory(base + "/run");
-             chmod((base + "/run").c_str(), 0777);
-             return std::vector<std::string>{"--socket", socket};
-         }, 1, "others can write to it", 0, 0},
-        {"folder of another user", [](auto& base, auto& socket) {
-             std::filesystem::create_directory(base + "/run");
-             (void)!chown((base + "/run").c_str(), kOtherUid, kOtherUid);
-             return std::vector<std::string>{"--socket", socket};
-         }, 1, "belongs to uid 65534", 0, 0, 022, true},
-        {"second instance", [&live](auto&, auto&) { return std::vector<std::string>{"--socket", live.socketPath()}; },
-         1, "another binderd is already running", 0, 0},
+        {"uid past 32 bits", Folder::kAbsent, {"--allow-uid=4295032830"}, 2, "invalid uid '4295032830'", 0, 0},
+        {"uid past 64 bits", Folder::kAbsent, {"--allow-uid=18446744073709551615"}, 2, "invalid uid", 0, 0},
+        {"negative uid", Folder::kAbsent, {"--allow-uid", "-1"}, 2, "invalid uid '-1'", 0, 0},
+        {"the kernel's no-group", Folder::kAbsent, {"--allow-group=4294967295"}, 2, "invalid gid '4294967295'", 0, 0},
+        {"private whatever the umask", Folder::kAbsent, {"--socket=S"}, 0, "", 0600, 0700, 0},
+        {"searchable with allowed users, who are told of a private folder above", Folder::kAbsent,
+         {"--socket", "S", "--allow-uid", "65533", "--allow-group=4294967294"}, 0, "warning: other users cannot reach",
+         0666, 0711},
+        {"private again without them", Folder::kSearchable, {"--socket", "S"}, 0, "", 0600, 0700},
+        {"stale socket replaced", Folder::kStaleSocket, {"--socket", "S"}, 0, "", 0600, 0755},
+        {"regular file kept", Folder::kRegularFile, {"--socket", "S"}, 1, "is not a socket: not replacing it", 0, 0},
+        {"symlinked folder", Folder::kSymlink, {"--socket", "S"}, 1, "not a directory", 0, 0},
+        {"folder others can write", Folder::kWritableByOthers, {"--socket", "S"}, 1, "others can write to it", 0, 0},
+        {"folder of another user", Folder::kOtherUsers, {"--socket", "S"}, 1, "belongs to uid 65534", 0, 0, 022, true},
+        {"second instance", Folder::kAbsent, {"--socket", "L"}, 1, "another binderd is already running", 0, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         if (c.asRootOnly && geteuid() != 0) {
             continue;
         }
-        char pattern[] = "/tmp/binderd-cli-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        const std::string base = pattern;
-        const std::string socket = base + "/run/binder";
-        const DaemonRun run = runBinderd(c.setUp(base, socket), socket, c.mask);
+        const CaseFolder base;
+        ASSERT_FALSE(base.path.empty());
+        const std::string socket = prepare(base.path, c.folder);
+        Arguments arguments = c.arguments;
+        for (std::string& argument : arguments) {
+            const char last = argument.back();
+            if ((last == 'S' || last == 'L') && (argument.size() == 1 || argument[argument.size() - 2] == '=')) {
+                argument.replace(argument.size() - 1, 1, last == 'S' ? socket : live.socketPath());
+            }
+        }
+        const DaemonRun run = runBinderd(arguments, socket, c.mask);
         EXPECT_EQ(run.status, c.status) << run.output;
         EXPECT_NE(run.output.find(c.says), std::string::npos) << run.output;
         EXPECT_EQ(run.socketMode, c.socketMode);
@@ -288,13 +273,12 @@ TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
             EXPECT_EQ(run.folderMode, c.folderMode);
             EXPECT_FALSE(std::filesystem::exists(socket)) << "the socket outlived binderd";
         }
-        if (std::string(c.name) == "regular file kept") {
+        if (c.folder == Folder::kRegularFile) {
             std::string kept;
             std::getline(std::ifstream(socket), kept);
             EXPECT_EQ(kept, "precious");
             EXPECT_FALSE(std::filesystem::exists(socket + ".lock")) << "a lock file beside a path binderd refused";
         }
-        std::filesystem::remove_all(base);
     }
 }
 
@@ -352,52 +336,31 @@ TEST(BinderdAccess, PeersAreAdmittedByTheirCredentials) {
 // --- the client library's side ---
 
 TEST(ClientSocketRules, DefaultFoldersMustBePrivateAChosenSocketMustBeASocket) {
-    char pattern[] = "/tmp/hostbinder-client-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    const std::string base = pattern;
     struct Case {
         const char* name;
-        std::function<std::string()> setUp;  // returns the socket path
+        Folder folder;
         bool chosen;
         const char* reason;  // "" when the client may connect
         bool asRootOnly = false;
     };
     const std::vector<Case> cases{
-        {"own private folder", [&] { std::filesystem::create_directory(base + "/own"); return base + "/own/binder"; },
-         false, ""},
-        {"folder others can write", [&] {
-             std::filesystem::create_directory(base + "/open");
-             chmod((base + "/open").c_str(), 0777);
-             return base + "/open/binder";
-         }, false, "is writable by others"},
-        {"symlinked folder", [&] {
-             std::filesystem::create_directory_symlink(base + "/own", base + "/link");
-             return base + "/link/binder";
-         }, false, "is not a directory"},
-        {"folder of another user", [&] {
-             std::filesystem::create_directory(base + "/theirs");
-             (void)!chown((base + "/theirs").c_str(), kOtherUid, kOtherUid);
-             return base + "/theirs/binder";
-         }, false, "belongs to uid 65534", true},
-        {"chosen socket in any folder", [&] {
-             leaveStaleSocket(base + "/open/binder");
-             return base + "/open/binder";
-         }, true, ""},
-        {"chosen path that is a file", [&] {
-             std::ofstream(base + "/own/file") << "x";
-             return base + "/own/file";
-         }, true, "is not a socket"},
+        {"own private folder", Folder::kPlain, false, ""},
+        {"folder others can write", Folder::kWritableByOthers, false, "is writable by others"},
+        {"symlinked folder", Folder::kSymlink, false, "is not a directory"},
+        {"folder of another user", Folder::kOtherUsers, false, "belongs to uid 65534", true},
+        {"chosen socket in any folder", Folder::kWritableWithSocket, true, ""},
+        {"chosen path that is a file", Folder::kRegularFile, true, "is not a socket"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         if (c.asRootOnly && geteuid() != 0) {
             continue;
         }
-        const std::string reason = unsafeSocketReason(c.setUp(), c.chosen);
+        const CaseFolder base;
+        const std::string reason = unsafeSocketReason(prepare(base.path, c.folder), c.chosen);
         EXPECT_EQ(reason.empty(), *c.reason == 0) << reason;
         EXPECT_NE(reason.find(c.reason), std::string::npos) << reason;
     }
-    std::filesystem::remove_all(base);
 }
 
 TEST(ClientSocketRules, ASilentBinderdIsReportedAndLookupsGiveNull) {

@@ -1,9 +1,12 @@
-// Binder IPC between real processes through a private binderd.
+// Binder IPC between real processes through a private binderd: what only
+// real processes show (sockets, kill -9, credentials, threads, channels) and
+// the client runtime's own logic (proxies, nested calls, credit).
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -18,6 +21,7 @@
 #include "binderd_fixture.h"
 #include "hostbinder_test_service.h"
 #include "log_capture.h"
+#include "protocol/Protocol.h"
 #include "raw_peer.h"
 
 namespace {
@@ -46,6 +50,16 @@ status_t call(const sp<IBinder>& target, uint32_t code, const std::function<void
         fill(&data);
     }
     return target->transact(code, data, reply);
+}
+
+// The service's record count and order violations.
+std::pair<int32_t, int32_t> stats(const sp<IBinder>& service) {
+    Parcel reply;
+    if (service->transact(TestService::kStats, Parcel(), &reply) != OK) {
+        return {-1, -1};
+    }
+    const int32_t records = reply.readInt32();
+    return {records, reply.readInt32()};
 }
 
 TEST_F(HostBinderIpc, ServiceManagerRegistersListsAndForgetsServicesOfDeadProcesses) {
@@ -111,88 +125,53 @@ TEST_F(HostBinderIpc, GetServiceAndWaitForServiceWaitForALaterRegistrationButChe
     }
 }
 
-TEST_F(HostBinderIpc, TwoWayCallsCarryDataAndTheCallersIdentity) {
+// Calls served over a direct channel and, when the caller has no descriptor
+// to spare for one, through binderd: the two paths of both runtimes.
+TEST_F(HostBinderIpc, CallsCarryDataStatusAndTheCallersIdentityWithOrWithoutAChannel) {
     startService();
     ASSERT_EQ(events.next(), "ready");
-    expectChildPasses(session.spawn([] {
-        sp<IBinder> service = lookUpTestService();
-        CHILD_CHECK(service != nullptr);
-        CHILD_CHECK(service->pingBinder() == OK);
-        CHILD_CHECK(service->getInterfaceDescriptor() == String16("tivra.test.IService"));
-        Parcel reply;
-        CHILD_CHECK(call(service, TestService::kEcho, [](Parcel* p) { p->writeInt32(7); p->writeString16(String16("hi")); }, &reply) == OK);
-        CHILD_CHECK(reply.readInt32() == 7 && reply.readString16() == String16("hi"));
-        Parcel identity;
-        CHILD_CHECK(call(service, TestService::kWhoCalls, nullptr, &identity) == OK);
-        CHILD_CHECK(identity.readInt32() == getpid());
-        CHILD_CHECK(identity.readInt32() == static_cast<int32_t>(getuid()));
-        Parcel unknown;
-        CHILD_CHECK(call(service, 0x00ffff00, nullptr, &unknown) == UNKNOWN_TRANSACTION);
-        // Only a negative status fails the call; with any other the reply arrives.
-        for (const status_t answer : {status_t{1}, status_t{BAD_VALUE}}) {
-            Parcel answered;
-            CHILD_CHECK(call(service, TestService::kAnswerWith, [answer](Parcel* p) { p->writeInt32(answer); },
-                             &answered) == std::min<status_t>(answer, OK));
-            CHILD_CHECK(answered.readInt32() == std::max<status_t>(answer, OK));
-        }
-        // Outside any transaction, the caller is this process itself.
-        CHILD_CHECK(IPCThreadState::self()->getCallingPid() == getpid());
-        return 0;
-    }));
-}
-
-TEST_F(HostBinderIpc, OneWayCallsToANodeRunInSendOrder) {
-    startService();
-    ASSERT_EQ(events.next(), "ready");
-    constexpr int kCalls = 3000;
-    expectChildPasses(session.spawn([] {
-        sp<IBinder> service = lookUpTestService();
-        CHILD_CHECK(service != nullptr);
-        for (int i = 0; i < kCalls; ++i) {
-            Parcel data;
-            data.writeInt32(1);
-            data.writeInt32(i);
-            CHILD_CHECK(service->transact(TestService::kRecord, data, nullptr, IBinder::FLAG_ONEWAY) == OK);
-        }
-        int32_t records = 0;
-        int32_t violations = -1;
-        CHILD_CHECK(waitUntil([&] {
-            Parcel stats;
-            call(service, TestService::kStats, nullptr, &stats);
-            records = stats.readInt32();
-            violations = stats.readInt32();
-            return records == kCalls;
+    for (const bool channels : {true, false}) {
+        SCOPED_TRACE(channels ? "over a channel" : "through binderd");
+        expectChildPasses(session.spawn([channels] {
+            sp<IBinder> service = lookUpTestService();
+            CHILD_CHECK(service != nullptr);
+            if (!channels) {
+                // The channels' ends binderd hands over are lost on the way in.
+                const int spare = dup(STDERR_FILENO);
+                rlimit limit{};
+                CHILD_CHECK(spare >= 0 && close(spare) == 0 && getrlimit(RLIMIT_NOFILE, &limit) == 0);
+                limit.rlim_cur = static_cast<rlim_t>(spare);
+                CHILD_CHECK(setrlimit(RLIMIT_NOFILE, &limit) == 0 && dup(STDERR_FILENO) < 0);
+            }
+            CHILD_CHECK(service->pingBinder() == OK);
+            CHILD_CHECK(service->getInterfaceDescriptor() == String16("tivra.test.IService"));
+            Parcel reply;
+            CHILD_CHECK(call(service, TestService::kEcho, [](Parcel* p) { p->writeInt32(7); p->writeString16(String16("hi")); }, &reply) == OK);
+            CHILD_CHECK(reply.readInt32() == 7 && reply.readString16() == String16("hi"));
+            Parcel identity;
+            CHILD_CHECK(call(service, TestService::kWhoCalls, nullptr, &identity) == OK);
+            CHILD_CHECK(identity.readInt32() == getpid());
+            CHILD_CHECK(identity.readInt32() == static_cast<int32_t>(getuid()));
+            Parcel unknown;
+            CHILD_CHECK(call(service, 0x00ffff00, nullptr, &unknown) == UNKNOWN_TRANSACTION);
+            // Only a negative status fails the call; with any other the reply arrives.
+            for (const status_t answer : {status_t{1}, status_t{BAD_VALUE}}) {
+                Parcel answered;
+                CHILD_CHECK(call(service, TestService::kAnswerWith, [answer](Parcel* p) { p->writeInt32(answer); },
+                                 &answered) == std::min<status_t>(answer, OK));
+                CHILD_CHECK(answered.readInt32() == std::max<status_t>(answer, OK));
+            }
+            Parcel record;
+            record.writeInt32(channels ? 1 : 2);
+            record.writeInt32(0);
+            CHILD_CHECK(service->transact(TestService::kRecord, record, nullptr, IBinder::FLAG_ONEWAY) == OK);
+            CHILD_CHECK(waitUntil([&] { return stats(service).first == (channels ? 1 : 2); }));
+            CHILD_CHECK(stats(service).second == 0);
+            // Outside any transaction, the caller is this process itself.
+            CHILD_CHECK(IPCThreadState::self()->getCallingPid() == getpid());
+            return 0;
         }));
-        CHILD_CHECK(violations == 0);
-        return 0;
-    }));
-}
-
-TEST_F(HostBinderIpc, CallsGoThroughBinderdWhenTheCallerCannotReceiveAChannel) {
-    startService();
-    ASSERT_EQ(events.next(), "ready");
-    expectChildPasses(session.spawn([] {
-        sp<IBinder> service = lookUpTestService();
-        // Connected to binderd, and no descriptor to spare: the channels'
-        // ends binderd hands over are lost on the way in.
-        const int spare = dup(STDERR_FILENO);
-        rlimit limit{};
-        CHILD_CHECK(spare >= 0 && close(spare) == 0 && getrlimit(RLIMIT_NOFILE, &limit) == 0);
-        limit.rlim_cur = static_cast<rlim_t>(spare);
-        CHILD_CHECK(setrlimit(RLIMIT_NOFILE, &limit) == 0 && dup(STDERR_FILENO) < 0);
-        Parcel reply;
-        CHILD_CHECK(call(service, TestService::kEcho, [](Parcel* p) { p->writeInt32(7); }, &reply) == OK);
-        CHILD_CHECK(reply.readInt32() == 7);
-        Parcel record;
-        record.writeInt32(1);
-        record.writeInt32(0);
-        CHILD_CHECK(service->transact(TestService::kRecord, record, nullptr, IBinder::FLAG_ONEWAY) == OK);
-        CHILD_CHECK(waitUntil([&] {
-            Parcel stats;
-            return call(service, TestService::kStats, nullptr, &stats) == OK && stats.readInt32() == 1;
-        }));
-        return 0;
-    }));
+    }
 }
 
 // One hop of a call chain through three processes. A call carries the calls
@@ -595,6 +574,137 @@ TEST_F(HostBinderIpc, WithoutBinderdLookupsAreNullAndCallsDeadThenTheNextUseReco
     ASSERT_TRUE(session.startBinderd()) << session.error();
     restarted.post("up");
     expectChildPasses(client);
+}
+
+// One-way calls that return before binderd has seen them (paid from credit)
+// and calls sent ahead to the thread serving a node keep the order of calls
+// that waited for binderd.
+TEST_F(HostBinderIpc, CallsKeepSendOrderWhicheverPathEachTakesAndWhicheverThreadSendsThem) {
+    Channel release;
+    startService(kTestServiceName, &release);
+    ASSERT_EQ(events.next(), "ready");
+    // Every 5 calls, one makes a two-way call of its own in the service while
+    // the calls sent ahead to its thread wait. Every 50 calls, one carries a
+    // binder and one is too large for the channel: both go through binderd,
+    // behind the calls sent before. The receiver is held from kHeldFrom until
+    // kHeldTo is sent: the calls between overflow the channel's ring and wait
+    // in binderd behind it.
+    constexpr int kCalls = 800;
+    constexpr int kHeldFrom = 400;
+    constexpr int kHeldTo = 500;
+    EXPECT_EQ(session.waitExit(session.spawn([&release] {
+        sp<IBinder> service = lookUpTestService();
+        const sp<IBinder> token = new BBinder();
+        const std::vector<uint8_t> large(hostbinder::kMaxDirectOnewayBytes + 1, 1);
+        const std::vector<uint8_t> burst(2048, 2);
+        std::mutex lock;
+        std::condition_variable turn;
+        int next = 0;
+        bool sent = true;
+        // Two threads take turns of three calls, each handing over to the
+        // other once its calls returned.
+        auto sender = [&](int me) {
+            std::unique_lock<std::mutex> hold(lock);
+            for (;;) {
+                turn.wait(hold, [&] { return next == kCalls || (next / 3) % 2 == me; });
+                if (next == kCalls) {
+                    return;
+                }
+                if (next == kHeldFrom) {
+                    // On the channel again once binderd's calls are done.
+                    sent = sent && waitUntil([&] { return stats(service).first == kHeldFrom; });
+                    sent = sent && service->transact(TestService::kBlockOneway, Parcel(), nullptr,
+                                                     IBinder::FLAG_ONEWAY) == OK;
+                }
+                if (next == kHeldTo) {
+                    release.post("go");
+                }
+                Parcel data;
+                data.writeInt32(1);
+                data.writeInt32(next);
+                if (next >= kHeldFrom && next < kHeldTo) {
+                    data.write(burst.data(), burst.size());
+                } else if (next % 50 == 20) {
+                    data.writeStrongBinder(token);
+                } else if (next % 50 == 45) {
+                    data.write(large.data(), large.size());
+                }
+                const uint32_t code = next % 5 == 3 ? TestService::kLookUpAndRecord : TestService::kRecord;
+                sent = sent && service->transact(code, data, nullptr, IBinder::FLAG_ONEWAY) == OK;
+                ++next;
+                turn.notify_all();
+            }
+        };
+        std::thread other(sender, 1);
+        sender(0);
+        other.join();
+        CHILD_CHECK(sent);
+        CHILD_CHECK(waitUntil([&] { return stats(service).first == kCalls; }));
+        CHILD_CHECK(stats(service).second == 0);
+        return 0;
+    })), 0);
+}
+
+// Counts the calls it runs; says how many when it is destroyed.
+class EventCounter : public BBinder {
+public:
+    EventCounter(std::atomic<int>* events, std::atomic<bool>* destroyed) : mEvents(events), mDestroyed(destroyed) {}
+    ~EventCounter() override { *mDestroyed = true; }
+
+protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        if (code != TestListener::kListenerEvent) {
+            return BBinder::onTransact(code, data, reply, flags);
+        }
+        ++*mEvents;
+        return OK;
+    }
+
+private:
+    std::atomic<int>* mEvents;
+    std::atomic<bool>* mDestroyed;
+};
+
+TEST_F(HostBinderIpc, CallsSentJustBeforeTheLastReferenceGoesReachTheObject) {
+    startService();
+    ASSERT_EQ(events.next(), "ready");
+    Channel handed;
+    constexpr int kEvents = 300;
+    const pid_t owner = session.spawn([&handed] {
+        ProcessState::self()->startThreadPool();
+        std::atomic<int> events{0};
+        std::atomic<bool> destroyed{false};
+        {
+            Parcel data;
+            data.writeStrongBinder(sp<IBinder>(new EventCounter(&events, &destroyed)));
+            Parcel ignored;
+            CHILD_CHECK(lookUpTestService()->transact(TestService::kHold, data, &ignored) == OK);
+        }
+        handed.post("held");
+        // The sender takes the object, has the service drop it, calls it and
+        // lets its proxy go: the object may go only after all those calls ran.
+        CHILD_CHECK(waitUntil([&] { return destroyed.load(); }, 20s));
+        CHILD_CHECK(events == kEvents);
+        return 0;
+    });
+    ASSERT_EQ(handed.next(), "held");
+    EXPECT_EQ(session.waitExit(session.spawn([] {
+        sp<IBinder> service = lookUpTestService();
+        Parcel held;
+        CHILD_CHECK(service->transact(TestService::kGiveHeld, Parcel(), &held) == OK);
+        sp<IBinder> object = held.readStrongBinder();
+        CHILD_CHECK(object != nullptr);
+        Parcel ignored;
+        CHILD_CHECK(service->transact(TestService::kDrop, Parcel(), &ignored) == OK);
+        for (int i = 0; i < kEvents; ++i) {
+            Parcel event;
+            event.writeInt32(i);
+            CHILD_CHECK(object->transact(TestListener::kListenerEvent, event, nullptr, IBinder::FLAG_ONEWAY) == OK);
+        }
+        object.clear();
+        return 0;
+    })), 0);
+    EXPECT_EQ(session.waitExit(owner), 0);
 }
 
 }  // namespace

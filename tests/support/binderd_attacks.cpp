@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <thread>
 
@@ -535,19 +536,9 @@ Outcome nodesFromManySessions(const AttackTarget& target) {
 }  // namespace
 
 const char* outcomeName(Outcome outcome) {
-    switch (outcome) {
-        case Outcome::kCut:
-            return "cut";
-        case Outcome::kRefused:
-            return "refused";
-        case Outcome::kAbsorbed:
-            return "absorbed";
-        case Outcome::kUnanswered:
-            return "unanswered";
-        case Outcome::kBroken:
-            break;
-    }
-    return "broken";
+    // In the order of Outcome; anything else is broken.
+    static const char* const kNames[] = {"cut", "refused", "absorbed", "unanswered", "broken"};
+    return kNames[std::min(static_cast<size_t>(outcome), std::size(kNames) - 1)];
 }
 
 const std::vector<Attack>& binderdAttacks() {

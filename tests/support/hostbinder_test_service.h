@@ -21,7 +21,7 @@ public:
     enum Code : uint32_t {
         kEcho = android::IBinder::FIRST_CALL_TRANSACTION,  // returns the request's bytes
         kWhoCalls,       // -> int32 pid, int32 uid of the caller
-        kRecord,         // one-way: int32 stream, int32 sequence (must grow by one per stream)
+        kRecord,         // one-way: int32 stream, int32 sequence (must grow by one per stream; a reply parcel given)
         kStats,          // -> int32 records, int32 order violations
         kAddListener,    // binder -> int32 listener count
         kRemoveListener, // binder -> bool whether it was registered (same proxy)
