@@ -189,7 +189,7 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
     if (handle != 0 && data.objectsCount() == 0 && mProcess->directCallsAllowed()) {
         status_t status = hostbinder::kGoRelay;
         if (oneway) {
-            status = sendDirectOneway(handle, code, data);
+            status = mProcess->directOnewayAllowed() ? sendDirectOneway(handle, code, data) : hostbinder::kGoRelay;
         } else if (mServingDepth == 0) {
             if (OutgoingChannel* channel = twoWayChannelFor(handle)) {
                 status = callDirect(*channel, handle, code, data, reply);
