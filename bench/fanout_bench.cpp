@@ -262,9 +262,7 @@ std::string fanOutOnce(const tivra_control::MonitorControlClient& control, const
 // parent-death signal, all of them with its process group).
 int runDriver(int commandFd, bool direct, int listeners, const Board& board) {
     if (direct) {
-        // One-way calls, the events, take channels only when asked.
         unsetenv("HOSTBINDER_DIRECT");
-        setenv("HOSTBINDER_DIRECT_ONEWAY", "1", 1);
     } else {
         setenv("HOSTBINDER_DIRECT", "0", 1);
     }

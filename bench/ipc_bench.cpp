@@ -346,17 +346,13 @@ void binderdMemory(benchmark::State& state, const BinderTarget& target) {
     state.counters["binderd_rss_growth_KiB"] = static_cast<double>(after - before);
 }
 
-// Runs a benchmark with this process's calls on one path, one-way calls
-// included (they take channels only when asked), then gives the process its
-// defaults back. Only the caller decides: the service is the same.
+// Runs a benchmark with this process's calls on one path, then gives the
+// process its default back. Only the caller decides: the service is the same.
 Body onPath(bool direct, bool processDefault, Body body) {
     return [direct, processDefault, body](benchmark::State& state) {
-        const bool onewayDefault = ProcessState::self()->directOnewayAllowed();
         ProcessState::self()->setDirectCalls(direct);
-        ProcessState::self()->setDirectOneway(direct);
         body(state);
         ProcessState::self()->setDirectCalls(processDefault);
-        ProcessState::self()->setDirectOneway(onewayDefault);
     };
 }
 

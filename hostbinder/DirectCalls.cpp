@@ -323,7 +323,7 @@ status_t IPCThreadState::requestCredit(OutgoingChannel& channel, size_t bytes) {
     return refused == OK ? FAILED_TRANSACTION : refused;
 }
 
-bool IPCThreadState::fenceRelayedOneway(int32_t handle) {
+bool IPCThreadState::fenceRelayedOneway(int32_t handle, hostbinder::ChannelProgress* fence) {
     bool known = false;
     const std::shared_ptr<OutgoingChannel> channel = mProcess->onewayChannels().find(handle, &known);
     if (channel == nullptr) {
@@ -336,13 +336,7 @@ bool IPCThreadState::fenceRelayedOneway(int32_t handle) {
         channel->credit = 0;
     }
     ++channel->relayedSent;
-    // On the control connection, ahead of the call whichever way it goes.
-    const hostbinder::ChannelProgress fence{channel->id, channel->sentCharge};
-    uint64_t generation = 0;
-    const std::shared_ptr<hostbinder::Connection> control = mProcess->control(&generation);
-    if (control != nullptr && generation == mGeneration) {
-        control->send(hostbinder::kChannelFence, &fence, sizeof(fence));
-    }
+    *fence = hostbinder::ChannelProgress{channel->id, channel->sentCharge};
     return true;
 }
 

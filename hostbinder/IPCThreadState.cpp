@@ -189,7 +189,7 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
     if (handle != 0 && data.objectsCount() == 0 && mProcess->directCallsAllowed()) {
         status_t status = hostbinder::kGoRelay;
         if (oneway) {
-            status = mProcess->directOnewayAllowed() ? sendDirectOneway(handle, code, data) : hostbinder::kGoRelay;
+            status = sendDirectOneway(handle, code, data);
         } else if (mServingDepth == 0) {
             if (OutgoingChannel* channel = twoWayChannelFor(handle)) {
                 status = callDirect(*channel, handle, code, data, reply);
@@ -212,9 +212,11 @@ status_t IPCThreadState::transactThroughBinderd(int32_t handle, uint32_t code, c
     header.code = code;
     header.flags = flags & IBinder::FLAG_ONEWAY;
     const bool oneway = header.flags != 0;
+    // A relayed one-way call goes right behind its fence, on the same connection.
+    hostbinder::ChannelProgress fence{};
     bool fenced = false;
     if (oneway) {
-        fenced = fenceRelayedOneway(handle);
+        fenced = fenceRelayedOneway(handle, &fence);
     } else if (mServingChannel != 0 && !mServingChannelTold) {
         // This call continues the chain of the call this thread serves.
         mConnection->post(hostbinder::kServingChannel, &mServingChannel, sizeof(mServingChannel));
@@ -223,10 +225,13 @@ status_t IPCThreadState::transactThroughBinderd(int32_t handle, uint32_t code, c
     if (!mChannelDone.empty() || !mReachDropped.empty()) {
         postChannelDone();
     }
-    if (oneway && paidFromCredit(header, data)) {
+    if (oneway && paidFromCredit(header, data, fenced ? &fence : nullptr)) {
         // The call went on the control connection; what was posted here goes now.
         mConnection->flush();
         return OK;
+    }
+    if (fenced) {
+        mConnection->post(hostbinder::kChannelFence, &fence, sizeof(fence));
     }
     const std::vector<BBinder*> sentNodes = localBindersIn(data);
     mProcess->noteSendRefs(sentNodes);
@@ -252,13 +257,14 @@ status_t IPCThreadState::transactThroughBinderd(int32_t handle, uint32_t code, c
     return status;
 }
 
-bool IPCThreadState::paidFromCredit(const TransactionHeader& header, const Parcel& data) {
+bool IPCThreadState::paidFromCredit(const TransactionHeader& header, const Parcel& data,
+                                    const hostbinder::ChannelProgress* fence) {
     uint64_t generation = 0;
     const std::shared_ptr<hostbinder::Connection> control = mProcess->control(&generation);
     // The thread's connection must belong to the same session.
     return control != nullptr && generation == mGeneration &&
            mProcess->onewayCredits().sendPaid(*control, generation, static_cast<int32_t>(header.target), header,
-                                              data.data());
+                                              data.data(), fence);
 }
 
 status_t IPCThreadState::waitForResponse(Parcel* reply, hostbinder::OnewayAccepted* accepted) {

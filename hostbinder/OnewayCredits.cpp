@@ -18,7 +18,8 @@ bool OnewayCredits::current(uint64_t generation) {
 }
 
 bool OnewayCredits::sendPaid(hostbinder::Connection& control, uint64_t generation, int32_t handle,
-                             const hostbinder::TransactionHeader& header, const uint8_t* data) {
+                             const hostbinder::TransactionHeader& header, const uint8_t* data,
+                             const hostbinder::ChannelProgress* fence) {
     std::lock_guard<std::mutex> lock(mLock);
     if (!current(generation)) {
         return false;
@@ -34,7 +35,10 @@ bool OnewayCredits::sendPaid(hostbinder::Connection& control, uint64_t generatio
         return false;
     }
     // Under the lock: calls paid from credit reach binderd in the order they
-    // were paid.
+    // were paid, each right behind its fence.
+    if (fence != nullptr) {
+        control.post(hostbinder::kChannelFence, fence, sizeof(*fence));
+    }
     if (!control.sendTransaction(hostbinder::kOnewayCredited, header, data, nullptr)) {
         return false;
     }

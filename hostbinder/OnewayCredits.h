@@ -9,6 +9,7 @@ namespace android {
 
 namespace hostbinder {
 class Connection;
+struct ChannelProgress;
 struct OnewayAccepted;
 struct TransactionHeader;
 }
@@ -23,9 +24,11 @@ public:
     // Sends the call on `control` when the handle's credit covers it and
     // binderd voided no credit since it was granted. Otherwise gives the
     // credit back (so that a lone sender fills the receiver's buffer to the
-    // byte) and returns false: the call waits for binderd.
+    // byte) and returns false: the call waits for binderd. A `fence` goes
+    // just before the call.
     bool sendPaid(hostbinder::Connection& control, uint64_t generation, int32_t handle,
-                  const hostbinder::TransactionHeader& header, const uint8_t* data);
+                  const hostbinder::TransactionHeader& header, const uint8_t* data,
+                  const hostbinder::ChannelProgress* fence);
     // binderd accepted a one-way call to the handle that waited for it.
     void accepted(uint64_t generation, int32_t handle, const hostbinder::OnewayAccepted& accepted);
     // binderd voided credit for nodes whose owner died, `revocations` times so far.

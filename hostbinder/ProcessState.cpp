@@ -42,8 +42,6 @@ ProcessState::ProcessState()
       mOnewayCredits(std::make_unique<OnewayCredits>()) {
     const char* direct = std::getenv("HOSTBINDER_DIRECT");
     mDirectCalls = direct == nullptr || std::strcmp(direct, "0") != 0;
-    const char* directOneway = std::getenv("HOSTBINDER_DIRECT_ONEWAY");
-    mDirectOneway = directOneway != nullptr && std::strcmp(directOneway, "1") == 0;
 }
 ProcessState::~ProcessState() = default;
 

@@ -115,6 +115,60 @@ TEST_F(Binderd, MalformedFramesCutOnlyTheConnectionThatSentThem) {
     EXPECT_EQ(kill(session.binderdPid(), 0), 0);
 }
 
+// A process that sends and goes at once: what it sent still arrives, also
+// when binderd's answers to it fail (it is gone) before binderd has read all
+// it sent. Queued while binderd is stopped, more than binderd reads at once.
+TEST_F(Binderd, CallsOfAThreadThatClosedBeforeItsAnswersAreStillDelivered) {
+    Channel ready;
+    spawnTestService(session, ready);
+    ASSERT_EQ(ready.next(), "ready");
+    RawSession sender(session.socketPath());
+    ASSERT_TRUE(sender.ready());
+    const uint32_t handle = sender.checkService(String8(kTestServiceName).c_str());
+    ASSERT_NE(handle, 0u);
+    constexpr int32_t kCalls = 72;
+    std::vector<uint8_t> frames;
+    std::vector<uint8_t> data(4096);
+    for (int32_t sequence = 0; sequence < kCalls; ++sequence) {
+        const int32_t record[2] = {0, sequence};
+        std::memcpy(data.data(), record, sizeof(record));
+        TransactionHeader header{};
+        header.target = handle;
+        header.code = TestService::kRecord;
+        header.flags = kFlagOneway;
+        header.dataSize = static_cast<uint32_t>(data.size());
+        appendTransaction(&frames, kTransaction, header, data.data(), nullptr);
+    }
+    const int room = 1 << 20;
+    const timeval patience{5, 0};
+    setsockopt(sender.thread().fd(), SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
+    setsockopt(sender.thread().fd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+    ASSERT_EQ(kill(session.binderdPid(), SIGSTOP), 0);
+    const bool queued = sender.thread().sendBytes(frames.data(), frames.size());
+    sender.thread().close();
+    kill(session.binderdPid(), SIGCONT);
+    if (!queued) {
+        GTEST_SKIP() << "this system's socket buffers hold less than " << frames.size() << " bytes";
+    }
+    const pid_t checker = session.spawn([] {
+        sp<IBinder> service = lookUpTestService();
+        CHILD_CHECK(service != nullptr);
+        int32_t records = 0;
+        int32_t violations = 0;
+        CHILD_CHECK(waitUntil([&] {
+            Parcel none;
+            Parcel stats;
+            CHILD_CHECK(service->transact(TestService::kStats, none, &stats) == OK);
+            records = stats.readInt32();
+            violations = stats.readInt32();
+            return records == kCalls;
+        }, 10s));
+        CHILD_CHECK(violations == 0);
+        return 0;
+    });
+    EXPECT_EQ(session.waitExit(checker), 0);
+}
+
 // --- the command line, the socket file and its folder ---
 
 struct DaemonRun {

@@ -40,6 +40,10 @@ bool Driver::onChannelFrame(Thread& thread, const Frame& frame) {
             grantChannelCredit(thread, request);
             return true;
         }
+        case kChannelFence: {
+            ChannelProgress progress;
+            return parseFixed(frame, &progress) && fenceOneway(*thread.process, progress);
+        }
         case kChannelDone: {
             ChannelProgress progress;
             return parseFixed(frame, &progress) && channelDone(thread, progress);
@@ -225,8 +229,8 @@ bool Driver::fenceOneway(Process& process, const ChannelProgress& progress) {
     // sender fills the owner's buffer to the byte.
     giveBackCredit(*channel, channel->granted - progress.total);
     channel->granted = progress.total;
-    channel->fence = progress.total;
-    channel->fenceArmed = true;
+    channel->fence = std::max(channel->fence, progress.total);
+    ++channel->fencesArmed;
     return true;
 }
 
@@ -327,11 +331,11 @@ bool Driver::holdBehindChannel(const std::shared_ptr<Transaction>& transaction) 
         return false;
     }
     Channel& channel = *it->second;
-    const uint64_t fence = channel.fenceArmed ? channel.fence : 0;
-    if (channel.fenceArmed) {
+    const uint64_t fence = channel.fencesArmed > 0 ? channel.fence : 0;
+    if (channel.fencesArmed > 0) {
         transaction->fenced = true;
         ++channel.relayedAccepted;
-        channel.fenceArmed = false;
+        decrease(channel.fencesArmed);
     }
     if (channel.held.empty() && fence <= channel.finished) {
         return false;

@@ -593,7 +593,7 @@ void EventLoop::drain(ConnectionId id) {
 
 EventLoop::Connection* EventLoop::outputTo(ConnectionId id, size_t size) {
     auto it = mConnections.find(id);
-    if (it == mConnections.end() || !it->second.open) {
+    if (it == mConnections.end() || !it->second.open || !it->second.writable) {
         return nullptr;
     }
     Connection& connection = it->second;
@@ -648,7 +648,7 @@ void EventLoop::sendDescriptor(ConnectionId to, uint32_t command, const void* pa
 
 bool EventLoop::takesDescriptor(ConnectionId id) const {
     auto it = mConnections.find(id);
-    return it != mConnections.end() && it->second.open &&
+    return it != mConnections.end() && it->second.open && it->second.writable &&
            it->second.descriptors.size() < kMaxDescriptorsInFlightPerConnection &&
            mDescriptorsInFlight < kMaxDescriptorsInFlight;
 }
@@ -716,8 +716,20 @@ void EventLoop::dropDescriptors(Connection& connection) {
     connection.descriptors.clear();
 }
 
+void EventLoop::stopWriting(ConnectionId id, Connection& connection) {
+    connection.writable = false;
+    refund(connection, connection.out.size() - connection.outStart);
+    dropDescriptors(connection);
+    std::vector<uint8_t>().swap(connection.out);
+    connection.outStart = 0;
+    if (connection.watchingWrites) {
+        connection.watchingWrites = false;
+        watch(mEpollFd, connection.fd, id, EPOLLIN, EPOLL_CTL_MOD);
+    }
+}
+
 void EventLoop::flush(ConnectionId id, Connection& connection) {
-    if (!connection.open) {
+    if (!connection.open || !connection.writable) {
         return;
     }
     std::vector<uint8_t>& out = connection.out;
@@ -737,7 +749,7 @@ void EventLoop::flush(ConnectionId id, Connection& connection) {
         }
         const ssize_t n = write(connection, end, descriptor);
         if (n < 0) {
-            close(id, connection, true);
+            stopWriting(id, connection);
             return;
         }
         if (n == 0) {

@@ -62,6 +62,10 @@ private:
         int fd = -1;
         Holdings::Holder holder;  // its process's pid and uid
         bool open = true;
+        // False once a write failed: the peer is gone or reads no more. What
+        // it sent before still counts, so the connection is read to its end
+        // (one-way calls of a process that exits at once stay delivered).
+        bool writable = true;
         bool greeted = false;  // its first frame, the hello, was handled
         bool reading = false;  // its frames are being handed to the driver
         // The frame that arrived in part: while its header is incomplete the
@@ -103,6 +107,7 @@ private:
     Connection* outputTo(ConnectionId id, size_t size);
     void flushDirty();
     void flush(ConnectionId id, Connection& connection);
+    void stopWriting(ConnectionId id, Connection& connection);
     // Writes out[outStart, end), the first byte carrying `descriptor` when it
     // is not -1; the bytes written, 0 when the socket is full, -1 when broken.
     static ssize_t write(const Connection& connection, size_t end, int descriptor);

@@ -185,9 +185,12 @@ struct Channel {
     uint64_t finished = 0;
     // A relayed one-way call of the holder waits until the owner finished
     // the charge sent directly before it (its fence, announced just before
-    // it); it and every later one wait in line here.
+    // it on the same connection); it and every later one wait in line here.
+    // Threads announce and send on connections of their own, so fences may
+    // come in before calls of other threads: they are counted, and each call
+    // takes one.
     uint64_t fence = 0;
-    bool fenceArmed = false;
+    uint64_t fencesArmed = 0;
     std::deque<std::pair<uint64_t, std::shared_ptr<Transaction>>> held;
     // Fenced one-way calls the holder relayed to the owner: accepted, and finished.
     uint64_t relayedAccepted = 0;

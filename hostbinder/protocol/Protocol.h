@@ -64,8 +64,9 @@
 // thread's direct one-way calls are paid from channel credit that binderd
 // reserves in the owner's buffer (kChannelCredit), the owner reports what it
 // has finished (kChannelDone, a running total), and a relayed one-way call that
-// follows direct ones comes after a fence (kChannelFence, on the control
-// connection) that binderd holds it behind until the owner has finished them.
+// follows direct ones comes after a fence (kChannelFence, just before it on
+// the connection that carries it) that binderd holds it behind until the
+// owner has finished them.
 // The process goes back to direct calls once binderd says all of its relayed
 // one-way calls are done (kChannelQuiet, with their running count).
 
@@ -125,7 +126,7 @@ enum Command : uint32_t {
     kResolveReach,       // ChannelReach: which node of mine does the peer's handle name?
     kServingChannel,     // u64 channel (0: none): the chain of the call being served ran over it
     kChannelReply,       // ChannelReplyHeader + TransactionHeader (status) + data + offsets
-    kChannelFence,       // control connection, ChannelProgress: the next one-way call waits until the owner finished this much
+    kChannelFence,       // ChannelProgress, before a relayed one-way call: it waits until the owner finished this much
     kReachDropped,       // ChannelReach: the owner took in every call before a withdrawal and forgot the handle
     kChannelDrained,     // u64 channel, control connection: the owner took in every call of a closed channel
     kReturnCredit,       // CreditReturn, control connection: one-way credit the process gives back

@@ -19,6 +19,7 @@ class BBinder;
 struct OutgoingChannel;
 
 namespace hostbinder {
+struct ChannelProgress;
 struct Frame;
 struct DirectCall;
 struct OnewayAccepted;
@@ -78,7 +79,8 @@ private:
     bool stillConnected(uint64_t serial) const;
     // Sends the one-way call paid from the process's credit for its handle,
     // when that covers it.
-    bool paidFromCredit(const hostbinder::TransactionHeader& header, const Parcel& data);
+    bool paidFromCredit(const hostbinder::TransactionHeader& header, const Parcel& data,
+                        const hostbinder::ChannelProgress* fence);
     // Reads frames until the reply of the pending call arrives, serving any
     // two-way transaction delivered meanwhile; one-way calls sent ahead wait
     // their turn. A one-way call's acceptance (and credit) goes to `accepted`.
@@ -112,7 +114,9 @@ private:
     status_t pushToRing(OutgoingChannel& channel, const hostbinder::DirectCall& call, const Parcel& data);
     status_t sendOnSocket(OutgoingChannel& channel, const hostbinder::DirectCall& call, const Parcel& data);
     // Before a relayed one-way call: it must not overtake the direct ones.
-    bool fenceRelayedOneway(int32_t handle);
+    // False when the handle has no one-way channel; else `fence` goes just
+    // before the call, on the connection that carries it.
+    bool fenceRelayedOneway(int32_t handle, hostbinder::ChannelProgress* fence);
     void unfenceRefusedOneway(int32_t handle);
     bool welcomed(OutgoingChannel& channel, bool wait);
     status_t requestCredit(OutgoingChannel& channel, size_t bytes);

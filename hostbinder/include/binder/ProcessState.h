@@ -72,12 +72,6 @@ public:
     // measuring and debugging the relayed path).
     bool directCallsAllowed() const { return mDirectCalls && !mTrafficWatched; }
     void setDirectCalls(bool enabled) { mDirectCalls = enabled; }
-    // One-way calls take their channel only when asked for
-    // (HOSTBINDER_DIRECT_ONEWAY=1, or here): under a slow schedule a sender's
-    // one-way calls can stall behind a fence that never clears, so they go
-    // through binderd until that is mended.
-    bool directOnewayAllowed() const { return mDirectOneway; }
-    void setDirectOneway(bool enabled) { mDirectOneway = enabled; }
     // Why binderd last turned this process away or did not answer it, as
     // logged ("binderd at PATH refused this process: REASON", "binderd at
     // PATH did not answer", ...); "" since a session began, or when binderd
@@ -107,7 +101,6 @@ private:
     std::atomic<uint64_t> mGeneration{0};
     std::atomic<bool> mTrafficWatched{false};
     std::atomic<bool> mDirectCalls{true};
-    std::atomic<bool> mDirectOneway{false};
     std::unique_ptr<ChannelHub> mChannels;
     std::unique_ptr<OnewayChannels> mOnewayChannels;
     std::unique_ptr<OnewayCredits> mOnewayCredits;
