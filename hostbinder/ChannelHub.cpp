@@ -261,7 +261,13 @@ bool ChannelHub::serve(const std::shared_ptr<Channel>& channel) {
                 return false;
             }
         }
-        if (channel->reader.malformed() || read == FrameReader::Read::kEnded) {
+        if (channel->reader.malformed()) {
+            return false;
+        }
+        if (read == FrameReader::Read::kEnded) {
+            // The caller closed its end after its last push: calls it left
+            // in the ring since the last look still run.
+            drainRing(channel);
             return false;
         }
         const bool nothingMore = read == FrameReader::Read::kNothing ||
