@@ -18,8 +18,10 @@
 #include <map>
 
 #include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
 
 #include "binderd_fixture.h"
+#include "hostbinder_test_service.h"
 #include "log_capture.h"
 #include "protocol/Protocol.h"
 #include "raw_peer.h"
@@ -96,7 +98,9 @@ TEST(Binderd, MalformedFramesCutOnlyTheConnectionThatSentThem) {
 // A process that sends and goes at once: what it sent still arrives, also
 // when binderd's answers to it fail (it is gone) before binderd has read all
 // it sent. Queued while binderd is stopped, more than binderd reads at once.
-TEST_F(Binderd, CallsOfAThreadThatClosedBeforeItsAnswersAreStillDelivered) {
+TEST(Binderd, CallsOfAThreadThatClosedBeforeItsAnswersAreStillDelivered) {
+    BinderdSession session;
+    ASSERT_TRUE(session.started()) << session.error();
     Channel ready;
     spawnTestService(session, ready);
     ASSERT_EQ(ready.next(), "ready");
