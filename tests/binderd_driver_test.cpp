@@ -814,6 +814,21 @@ TEST_F(DriverChannels, CreditFillsTheOwnersBufferAndRelayedCallsWaitBehindDirect
     ASSERT_EQ(outbox.sent.back().command, kCreditGranted);
     granted += payloadAs<uint32_t>(outbox.sent.back());
     EXPECT_FALSE(feed(kClientControl, kChannelFence, progress(granted + 1)));
+    // Threads announce their calls on their own connections: both fences may
+    // come before either call. Each call takes one, and binderd says the
+    // relayed calls are done only once both are.
+    constexpr ConnectionId kSecondThread = 7;
+    addThread(kSecondThread);
+    play({
+        {kClientThread, kChannelFence, progress(600)},
+        {kSecondThread, kChannelFence, progress(600)},
+        {kSecondThread, kTransaction, oneway(8)},
+        {kClientThread, kTransaction, oneway(9)},
+    });
+    ASSERT_TRUE(feed(kServiceLooper, kOnewayDone, {}));
+    EXPECT_EQ(framesTo(kClientControl, kChannelQuiet), 1u);
+    ASSERT_TRUE(feed(kServiceLooper, kOnewayDone, {}));
+    EXPECT_EQ(payloadAs<ChannelProgress>(sent(kClientControl, kChannelQuiet)).total, 3u);
 }
 
 // Replies to calls on a two-way channel that carry objects go through
