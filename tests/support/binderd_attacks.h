@@ -26,18 +26,19 @@ struct AttackTarget {
     // A live service of another process of the same uid, whose name the
     // attacker tries to take and whose handle it abuses.
     std::string victimName;
-    // That service's process, which an attacker may stop for a while (it
-    // always lets it go on).
+    // That service's process.
     pid_t victimPid = -1;
     // 1 runs each attack at the sizes it was first seen at; tests run small.
     double scale = 1;
 };
 
+struct Attacker;
+
 // The attacks of a hostile local process on binderd, written with raw frames.
 struct Attack {
     const char* name;
     Outcome expected;
-    Outcome (*run)(const AttackTarget& target);
+    Outcome (*run)(Attacker& attacker);
 };
 const std::vector<Attack>& binderdAttacks();
 
@@ -57,7 +58,6 @@ public:
 
     LegitimateClient(BinderdSession& session, const std::string& victimName);
     ~LegitimateClient();
-    bool running() const { return mPid > 0; }
     // What happened since the last report.
     Window report();
 

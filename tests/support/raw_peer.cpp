@@ -24,8 +24,6 @@ RawPeer::RawPeer(const std::string& path) : mFd(socket(AF_UNIX, SOCK_STREAM | SO
     }
 }
 
-RawPeer::~RawPeer() { close(); }
-
 void RawPeer::close() {
     for (int descriptor : mDescriptors) {
         ::close(descriptor);
@@ -39,13 +37,10 @@ void RawPeer::close() {
 
 bool RawPeer::sendBytes(const void* bytes, size_t size) {
     const auto* cursor = static_cast<const uint8_t*>(bytes);
-    while (size > 0) {
-        const ssize_t n = send(mFd, cursor, size, MSG_NOSIGNAL);
-        if (n <= 0) {
+    for (ssize_t n = 0; size > 0; cursor += n, size -= static_cast<size_t>(n)) {
+        if ((n = send(mFd, cursor, size, MSG_NOSIGNAL)) <= 0) {
             return false;
         }
-        cursor += n;
-        size -= static_cast<size_t>(n);
     }
     return true;
 }
@@ -53,11 +48,11 @@ bool RawPeer::sendBytes(const void* bytes, size_t size) {
 bool RawPeer::sendFrame(uint32_t command, const void* payload, size_t size) {
     std::vector<uint8_t> frame;
     appendFrame(&frame, command, payload, size);
-    return sendBytes(frame.data(), frame.size());
+    return sendBytes(frame);
 }
 
-bool RawPeer::sendTransaction(uint64_t handle, uint32_t code, const std::vector<uint8_t>& data,
-                              const std::vector<uint64_t>& offsets, uint32_t flags) {
+std::vector<uint8_t> RawPeer::transaction(uint64_t handle, uint32_t code, const std::vector<uint8_t>& data,
+                                          const std::vector<uint64_t>& offsets, uint32_t flags) {
     TransactionHeader header{};
     header.target = handle;
     header.code = code;
@@ -66,12 +61,12 @@ bool RawPeer::sendTransaction(uint64_t handle, uint32_t code, const std::vector<
     header.offsetsCount = static_cast<uint32_t>(offsets.size());
     std::vector<uint8_t> frame;
     appendTransaction(&frame, kTransaction, header, data.data(), offsets.data());
-    return sendBytes(frame.data(), frame.size());
+    return frame;
 }
 
 void RawPeer::finishSending() { shutdown(mFd, SHUT_WR); }
 
-int64_t RawPeer::nextCommand(std::vector<uint8_t>* payload, std::chrono::milliseconds timeout) {
+int64_t RawPeer::nextCommand(std::vector<uint8_t>* payload, milliseconds timeout) {
     FrameHeader header;
     if (!readExactly(&header, sizeof(header), timeout)) {
         return mClosed ? 0 : -1;
@@ -83,7 +78,7 @@ int64_t RawPeer::nextCommand(std::vector<uint8_t>* payload, std::chrono::millise
     return header.command;
 }
 
-bool RawPeer::closedByBinderd(std::chrono::milliseconds timeout) {
+bool RawPeer::closedByBinderd(milliseconds timeout) {
     pollfd hangup{mFd, POLLRDHUP, 0};
     return poll(&hangup, 1, static_cast<int>(timeout.count())) > 0 && (hangup.revents & (POLLRDHUP | POLLHUP)) != 0;
 }
@@ -97,7 +92,7 @@ int RawPeer::takeDescriptor() {
     return descriptor;
 }
 
-bool RawPeer::readExactly(void* out, size_t size, std::chrono::milliseconds timeout) {
+bool RawPeer::readExactly(void* out, size_t size, milliseconds timeout) {
     auto* bytes = static_cast<uint8_t*>(out);
     while (size > 0) {
         pollfd readable{mFd, POLLIN, 0};
@@ -117,12 +112,12 @@ bool RawPeer::readExactly(void* out, size_t size, std::chrono::milliseconds time
             return false;
         }
         for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
-            if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS) {
-                for (size_t i = 0; i < (header->cmsg_len - CMSG_LEN(0)) / sizeof(int); ++i) {
-                    int descriptor;
-                    std::memcpy(&descriptor, CMSG_DATA(header) + i * sizeof(int), sizeof(int));
-                    mDescriptors.push_back(descriptor);
-                }
+            const bool rights = header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS;
+            const size_t count = rights ? (header->cmsg_len - CMSG_LEN(0)) / sizeof(int) : 0;
+            for (size_t i = 0; i < count; ++i) {
+                int descriptor;
+                std::memcpy(&descriptor, CMSG_DATA(header) + i * sizeof(int), sizeof(int));
+                mDescriptors.push_back(descriptor);
             }
         }
         bytes += n;
@@ -134,33 +129,28 @@ bool RawPeer::readExactly(void* out, size_t size, std::chrono::milliseconds time
 RawSession::RawSession(const std::string& path) : mControl(path), mThread(path) {
     const HelloProcess hello{15, 0};
     std::vector<uint8_t> welcome;
-    if (!mControl.sendFrame(kHelloProcess, &hello, sizeof(hello)) || mControl.nextCommand(&welcome) != kWelcome ||
-        welcome.size() != sizeof(mToken)) {
-        return;
+    if (mControl.sendFrame(kHelloProcess, &hello, sizeof(hello)) && mControl.nextCommand(&welcome) == kWelcome &&
+        welcome.size() == sizeof(mToken)) {
+        std::memcpy(&mToken, welcome.data(), sizeof(mToken));
+        mReady = addThread(mThread);
     }
-    std::memcpy(&mToken, welcome.data(), sizeof(mToken));
-    mReady = addThread(mThread);
 }
 
-bool RawSession::addThread(RawPeer& peer) const {
-    return peer.sendFrame(kHelloThread, &mToken, sizeof(mToken));
-}
+bool RawSession::addThread(RawPeer& peer) const { return peer.sendFrame(kHelloThread, &mToken, sizeof(mToken)); }
 
-int64_t RawSession::answer(std::vector<uint8_t>* reply, std::chrono::milliseconds timeout) {
+int64_t RawSession::answer(std::vector<uint8_t>* reply, milliseconds timeout) {
     std::vector<uint8_t> payload;
     for (;;) {
         const int64_t command = mThread.nextCommand(&payload, timeout);
+        int32_t status = 0;
+        TransactionView view;
         if (command <= 0) {
             return -1;
-        }
-        int32_t status = 0;
-        if (command == kRefused && payload.size() == sizeof(status)) {
+        } else if (command == kRefused && payload.size() == sizeof(status)) {
             std::memcpy(&status, payload.data(), sizeof(status));
             return status;
-        }
-        TransactionView view;
-        if (command == kIncomingReply &&
-            parseTransaction({kIncomingReply, payload.data(), static_cast<uint32_t>(payload.size())}, &view)) {
+        } else if (command == kIncomingReply &&
+                   parseTransaction({kIncomingReply, payload.data(), static_cast<uint32_t>(payload.size())}, &view)) {
             if (reply != nullptr) {
                 reply->assign(view.data, view.data + view.header.dataSize + view.header.offsetsCount * 8);
             }
@@ -172,10 +162,6 @@ int64_t RawSession::answer(std::vector<uint8_t>* reply, std::chrono::millisecond
 
 namespace {
 
-std::vector<uint8_t> bytesOf(const android::Parcel& parcel) {
-    return std::vector<uint8_t>(parcel.data(), parcel.data() + parcel.dataSize());
-}
-
 // The interface token, then the name when one is given.
 std::vector<uint8_t> serviceManagerRequest(const std::string* name) {
     android::Parcel data;
@@ -185,12 +171,13 @@ std::vector<uint8_t> serviceManagerRequest(const std::string* name) {
     } else {
         data.writeInt32(0);
     }
-    return bytesOf(data);
+    return std::vector<uint8_t>(data.data(), data.data() + data.dataSize());
 }
 
-int32_t exceptionOf(const std::vector<uint8_t>& reply) {
-    int32_t exception = INT32_MIN;
-    if (reply.size() >= sizeof(exception)) {
+// The exception code that starts a reply (INT32_MIN: none), after a transaction's status.
+int32_t exceptionOf(int64_t status, const std::vector<uint8_t>& reply) {
+    int32_t exception = status == 0 ? INT32_MIN : static_cast<int32_t>(status);
+    if (status == 0 && reply.size() >= sizeof(exception)) {
         std::memcpy(&exception, reply.data(), sizeof(exception));
     }
     return exception;
@@ -203,28 +190,27 @@ int32_t RawSession::addService(const std::string& name, uint64_t address) {
     flat_binder_object object{};
     object.hdr.type = BINDER_TYPE_BINDER;
     object.flags = 0x113;
-    object.binder = address;
-    object.cookie = address;
+    object.binder = object.cookie = address;
     const uint64_t offset = bytes.size();
-    bytes.resize(bytes.size() + sizeof(object) + 3 * sizeof(int32_t), 0);
+    // The object, then its stability word and two zero words.
+    const int32_t stability[3] = {12, 0, 0};
+    bytes.resize(offset + sizeof(object) + sizeof(stability));
     std::memcpy(bytes.data() + offset, &object, sizeof(object));
-    const int32_t stability = 12;
-    std::memcpy(bytes.data() + offset + sizeof(object), &stability, sizeof(stability));
+    std::memcpy(bytes.data() + offset + sizeof(object), stability, sizeof(stability));
     std::vector<uint8_t> reply;
     if (!mThread.sendTransaction(0, kAddService, bytes, {offset})) {
         return INT32_MIN;
     }
-    const int64_t status = answer(&reply);
-    return status == 0 ? exceptionOf(reply) : static_cast<int32_t>(status);
+    return exceptionOf(answer(&reply), reply);
 }
 
 uint32_t RawSession::checkService(const std::string& name) {
     std::vector<uint8_t> reply;
-    if (!mThread.sendTransaction(0, kCheckService, serviceManagerRequest(&name)) || answer(&reply) != 0 || exceptionOf(reply) != 0 ||
-        reply.size() < sizeof(int32_t) + sizeof(flat_binder_object)) {
+    flat_binder_object object{};
+    if (!mThread.sendTransaction(0, kCheckService, serviceManagerRequest(&name)) ||
+        exceptionOf(answer(&reply), reply) != 0 || reply.size() < sizeof(int32_t) + sizeof(object)) {
         return 0;
     }
-    flat_binder_object object;
     std::memcpy(&object, reply.data() + sizeof(int32_t), sizeof(object));
     return object.hdr.type == BINDER_TYPE_HANDLE ? object.handle : 0;
 }

@@ -10,6 +10,8 @@
 
 namespace tivra_test {
 
+using std::chrono::milliseconds;
+
 // A hand-driven connection to binderd that can say anything, for tests and
 // benchmarks that play a hostile or broken process.
 class RawPeer {
@@ -17,7 +19,7 @@ public:
     explicit RawPeer(const std::string& path);
     // Takes over a connected socket, such as a direct channel's end.
     explicit RawPeer(int fd) : mFd(fd) {}
-    ~RawPeer();
+    ~RawPeer() { close(); }
     RawPeer(const RawPeer&) = delete;
     RawPeer& operator=(const RawPeer&) = delete;
 
@@ -25,26 +27,31 @@ public:
     int fd() const { return mFd; }
     // False once binderd stopped taking bytes (closed the connection).
     bool sendBytes(const void* bytes, size_t size);
+    bool sendBytes(const std::vector<uint8_t>& bytes) { return sendBytes(bytes.data(), bytes.size()); }
     bool sendFrame(uint32_t command, const void* payload = nullptr, size_t size = 0);
     bool sendTransaction(uint64_t handle, uint32_t code, const std::vector<uint8_t>& data,
-                         const std::vector<uint64_t>& offsets = {}, uint32_t flags = 0);
+                         const std::vector<uint64_t>& offsets = {}, uint32_t flags = 0) {
+        return sendBytes(transaction(handle, code, data, offsets, flags));
+    }
+    // The frame sendTransaction sends.
+    static std::vector<uint8_t> transaction(uint64_t handle, uint32_t code, const std::vector<uint8_t>& data,
+                                            const std::vector<uint64_t>& offsets = {}, uint32_t flags = 0);
     void finishSending();
     // Closes at once, dropping whatever binderd sent and was not read.
     void close();
 
     // The next frame's command; 0 once binderd closed the connection, -1 when
     // it said nothing within the timeout.
-    int64_t nextCommand(std::vector<uint8_t>* payload,
-                        std::chrono::milliseconds timeout = std::chrono::milliseconds(5000));
+    int64_t nextCommand(std::vector<uint8_t>* payload, milliseconds timeout = milliseconds(5000));
     // Whether binderd closed its end within the timeout, without reading
     // what it sent.
-    bool closedByBinderd(std::chrono::milliseconds timeout);
+    bool closedByBinderd(milliseconds timeout);
     // The oldest descriptor that came with the frames read so far (-1:
     // none); the caller owns it.
     int takeDescriptor();
 
 private:
-    bool readExactly(void* out, size_t size, std::chrono::milliseconds timeout);
+    bool readExactly(void* out, size_t size, milliseconds timeout);
 
     int mFd;
     bool mClosed = false;
@@ -63,15 +70,14 @@ public:
     bool addThread(RawPeer& peer) const;
 
     // binderd's answer to the thread's last transaction: the status of a
-    // refusal or of a reply, -1 without an answer, 0-bodied replies give OK.
-    // The reply's bytes and object table go to `reply` when given.
-    int64_t answer(std::vector<uint8_t>* reply = nullptr, std::chrono::milliseconds timeout =
-                                                              std::chrono::milliseconds(5000));
+    // refusal or of a reply, -1 without an answer. The reply's bytes and
+    // object table go to `reply` when given.
+    int64_t answer(std::vector<uint8_t>* reply = nullptr, milliseconds timeout = milliseconds(5000));
 
     // The service manager's calls, as the platform's client writes them.
-    // addService registers a local binder with the given address and answers
-    // the exception code of the reply (0 when accepted); the lookup answers
-    // the handle (0: none).
+    // addService registers a local binder at `address` and answers the
+    // reply's exception code (0: accepted); the lookup answers the handle
+    // (0: none).
     int32_t addService(const std::string& name, uint64_t address);
     uint32_t checkService(const std::string& name);
     static std::vector<uint8_t> listServicesRequest();
