@@ -480,6 +480,30 @@ TEST_F(DriverFrames, WorkForAProcessStaysWithinItsBuffer) {
     EXPECT_EQ(call(kClientThread, kThird, 0), 0);
 }
 
+// Binders a process sends become nodes it owns, within its bound: a call
+// that would take it beyond is refused. The calls go to two receivers, so
+// that neither reaches its handle bound first.
+TEST_F(DriverFrames, ACallThatWouldTakeItsSenderBeyondItsNodeBoundIsRefused) {
+    constexpr ConnectionId kSecondLooper = 6;
+    const uint32_t second = startService(kSecondLooper - 1, 200, "svc.second");
+    constexpr size_t kPerCall = android::binderd::kMaxNodesPerProcess / 4;
+    std::vector<sp<IBinder>> kept;
+    for (size_t round = 0; round <= 4; ++round) {
+        Parcel data;
+        for (size_t i = 0; i < kPerCall; ++i) {
+            kept.push_back(new BBinder());
+            data.writeStrongBinder(kept.back());
+        }
+        const size_t before = framesTo(kClientThread, kRefused);
+        ASSERT_TRUE(feed(kClientThread, kTransaction, transaction(round % 2 == 0 ? handle : second, 1, 0, data)));
+        EXPECT_EQ(framesTo(kClientThread, kRefused) - before, round < 4 ? 0u : 1u) << round;
+        if (round < 4) {
+            ASSERT_TRUE(feed(round % 2 == 0 ? kServiceLooper : kSecondLooper, kReply, bytesOf(TransactionHeader{})));
+        }
+    }
+    EXPECT_EQ(payloadAs<status_t>(sent(kClientThread, kRefused)), FAILED_TRANSACTION);
+}
+
 TEST_F(DriverFrames, TheSessionsOfOneProcessShareItsBoundsAndGiveBackAllTheyHeld) {
     // A second session of the service's process, with a binder of its own.
     constexpr ConnectionId kSecond = 5;
