@@ -485,7 +485,7 @@ TEST_F(DriverFrames, WorkForAProcessStaysWithinItsBuffer) {
 // that neither reaches its handle bound first.
 TEST_F(DriverFrames, ACallThatWouldTakeItsSenderBeyondItsNodeBoundIsRefused) {
     constexpr ConnectionId kSecondLooper = 6;
-    const uint32_t second = startService(kSecondLooper - 1, 200, "svc.second");
+    const uint32_t second = startService(kSecondLooper - 1, 300, "svc.second");
     constexpr size_t kPerCall = android::binderd::kMaxNodesPerProcess / 4;
     std::vector<sp<IBinder>> kept;
     for (size_t round = 0; round <= 4; ++round) {
