@@ -148,7 +148,7 @@ void ChannelHub::rearm(int fd, uint64_t id) {
     epoll_ctl(mEpoll, EPOLL_CTL_MOD, fd, &event);
 }
 
-void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel) {
+void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel, bool readSocket) {
     // What binderd said before this round takes effect once the round has
     // taken in everything on the channel, which includes every call made
     // before binderd said it; what it says meanwhile waits for the next round.
@@ -159,7 +159,7 @@ void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel) {
         revoked.swap(channel->revoked);
         closing = channel->closing;
     }
-    const bool open = serve(channel) && !closing;
+    const bool open = serve(channel, readSocket || closing) && !closing;
     for (uint32_t handle : revoked) {
         channel->reach.erase(handle);
         IPCThreadState::self()->noteReachDropped(channel->id, handle);
@@ -174,7 +174,10 @@ void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel) {
         channel->rung = false;
         attend(*channel);
     }
-    rearm(channel->fd, channel->id);
+    if (channel->socketFired) {
+        channel->socketFired = false;
+        rearm(channel->fd, channel->id);
+    }
 }
 
 void ChannelHub::work() {
@@ -191,7 +194,8 @@ void ChannelHub::work() {
         if (epoll_wait(mEpoll, &event, 1, wait) != 1) {
             continue;
         }
-        std::vector<std::shared_ptr<Channel>> claimed;
+        // Each with whether its socket is to be read.
+        std::vector<std::pair<std::shared_ptr<Channel>, bool>> claimed;
         bool spawn = false;
         {
             std::lock_guard<std::mutex> lock(mLock);
@@ -201,20 +205,24 @@ void ChannelHub::work() {
                 for (uint64_t id : mAttention) {
                     auto it = mChannels.find(id);
                     if (it != mChannels.end()) {
-                        claimed.push_back(it->second);  // held already
+                        claimed.emplace_back(it->second, true);  // held already
                     }
                 }
                 mAttention.clear();
                 rearm(mAttentionEvent, kAttention);
             } else {
                 auto it = mChannels.find(event.data.u64 & ~kDoorbell);
+                const bool doorbell = (event.data.u64 & kDoorbell) != 0;
+                if (it != mChannels.end()) {
+                    it->second->socketFired = it->second->socketFired || !doorbell;
+                }
                 // A held channel is re-armed by its holder, which also hears
                 // of a ring of its bell meanwhile.
                 if (it != mChannels.end() && it->second->held) {
-                    it->second->rung = it->second->rung || (event.data.u64 & kDoorbell) != 0;
+                    it->second->rung = it->second->rung || doorbell;
                 } else if (it != mChannels.end()) {
                     it->second->held = true;
-                    claimed.push_back(it->second);
+                    claimed.emplace_back(it->second, !doorbell);
                 }
             }
             if (claimed.empty()) {
@@ -230,15 +238,15 @@ void ChannelHub::work() {
         if (spawn) {
             std::thread(&ChannelHub::work, this).detach();
         }
-        for (const auto& channel : claimed) {
-            serveClaimed(channel);
+        for (const auto& [channel, readSocket] : claimed) {
+            serveClaimed(channel, readSocket);
         }
         std::lock_guard<std::mutex> lock(mLock);
         ++mIdleThreads;
     }
 }
 
-bool ChannelHub::serve(const std::shared_ptr<Channel>& channel) {
+bool ChannelHub::serve(const std::shared_ptr<Channel>& channel, bool readSocket) {
     // One-way calls in the ring were written before any call that follows on
     // the socket, so the ring is drained first, before every socket frame.
     const auto mayGrow = [this, &channel](size_t bytes) {
@@ -253,6 +261,13 @@ bool ChannelHub::serve(const std::shared_ptr<Channel>& channel) {
     for (;;) {
         if (!drainRing(channel)) {
             return false;
+        }
+        if (!readSocket) {
+            // Anything on the socket fires its own event.
+            if (channel->ring->sleep()) {
+                return true;
+            }
+            continue;
         }
         const FrameReader::Read read = channel->reader.readAvailable(channel->fd, mayGrow);
         Frame frame;

@@ -69,6 +69,9 @@ private:
         bool closing = false;
         // Its doorbell rang while a thread held it: that thread goes round again.
         bool rung = false;
+        // Its socket's one-shot event came: the thread that lets the channel
+        // go arms it again. Until then nothing waits on the socket.
+        bool socketFired = false;
         // Charge units of the channel's one-way calls finished, and told to binderd.
         std::atomic<uint64_t> finished{0};
         // What its reader holds beyond its usual size, for a large call.
@@ -77,10 +80,10 @@ private:
 
     void work();
     // Serves the claimed channel, forgets what binderd withdrew, and lets
-    // the channel go.
-    void serveClaimed(const std::shared_ptr<Channel>& channel);
+    // the channel go. Woken by its doorbell alone, it looks at the ring only.
+    void serveClaimed(const std::shared_ptr<Channel>& channel, bool readSocket);
     // Runs the calls the channel has now; false when it ended.
-    bool serve(const std::shared_ptr<Channel>& channel);
+    bool serve(const std::shared_ptr<Channel>& channel, bool readSocket);
     // The one-way calls waiting in the channel's ring, in order.
     bool drainRing(const std::shared_ptr<Channel>& channel);
     bool serveFrame(const std::shared_ptr<Channel>& channel, const hostbinder::Frame& frame);
