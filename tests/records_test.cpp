@@ -381,8 +381,6 @@ TEST(TruncationSweep, EveryPrefixFailsWithoutReadingPastIt) {
 
 // ---- Text conversion: exactly as the genuine String16 and String8 ------------------
 
-std::string Raw(const Parcel& parcel) { return std::string(parcel.data(), parcel.data() + parcel.dataSize()); }
-
 // A field written for the wire: alone, and with another text in one step
 // (or refused with nothing written), as the platform's String16 would be.
 void ExpectConvertsLikeString16(const std::string& utf8) {
@@ -393,7 +391,7 @@ void ExpectConvertsLikeString16(const std::string& utf8) {
     Parcel platform;
     ASSERT_EQ(WriteUtf8AsString16(&ours, utf8), android::OK);
     platform.writeString16(genuine);
-    ASSERT_EQ(Raw(ours), Raw(platform)) << ::testing::PrintToString(utf8);
+    ASSERT_EQ(Contents(ours), Contents(platform)) << ::testing::PrintToString(utf8);
     const std::string* const texts[] = {&utf8, &utf8};
     if (!WriteUtf8sAsString16s(&ours, texts, 2)) {
         ASSERT_EQ(ours.dataSize(), platform.dataSize()) << ::testing::PrintToString(utf8);
@@ -402,7 +400,7 @@ void ExpectConvertsLikeString16(const std::string& utf8) {
     }
     platform.writeString16(genuine);
     platform.writeString16(genuine);
-    ASSERT_EQ(Raw(ours), Raw(platform)) << ::testing::PrintToString(utf8);
+    ASSERT_EQ(Contents(ours), Contents(platform)) << ::testing::PrintToString(utf8);
 }
 
 // A field read from the wire, as the platform's String8 would make it.
