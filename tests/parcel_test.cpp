@@ -281,17 +281,12 @@ TEST(ParcelRead, TypedFormsFailAsThePlatformDoes) {
     }
 }
 
-Bytes Token(uint32_t header, const std::u16string& descriptor) {
-    Parcel parcel;
-    parcel.writeInt32(static_cast<int32_t>(0x80000000u));
-    parcel.writeInt32(-1);
-    parcel.writeUint32(header);
-    parcel.writeString16(String16(descriptor.data(), descriptor.size()));
-    return Contents(parcel);
+Bytes Token(int32_t header, const char* descriptor) {
+    return tivra_test::Wire(static_cast<int32_t>(0x80000000u), -1, header, descriptor);
 }
 
 TEST(ParcelInterfaceToken, EnforcedAndConsumed) {
-    const char16_t descriptor[] = u"com.example.IThing";
+    const char descriptor[] = "com.example.IThing";
     const struct {
         const char* name;
         Bytes bytes;
@@ -299,8 +294,8 @@ TEST(ParcelInterfaceToken, EnforcedAndConsumed) {
     } cases[] = {
         {"Matching", Token(0x53595354, descriptor), true},
         {"VendorHeader", Token(0x564e4452, descriptor), false},
-        {"PrefixDescriptor", Token(0x53595354, u"com.example.IThin"), false},
-        {"SameLengthOtherUnit", Token(0x53595354, u"com.example.IThinG"), false},
+        {"PrefixDescriptor", Token(0x53595354, "com.example.IThin"), false},
+        {"SameLengthOtherUnit", Token(0x53595354, "com.example.IThinG"), false},
         {"NoToken", {}, false},
         {"HeaderOnly", Le({static_cast<int32_t>(0x80000000), -1, 0x53595354}), false},
     };

@@ -39,6 +39,8 @@ using tivra_test::Cat;
 using tivra_test::Contents;
 using tivra_test::Le;
 using tivra_test::LogCapture;
+using tivra_test::Wire;
+using tivra_test::Written;
 using Texts = std::vector<std::string>;
 
 // The library's lines of one priority, in order.
@@ -116,16 +118,6 @@ TEST(NodeRecord, WritesNameTypeThenNodeId) {
     EXPECT_EQ(Contents(parcel), Le({1, 'n', 0x0E, 2, 0x640069, 0}));
 }
 
-// Strings built item by item: a text, or an int32.
-Bytes Wire(std::initializer_list<std::pair<const char16_t*, int32_t>> items) {
-    Parcel parcel;
-    for (const auto& [text, value] : items) text ? parcel.writeString16(String16(text)) : parcel.writeInt32(value);
-    return Contents(parcel);
-}
-
-std::pair<const char16_t*, int32_t> Int(int32_t value) { return {nullptr, value}; }
-std::pair<const char16_t*, int32_t> Text(const char16_t* text) { return {text, 0}; }
-
 const char kInvalidType[] = "read deviceType from parcel is invalid value";
 
 // The type travels as an int32 of which the low byte counts; -1 is refused.
@@ -137,16 +129,16 @@ TEST(NodeRecord, ReadResultStateAndLog) {
         std::string after;
         Texts errors;
     } cases[] = {
-        {"Type0E", Wire({Text(u"n"), Int(0x0E), Text(u"id")}), android::OK, "n|14|id", {}},
-        {"UpperBitsIgnored", Wire({Text(u"n"), Int(0x10E), Text(u"id")}), android::OK, "n|14|id", {}},
-        {"TypeF1", Wire({Text(u""), Int(0xF1), Text(u"")}), android::OK, "|241|", {}},
-        {"UnknownOne", Wire({Text(u"n"), Int(1), Text(u"id")}), android::OK, "n|0|id", {UnknownTypeLine(1)}},
-        {"MinusTwoIsUnknown", Wire({Text(u"n"), Int(-2), Text(u"id")}), android::OK, "n|0|id", {UnknownTypeLine(0xFE)}},
-        {"MinusOneRefused", Wire({Text(u"n"), Int(-1), Text(u"id")}), -1, "n|160|old-id", {kInvalidType}},
-        {"NameNull", Wire({Int(-1), Int(0x0E), Text(u"id")}), android::UNEXPECTED_NULL, "old|160|old-id",
+        {"Type0E", Wire("n", 0x0E, "id"), android::OK, "n|14|id", {}},
+        {"UpperBitsIgnored", Wire("n", 0x10E, "id"), android::OK, "n|14|id", {}},
+        {"TypeF1", Wire("", 0xF1, ""), android::OK, "|241|", {}},
+        {"UnknownOne", Wire("n", 1, "id"), android::OK, "n|0|id", {UnknownTypeLine(1)}},
+        {"MinusTwoIsUnknown", Wire("n", -2, "id"), android::OK, "n|0|id", {UnknownTypeLine(0xFE)}},
+        {"MinusOneRefused", Wire("n", -1, "id"), -1, "n|160|old-id", {kInvalidType}},
+        {"NameNull", Wire(-1, 0x0E, "id"), android::UNEXPECTED_NULL, "old|160|old-id",
          {"read name from parcel failed"}},
-        {"TypeMissing", Wire({Text(u"n")}), android::NOT_ENOUGH_DATA, "n|160|old-id", {"read deviceType from parcel failed"}},
-        {"NodeIdNull", Wire({Text(u"n"), Int(0x11), Int(-1)}), android::UNEXPECTED_NULL, "n|17|old-id",
+        {"TypeMissing", Wire("n"), android::NOT_ENOUGH_DATA, "n|160|old-id", {"read deviceType from parcel failed"}},
+        {"NodeIdNull", Wire("n", 0x11, -1), android::UNEXPECTED_NULL, "n|17|old-id",
          {"read nodeId from parcel failed"}},
     };
     for (const auto& c : cases) {
@@ -329,13 +321,6 @@ status_t ReadStatus(const Parcel& parcel) {
     const status_t result = status.readFromParcel(parcel);
     EXPECT_TRUE(result == android::OK || status.transactionError() == result);
     return result;
-}
-
-template <typename T>
-Bytes Written(const T& value) {
-    Parcel parcel;
-    EXPECT_EQ(value.writeToParcel(&parcel), android::OK);
-    return Contents(parcel);
 }
 
 TEST(TruncationSweep, EveryPrefixFailsWithoutReadingPastIt) {
