@@ -1,8 +1,8 @@
 // The public adapter against tivra-monitord in another process, each case in a
 // process of its own (a fresh adapter): finding and caching the service, the
 // records of the queries, failed calls made by the service's fault plan, the
-// three registries, callbacks, the service's death, a client process, and
-// client threads racing while the service dies and comes back.
+// three registries, callbacks, the service's death, and client threads racing
+// while the service dies and comes back.
 #include <android/log.h>
 #include <signal.h>
 #include <unistd.h>
@@ -608,29 +608,6 @@ TEST(ServiceDeath, EachLinkedNotifierIsToldOnceAfterTheAdapterForgotTheService) 
         EXPECT_TRUE(Adapter()->RegisterCallback(listener)) << "the old registration still counted";
         EXPECT_EQ(log.Count(kDeathNotice), 1u);
         EXPECT_EQ(second->deaths.Size(), 1u);
-    });
-}
-
-// A client killed in a process of its own leaves the service's listeners.
-TEST(ClientProcess, KilledClientIsDroppedFromTheListeners) {
-    RunInOwnProcess([] {
-        MonitordSession session;
-        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
-        Channel channel;
-        const pid_t client = session.binderd().spawn([&channel] {
-            CHILD_CHECK(Adapter()->RegisterCallback(std::make_shared<RecordingListener>()));
-            CHILD_CHECK(Adapter()->AddDeviceChangeListener(std::make_shared<RecordingNodeListener>()));
-            channel.post("registered");
-            for (;;) pause();
-            return 0;
-        });
-        ASSERT_EQ(channel.next(), "registered");
-        EXPECT_EQ(session.Control().Listeners().value, (json{{"deviceChange", 1}, {"device", 1}}));
-        session.binderd().kill(client, SIGKILL);
-        EXPECT_EQ(session.binderd().waitExit(client), -1) << "the client was not killed";
-        EXPECT_TRUE(waitUntil([&] {
-            return session.Control().Listeners().value == json{{"deviceChange", 0}, {"device", 0}};
-        })) << "the dead client's listeners stayed registered";
     });
 }
 
