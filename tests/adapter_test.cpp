@@ -5,13 +5,12 @@
 // while the service dies and comes back.
 #include <android/log.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <condition_variable>
 #include <functional>
