@@ -53,15 +53,21 @@ start_binderd() {
   wait_for test -S "$HOSTBINDER_SOCKET" || fail "binderd did not come up"
 }
 serving() { "$tivra_bin" services 2>/dev/null | grep -qx PravikDeviceMonitorService; }
+# saw FILE PATTERN WHAT: waits for a line of FILE matching PATTERN (basic regex).
+saw() { wait_for grep -q -- "$2" "$1" || fail "$3: $(cat "$1")"; }
+background() { # NAME COMMAND...: COMMAND's stdout+stderr to $work/NAME.out, its pid in $last
+  "${@:2}" >"$work/$1.out" 2>&1 &
+  last=$!
+  pids+=("$last")
+}
 # The sample without its timeline, so that what the checks see does not
 # depend on how fast they run.
 static_scenario=$work/static.json
 awk '/"timeline":/ { print "  \"timeline\": []"; print "}"; exit } { print }' \
   "$source_dir/tools/scenarios/sample.json" >"$static_scenario"
 start_monitord() { # [SCENARIO]
-  "$monitord_bin" --scenario "${1:-$static_scenario}" >"$work/monitord.out" 2>&1 &
-  monitord_pid=$!
-  pids+=("$monitord_pid")
+  background monitord "$monitord_bin" --scenario "${1:-$static_scenario}"
+  monitord_pid=$last
   wait_for serving || fail "tivra-monitord did not come up: $(cat "$work/monitord.out")"
 }
 
@@ -190,23 +196,22 @@ done
 # monitor: binderd's traffic, each call with its reply, the methods named
 # (events to a watch's listener among them); a filter keeps the service
 # manager's lookups out.
-"$tivra_bin" --json watch >"$work/watch-listener.out" 2>&1 &
-watch_listener_pid=$!
-pids+=("$watch_listener_pid")
-wait_for grep -q '"event":"watching"' "$work/watch-listener.out" || fail "watch did not start"
-"$tivra_bin" monitor --json >"$work/monitor.out" 2>&1 &
-monitor_pid=$!
+background watch-listener "$tivra_bin" --json watch
+watch_listener_pid=$last
+saw "$work/watch-listener.out" '"event":"watching"' "watch did not start"
+background monitor "$tivra_bin" monitor --json
+monitor_pid=$last
 "$tivra_bin" monitor --for 4s --service PravikDeviceMonitorService >"$work/monitor-human.out" 2>"$work/monitor-human.err" &
 monitor_for_pid=$!
-pids+=("$monitor_pid" "$monitor_for_pid")
-wait_for grep -q '"event":"watching"' "$work/monitor.out" && wait_for grep -q "watching the traffic" "$work/monitor-human.err" ||
-  fail "monitor did not start: $(cat "$work/monitor.out" "$work/monitor-human.err")"
+pids+=("$monitor_for_pid")
+saw "$work/monitor.out" '"event":"watching"' "monitor did not start"
+saw "$work/monitor-human.err" "watching the traffic" "monitor --for did not start"
 tivra devices >/dev/null
 tivra sim node-changed node-tv-19c2 1 >/dev/null
 method='"method":"IDeviceMonitorService.getAllDevices"'
-wait_for grep -q '"event":"call",.*"method":"IDeviceListener.onDeviceInfoChanged","objects":0,"oneway":true' \
-  "$work/monitor.out" && wait_for grep -q "\"event\":\"reply\",.*$method" "$work/monitor.out" ||
-  fail "monitor missed an event's one-way call or a reply: $(cat "$work/monitor.out")"
+saw "$work/monitor.out" '"event":"call",.*"method":"IDeviceListener.onDeviceInfoChanged","objects":0,"oneway":true' \
+  "monitor missed an event's one-way call"
+saw "$work/monitor.out" "\"event\":\"reply\",.*$method" "monitor missed a reply"
 kill -INT "$watch_listener_pid"
 call_id=$(sed -n "s/.*\"event\":\"call\",.*\"id\":\([0-9]*\),.*$method.*/\1/p" "$work/monitor.out")
 [ -n "$call_id" ] && grep -q "\"event\":\"reply\",.*\"id\":$call_id,.*$method.*\"statusName\":\"OK\"" "$work/monitor.out" ||
@@ -229,29 +234,26 @@ expect 1 "^tivra: write error: No space left on device$" full "$tivra_bin" --jso
 # watch --json: one object per line with RFC 3339 times, the service's
 # death, its return, binderd's restart (tivra-monitord and watch register
 # again), and events after each.
-TZ=IST-5:30 "$tivra_bin" --json watch --for 20s >"$work/watch.out" 2>&1 &
-watch_pid=$!
-pids+=("$watch_pid")
-wait_for grep -q '"event":"watching"' "$work/watch.out" || fail "watch did not start"
+background watch env TZ=IST-5:30 "$tivra_bin" --json watch --for 20s
+watch_pid=$last
+saw "$work/watch.out" '"event":"watching"' "watch did not start"
 tivra sim node-changed node-tv-19c2 3 >/dev/null
-wait_for grep -q '"event":"node-info-changed","kind":3,"nodeId":"node-tv-19c2"' "$work/watch.out" ||
-  fail "watch missed a node change"
+saw "$work/watch.out" '"event":"node-info-changed","kind":3,"nodeId":"node-tv-19c2"' "watch missed a node change"
 grep -qE '"time":"[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}\+05:30"' "$work/watch.out" ||
   fail "watch times are not RFC 3339 with the offset: $(head -1 "$work/watch.out")"
 stop "$monitord_pid"
-wait_for grep -q '"event":"service-died"' "$work/watch.out" || fail "watch did not report the service's death"
+saw "$work/watch.out" '"event":"service-died"' "watch did not report the service's death"
 start_monitord
-wait_for grep -q '"event":"service-back"' "$work/watch.out" || fail "watch did not register again"
+saw "$work/watch.out" '"event":"service-back"' "watch did not register again"
 tivra sim device-offline dev-tv-19c2 >/dev/null
-wait_for grep -q '"id":"dev-tv-19c2".*"event":"device-offline"' "$work/watch.out" ||
-  fail "watch heard nothing after the service came back"
+saw "$work/watch.out" '"id":"dev-tv-19c2".*"event":"device-offline"' "watch heard nothing after the service came back"
 stop "$binderd_pid" TERM
 start_binderd
-wait_for grep -q "registered again" "$work/monitord.out" || fail "tivra-monitord did not register with the new binderd"
+saw "$work/monitord.out" "registered again" "tivra-monitord did not register with the new binderd"
 wait_for sh -c "[ \$(grep -c '\"event\":\"service-back\"' '$work/watch.out') -eq 2 ]" ||
   fail "watch did not register again after binderd's restart"
 tivra sim node-changed node-tv-19c2 2 >/dev/null
-wait_for grep -q '"kind":2,"nodeId":"node-tv-19c2"' "$work/watch.out" || fail "watch heard nothing after binderd's restart"
+saw "$work/watch.out" '"kind":2,"nodeId":"node-tv-19c2"' "watch heard nothing after binderd's restart"
 kill -INT "$watch_pid"
 wait "$watch_pid" && tail -1 "$work/watch.out" | grep -q '"event":"stopped"' || fail "watch did not stop on Ctrl-C"
 grep -v '^{.*}$' "$work/watch.out" && fail "watch --json printed a line that is not one JSON object"
@@ -271,28 +273,26 @@ tivra --pretty devices >"$work/large.out" 2>&1 || fail "10,000 devices: $(head -
 
 # watch started before the service waits for it, then follows it.
 stop "$monitord_pid"
-"$tivra_bin" --json watch >"$work/watch-early.out" 2>&1 &
-pids+=($!)
-wait_for grep -q '"event":"waiting"' "$work/watch-early.out" || fail "watch did not wait: $(cat "$work/watch-early.out")"
+background watch-early "$tivra_bin" --json watch
+saw "$work/watch-early.out" '"event":"waiting"' "watch did not wait"
 start_monitord
-wait_for grep -q '"event":"watching"' "$work/watch-early.out" || fail "watch did not register with the service that came"
+saw "$work/watch-early.out" '"event":"watching"' "watch did not register with the service that came"
 tivra sim node-changed node-tv-19c2 1 >/dev/null
-wait_for grep -q '"kind":1,"nodeId":"node-tv-19c2"' "$work/watch-early.out" || fail "watch started first heard nothing"
+saw "$work/watch-early.out" '"kind":1,"nodeId":"node-tv-19c2"' "watch started first heard nothing"
 # binderd killed outright comes back on its socket; tivra-monitord, finding
 # its name taken meanwhile, says so once while it tries again, then registers.
 kill -STOP "$monitord_pid"
 stop "$binderd_pid"
 start_binderd  # its socket was there all along: wait until it answers
 wait_for sh -c "'$tivra_bin' services >/dev/null 2>&1" || fail "binderd did not come back after SIGKILL"
-"$monitord_bin" --scenario "$static_scenario" >"$work/taker.out" 2>&1 &
-taker_pid=$!
-pids+=("$taker_pid")
+background taker "$monitord_bin" --scenario "$static_scenario"
+taker_pid=$last
 wait_for serving || fail "the new binderd serves no one"
 kill -CONT "$monitord_pid"
 wait_for sh -c "[ \$(grep -c 'process $monitord_pid may not take' '$work/binderd.log') -ge 3 ]" ||
   fail "tivra-monitord did not try again for the name taken"
 stop "$taker_pid"
-wait_for grep -q "registered again" "$work/monitord.out" || fail "tivra-monitord did not take the name once free"
+saw "$work/monitord.out" "registered again" "tivra-monitord did not take the name once free"
 [ "$(grep -c 'registered by another process' "$work/monitord.out")" -eq 1 ] &&
   [ "$(grep -c 'EX_SECURITY' "$work/monitord.out")" -eq 1 ] ||
   fail "tivra-monitord did not say once that the name was taken: $(cat "$work/monitord.out")"

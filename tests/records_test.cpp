@@ -39,6 +39,8 @@ using tivra_test::Cat;
 using tivra_test::Contents;
 using tivra_test::Le;
 using tivra_test::LogCapture;
+using tivra_test::Wire;
+using tivra_test::Written;
 using Texts = std::vector<std::string>;
 
 // The library's lines of one priority, in order.
@@ -116,16 +118,6 @@ TEST(NodeRecord, WritesNameTypeThenNodeId) {
     EXPECT_EQ(Contents(parcel), Le({1, 'n', 0x0E, 2, 0x640069, 0}));
 }
 
-// Strings built item by item: a text, or an int32.
-Bytes Wire(std::initializer_list<std::pair<const char16_t*, int32_t>> items) {
-    Parcel parcel;
-    for (const auto& [text, value] : items) text ? parcel.writeString16(String16(text)) : parcel.writeInt32(value);
-    return Contents(parcel);
-}
-
-std::pair<const char16_t*, int32_t> Int(int32_t value) { return {nullptr, value}; }
-std::pair<const char16_t*, int32_t> Text(const char16_t* text) { return {text, 0}; }
-
 const char kInvalidType[] = "read deviceType from parcel is invalid value";
 
 // The type travels as an int32 of which the low byte counts; -1 is refused.
@@ -137,16 +129,16 @@ TEST(NodeRecord, ReadResultStateAndLog) {
         std::string after;
         Texts errors;
     } cases[] = {
-        {"Type0E", Wire({Text(u"n"), Int(0x0E), Text(u"id")}), android::OK, "n|14|id", {}},
-        {"UpperBitsIgnored", Wire({Text(u"n"), Int(0x10E), Text(u"id")}), android::OK, "n|14|id", {}},
-        {"TypeF1", Wire({Text(u""), Int(0xF1), Text(u"")}), android::OK, "|241|", {}},
-        {"UnknownOne", Wire({Text(u"n"), Int(1), Text(u"id")}), android::OK, "n|0|id", {UnknownTypeLine(1)}},
-        {"MinusTwoIsUnknown", Wire({Text(u"n"), Int(-2), Text(u"id")}), android::OK, "n|0|id", {UnknownTypeLine(0xFE)}},
-        {"MinusOneRefused", Wire({Text(u"n"), Int(-1), Text(u"id")}), -1, "n|160|old-id", {kInvalidType}},
-        {"NameNull", Wire({Int(-1), Int(0x0E), Text(u"id")}), android::UNEXPECTED_NULL, "old|160|old-id",
+        {"Type0E", Wire("n", 0x0E, "id"), android::OK, "n|14|id", {}},
+        {"UpperBitsIgnored", Wire("n", 0x10E, "id"), android::OK, "n|14|id", {}},
+        {"TypeF1", Wire("", 0xF1, ""), android::OK, "|241|", {}},
+        {"UnknownOne", Wire("n", 1, "id"), android::OK, "n|0|id", {UnknownTypeLine(1)}},
+        {"MinusTwoIsUnknown", Wire("n", -2, "id"), android::OK, "n|0|id", {UnknownTypeLine(0xFE)}},
+        {"MinusOneRefused", Wire("n", -1, "id"), -1, "n|160|old-id", {kInvalidType}},
+        {"NameNull", Wire(-1, 0x0E, "id"), android::UNEXPECTED_NULL, "old|160|old-id",
          {"read name from parcel failed"}},
-        {"TypeMissing", Wire({Text(u"n")}), android::NOT_ENOUGH_DATA, "n|160|old-id", {"read deviceType from parcel failed"}},
-        {"NodeIdNull", Wire({Text(u"n"), Int(0x11), Int(-1)}), android::UNEXPECTED_NULL, "n|17|old-id",
+        {"TypeMissing", Wire("n"), android::NOT_ENOUGH_DATA, "n|160|old-id", {"read deviceType from parcel failed"}},
+        {"NodeIdNull", Wire("n", 0x11, -1), android::UNEXPECTED_NULL, "n|17|old-id",
          {"read nodeId from parcel failed"}},
     };
     for (const auto& c : cases) {
@@ -331,13 +323,6 @@ status_t ReadStatus(const Parcel& parcel) {
     return result;
 }
 
-template <typename T>
-Bytes Written(const T& value) {
-    Parcel parcel;
-    EXPECT_EQ(value.writeToParcel(&parcel), android::OK);
-    return Contents(parcel);
-}
-
 TEST(TruncationSweep, EveryPrefixFailsWithoutReadingPastIt) {
     const DeviceInfoExternal device("Ger\xC3\xA4t \xF0\x9F\x98\x80", "id-0123456789", "phone", "192.168.0.7");
     const NodeBasicInfoInner node("node \xE8\x8A\x82", Communication::DEVICE_TYPE_9C, "n-42");
@@ -381,8 +366,6 @@ TEST(TruncationSweep, EveryPrefixFailsWithoutReadingPastIt) {
 
 // ---- Text conversion: exactly as the genuine String16 and String8 ------------------
 
-std::string Raw(const Parcel& parcel) { return std::string(parcel.data(), parcel.data() + parcel.dataSize()); }
-
 // A field written for the wire: alone, and with another text in one step
 // (or refused with nothing written), as the platform's String16 would be.
 void ExpectConvertsLikeString16(const std::string& utf8) {
@@ -393,7 +376,7 @@ void ExpectConvertsLikeString16(const std::string& utf8) {
     Parcel platform;
     ASSERT_EQ(WriteUtf8AsString16(&ours, utf8), android::OK);
     platform.writeString16(genuine);
-    ASSERT_EQ(Raw(ours), Raw(platform)) << ::testing::PrintToString(utf8);
+    ASSERT_EQ(Contents(ours), Contents(platform)) << ::testing::PrintToString(utf8);
     const std::string* const texts[] = {&utf8, &utf8};
     if (!WriteUtf8sAsString16s(&ours, texts, 2)) {
         ASSERT_EQ(ours.dataSize(), platform.dataSize()) << ::testing::PrintToString(utf8);
@@ -402,7 +385,7 @@ void ExpectConvertsLikeString16(const std::string& utf8) {
     }
     platform.writeString16(genuine);
     platform.writeString16(genuine);
-    ASSERT_EQ(Raw(ours), Raw(platform)) << ::testing::PrintToString(utf8);
+    ASSERT_EQ(Contents(ours), Contents(platform)) << ::testing::PrintToString(utf8);
 }
 
 // A field read from the wire, as the platform's String8 would make it.

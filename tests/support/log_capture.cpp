@@ -2,6 +2,8 @@
 
 #include <android/log.h>
 
+#include <algorithm>
+
 namespace tivra_test {
 namespace {
 
@@ -28,20 +30,15 @@ std::vector<LogLine> LogCapture::Lines() const {
 }
 
 bool LogCapture::Contains(int priority, const std::string& text, const std::string& tag) const {
-    for (const LogLine& line : Lines()) {
-        if (line.priority == priority && line.tag == tag && line.text == text) {
-            return true;
-        }
-    }
-    return false;
+    const std::vector<LogLine> lines = Lines();
+    return std::any_of(lines.begin(), lines.end(), [&](const LogLine& line) {
+        return line.priority == priority && line.tag == tag && line.text == text;
+    });
 }
 
 size_t LogCapture::Count(const std::string& text) const {
-    size_t count = 0;
-    for (const LogLine& line : Lines()) {
-        count += line.text == text ? 1 : 0;
-    }
-    return count;
+    const std::vector<LogLine> lines = Lines();
+    return std::count_if(lines.begin(), lines.end(), [&](const LogLine& line) { return line.text == text; });
 }
 
 void LogCapture::Clear() {

@@ -47,7 +47,6 @@ public:
     bool KillService(pid_t service);
     // Kills the latest service, if any, and starts one with the same scenario.
     bool RestartService();
-    pid_t servicePid() const { return services_.empty() ? -1 : services_.back(); }
 
     // A client of the control interface registered now (Binder lookup).
     tivra_control::MonitorControlClient Control() const { return {}; }

@@ -5,7 +5,9 @@
 #include <initializer_list>
 #include <vector>
 
+#include <binder/IBinder.h>
 #include <binder/Parcel.h>
+#include <utils/String16.h>
 
 namespace tivra_test {
 
@@ -31,6 +33,29 @@ inline Bytes Le(std::initializer_list<int32_t> words) {
 inline Bytes Cat(Bytes a, const Bytes& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
+}
+
+// Values laid out by the platform's own parcel operations, one after another:
+// text as a String16, int as an int32, bool, a binder, or bytes as they are.
+inline void Put(android::Parcel& parcel, const char* text) { parcel.writeString16(android::String16(text)); }
+inline void Put(android::Parcel& parcel, int32_t value) { parcel.writeInt32(value); }
+inline void Put(android::Parcel& parcel, bool value) { parcel.writeBool(value); }
+inline void Put(android::Parcel& parcel, const android::sp<android::IBinder>& binder) { parcel.writeStrongBinder(binder); }
+inline void Put(android::Parcel& parcel, const Bytes& raw) { parcel.write(raw.data(), raw.size()); }
+
+template <typename... V>
+Bytes Wire(const V&... values) {
+    android::Parcel parcel;
+    (Put(parcel, values), ...);
+    return Contents(parcel);
+}
+
+// What a record's or a status's writeToParcel puts down.
+template <typename T>
+Bytes Written(const T& value) {
+    android::Parcel parcel;
+    value.writeToParcel(&parcel);
+    return Contents(parcel);
 }
 
 }  // namespace tivra_test
