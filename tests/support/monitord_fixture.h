@@ -38,6 +38,8 @@ public:
     bool ready() const { return binderd_.started(); }
     const std::string& error() const { return error_; }
     BinderdSession& binderd() { return binderd_; }
+    // The latest service's pid (-1: none), for measuring its CPU time.
+    pid_t servicePid() const { return services_.empty() ? -1 : services_.back(); }
 
     // Starts a service and waits until it has registered; one started before
     // keeps running. False, with error(), when it did not register.
