@@ -94,11 +94,6 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             std::lock_guard<std::mutex> lock(mLock);
             return reply->writeStrongBinder(mHeld);
         }
-        case kIsHeld: {
-            sp<IBinder> candidate = data.readStrongBinder();
-            std::lock_guard<std::mutex> lock(mLock);
-            return reply->writeBool(candidate != nullptr && candidate == mHeld);
-        }
         case kAnswerWith: {
             const status_t status = data.readInt32();
             reply->writeInt32(status);
@@ -131,14 +126,31 @@ std::thread::id TestListener::lastThread() const {
     return mLastThread;
 }
 
+int TestListener::eventsOf(int32_t stream) const {
+    std::lock_guard<std::mutex> lock(mLock);
+    auto it = mCounts.find(stream);
+    return it == mCounts.end() ? 0 : it->second;
+}
+
+int TestListener::orderViolations() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mViolations;
+}
+
 status_t TestListener::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
     if (code != kListenerEvent) {
         return BBinder::onTransact(code, data, reply, flags);
     }
     const int32_t value = data.readInt32();
+    const int32_t stream = value >> kSequenceBits;
+    const int32_t sequence = value & ((1 << kSequenceBits) - 1);
     {
         std::lock_guard<std::mutex> lock(mLock);
         mLastThread = std::this_thread::get_id();
+        auto last = mLastSequence.find(stream);
+        mViolations += last != mLastSequence.end() && sequence <= last->second ? 1 : 0;
+        mLastSequence[stream] = sequence;
+        ++mCounts[stream];
     }
     mLastValue = value;
     ++mEvents;

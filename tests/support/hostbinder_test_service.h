@@ -29,7 +29,6 @@ public:
         kHold,           // binder: keeps it
         kDrop,           // forgets the kept binder
         kGiveHeld,       // -> the kept binder
-        kIsHeld,         // binder -> bool whether it is the kept one (same proxy)
         kBlockOneway,    // one-way: blocks this node until release() is called
         kLookUpAndRecord, // one-way: a two-way service lookup first, then as kRecord
         kAnswerWith,     // int32 status -> that int32, and onTransact returns the status
@@ -53,11 +52,15 @@ private:
     android::sp<android::IBinder> mHeld;
 };
 
-// A client-side callback object: counts one-way events and answers two-way
-// calls with the value plus one, remembering the threads it ran on.
+// A client-side callback object. An event's value is a stream in its upper
+// bits and a sequence below (see eventValue): it counts the events of each
+// stream and those that arrived out of order, and answers a two-way event
+// with the value plus one.
 class TestListener : public android::BBinder {
 public:
     static constexpr uint32_t kListenerEvent = android::IBinder::FIRST_CALL_TRANSACTION;
+    static constexpr int kSequenceBits = 20;
+    static int32_t eventValue(int32_t stream, int32_t sequence) { return (stream << kSequenceBits) | sequence; }
 
     explicit TestListener(std::atomic<int>* liveCount = nullptr);
     ~TestListener() override;
@@ -65,6 +68,8 @@ public:
     int events() const { return mEvents; }
     int lastValue() const { return mLastValue; }
     std::thread::id lastThread() const;
+    int eventsOf(int32_t stream) const;
+    int orderViolations() const;
 
 protected:
     android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
@@ -76,6 +81,9 @@ private:
     std::atomic<int> mLastValue{0};
     mutable std::mutex mLock;
     std::thread::id mLastThread;
+    std::map<int32_t, int32_t> mLastSequence;
+    std::map<int32_t, int> mCounts;
+    int mViolations = 0;
 };
 
 // The name the tests register TestService under.
