@@ -47,14 +47,6 @@ std::pair<int32_t, int32_t> stats(const sp<IBinder>& service) {
     return {records, reply.readInt32()};
 }
 
-// A one-way record of `stream` for the service to check the order of.
-status_t record(const sp<IBinder>& service, int32_t stream, int32_t sequence, uint32_t code = TestService::kRecord) {
-    return call(service, code, [&](Parcel* p) {
-        p->writeInt32(stream);
-        p->writeInt32(sequence);
-    }, nullptr, IBinder::FLAG_ONEWAY);
-}
-
 class HostBinderIpc : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(session.started()) << session.error(); }
@@ -171,7 +163,10 @@ TEST_F(HostBinderIpc, CallsCarryDataStatusAndTheCallersIdentityWithOrWithoutACha
                 CHILD_CHECK(answered.readInt32() == std::max<status_t>(answer, OK));
             }
             // The service counts a one-way call served without a reply parcel as a violation.
-            CHILD_CHECK(record(service, channels ? 1 : 2, 0) == OK);
+            CHILD_CHECK(call(service, TestService::kRecord, [&](Parcel* p) {
+                p->writeInt32(channels ? 1 : 2);
+                p->writeInt32(0);
+            }, nullptr, IBinder::FLAG_ONEWAY) == OK);
             CHILD_CHECK(waitUntil([&] { return stats(service).first == (channels ? 1 : 2); }));
             CHILD_CHECK(stats(service).second == 0);
             // Outside any transaction, the caller is this process itself.
@@ -312,69 +307,22 @@ TEST_F(HostBinderIpc, ChainsOfNestedCallsAnswerEveryLevelAndSurviveTheLossOfBind
     expectChildPasses(a);
 }
 
-// An object goes from its owner to the service and on to a third process,
-// and comes back home as itself; the service knows it as one proxy, whoever
-// sent it; calls into the owner run on its thread pool.
-TEST_F(HostBinderIpc, BindersTravelBetweenThreeProcessesAndCallbacksRunOnTheOwnersPool) {
-    serve();
-    Channel ownerSays;
-    Channel thirdIsDone;
-    const pid_t owner = session.spawn([&ownerSays, &thirdIsDone] {
-        ProcessState::self()->startThreadPool();
-        sp<IBinder> service = lookUpTestService();
-        CHILD_CHECK(service == lookUpTestService());
-        sp<TestListener> object = new TestListener();
-        Parcel reply;
-        CHILD_CHECK(call(service, TestService::kAddListener, [&](Parcel* p) { p->writeStrongBinder(object); },
-                         &reply) == OK);
-        CHILD_CHECK(call(service, TestService::kNotify, [](Parcel* p) { p->writeInt32(99); }, &reply) == OK);
-        CHILD_CHECK(waitUntil([&] { return object->events() == 1; }));
-        CHILD_CHECK(object->lastValue() == 99 && object->lastThread() != std::this_thread::get_id());
-        CHILD_CHECK(call(service, TestService::kHold, [&](Parcel* p) { p->writeStrongBinder(object); }, &reply) == OK);
-        Parcel back;
-        CHILD_CHECK(call(service, TestService::kGiveHeld, nullptr, &back) == OK);
-        CHILD_CHECK(back.readStrongBinder().get() == object.get());
-        ownerSays.post("holding");
-        // Serving until the third process has its answer: the event is
-        // counted before the reply leaves this process.
-        CHILD_CHECK(thirdIsDone.next() == "done");
-        CHILD_CHECK(object->events() == 2);
-        return 0;
-    });
-    ASSERT_EQ(ownerSays.next(), "holding");
-    expectChildPasses(session.spawn([] {
-        sp<IBinder> service = lookUpTestService();
-        Parcel held;
-        CHILD_CHECK(call(service, TestService::kGiveHeld, nullptr, &held) == OK);
-        sp<IBinder> object = held.readStrongBinder();
-        CHILD_CHECK(object != nullptr && object->remoteBinder() != nullptr);
-        Parcel answer;
-        CHILD_CHECK(call(object, TestListener::kListenerEvent, [](Parcel* p) { p->writeInt32(5); }, &answer) == OK);
-        CHILD_CHECK(answer.readInt32() == 6);
-        Parcel removed;
-        CHILD_CHECK(call(service, TestService::kRemoveListener, [&](Parcel* p) { p->writeStrongBinder(object); },
-                         &removed) == OK);
-        CHILD_CHECK(removed.readBool());
-        return 0;
-    }));
-    thirdIsDone.post("done");
-    expectChildPasses(owner);
-}
-
 // Tells, when it goes, how many events it ran, or -1 when some came out of order.
 class ReportingListener : public TestListener {
 public:
     ReportingListener(std::atomic<int>* live, std::atomic<int>* report) : TestListener(live), mReport(report) {}
-    ~ReportingListener() override { *mReport = orderViolations() == 0 ? events() : -1; }
+    ~ReportingListener() override { *mReport = heard().order.violations == 0 ? heard().order.total : -1; }
 
 private:
     std::atomic<int>* const mReport;
 };
 
-// The owner holds no reference of its own: its object lives while a remote
-// reference does, and goes once the last holder dropped it or died; one-way
-// calls sent just before the last reference goes still reach it, in order.
-TEST_F(HostBinderIpc, RemoteReferencesKeepAnObjectAliveUntilDroppedOrTheHolderDies) {
+// An object goes from its owner to the service, which gives it back as the
+// object itself, and on to a third process. The owner holds no reference of
+// its own: the object lives while a remote reference does, and goes once the
+// last holder dropped it or died; one-way calls sent just before the last
+// reference goes still reach it, in order.
+TEST_F(HostBinderIpc, BindersTravelAndLiveUntilTheLastRemoteReferenceIsDroppedOrItsHolderDies) {
     constexpr int kEvents = 300;
     const pid_t service = serve();
     Channel held;
@@ -384,10 +332,15 @@ TEST_F(HostBinderIpc, RemoteReferencesKeepAnObjectAliveUntilDroppedOrTheHolderDi
         std::atomic<int> live{0};
         std::atomic<int> report{0};
         auto handOver = [&] {
-            Parcel ignored;
             sp<IBinder> object = new ReportingListener(&live, &report);
-            CHILD_CHECK(call(lookUpTestService(), TestService::kHold, [&](Parcel* p) { p->writeStrongBinder(object); },
-                             &ignored) == OK);
+            Parcel reply;
+            CHILD_CHECK(call(lookUpTestService(), TestService::kAddListener,
+                             [&](Parcel* p) { p->writeStrongBinder(object); }, &reply) == OK);
+            CHILD_CHECK(call(lookUpTestService(), TestService::kGiveListener, nullptr, &reply) == OK);
+            CHILD_CHECK(reply.readStrongBinder() == object);
+            // binderd keeps a binder it handed to this thread until the
+            // thread's next frame: a lookup.
+            CHILD_CHECK(lookUpTestService() != nullptr);
             object.clear();
             // Checked before the test hears of it and acts.
             CHILD_CHECK(live == 1);
@@ -407,10 +360,10 @@ TEST_F(HostBinderIpc, RemoteReferencesKeepAnObjectAliveUntilDroppedOrTheHolderDi
     expectChildPasses(session.spawn([] {
         sp<IBinder> service = lookUpTestService();
         Parcel reply;
-        CHILD_CHECK(call(service, TestService::kGiveHeld, nullptr, &reply) == OK);
+        CHILD_CHECK(call(service, TestService::kGiveListener, nullptr, &reply) == OK);
         sp<IBinder> object = reply.readStrongBinder();
-        CHILD_CHECK(object != nullptr);
-        CHILD_CHECK(call(service, TestService::kDrop, nullptr, &reply) == OK);
+        CHILD_CHECK(object != nullptr && object->remoteBinder() != nullptr);
+        CHILD_CHECK(call(service, TestService::kDropListeners, nullptr, &reply) == OK);
         for (int i = 0; i < kEvents; ++i) {
             CHILD_CHECK(call(object, TestListener::kListenerEvent, [i](Parcel* p) { p->writeInt32(i); }, nullptr,
                              IBinder::FLAG_ONEWAY) == OK);
@@ -494,7 +447,8 @@ TEST_F(HostBinderIpc, OversizedTransactionsAndOneWayFloodsFailWithFailedTransact
 // process keeps registering and dropping listeners that the service
 // notifies: every reply must be the right one, one-way calls must keep their
 // order per stream (also behind a two-way call the service makes while later
-// ones wait for its thread), and references must still be released.
+// ones wait for its thread), notices run on the listener's pool and
+// references must still be released.
 TEST_F(HostBinderIpc, ConcurrentCallsAndListenerChurnKeepRepliesOneWayOrderAndReferences) {
     constexpr int kClients = 4;
     constexpr int kThreads = 4;
@@ -525,23 +479,39 @@ TEST_F(HostBinderIpc, ConcurrentCallsAndListenerChurnKeepRepliesOneWayOrderAndRe
     std::vector<pid_t> workers;
     for (int client = 0; client < kClients; ++client) {
         // Echoes whose replies must be byte-exact copies of their requests,
-        // each followed by a one-way record of the thread's stream.
+        // each followed by a one-way record of the process's stream. Its
+        // threads take turns on the stream: a record goes once the one
+        // before returned, whichever thread sent that, paid from credit or
+        // through binderd (a binder or a large payload gives the credit back).
         workers.push_back(onThreads(kThreads, false, [client](const sp<IBinder>& service, int thread) {
-            const int32_t stream = client * kThreads + thread;
+            static std::mutex turn;
+            static int32_t next = 0;
+            const sp<IBinder> token = new BBinder();
+            const std::vector<uint8_t> large(64 * 1024, 1);
             for (int32_t i = 0; i < kCalls; ++i) {
                 Parcel request;
-                request.writeInt32(stream);
-                request.writeString16(String16(("call " + std::to_string(stream) + "/" + std::to_string(i)).c_str()));
+                request.writeInt32(thread);
+                request.writeString16(String16(("call " + std::to_string(thread) + "/" + std::to_string(i)).c_str()));
                 // Sizes vary so that frames of different threads interleave unevenly.
-                const std::vector<uint8_t> blob(static_cast<size_t>((stream * 131 + i * 17) % 3000),
-                                                static_cast<uint8_t>(stream * 7 + i));
+                const std::vector<uint8_t> blob(static_cast<size_t>((thread * 131 + i * 17) % 3000),
+                                                static_cast<uint8_t>(thread * 7 + i));
                 request.write(blob.data(), blob.size());
                 Parcel reply;
                 CHILD_CHECK(service->transact(TestService::kEcho, request, &reply) == OK);
                 CHILD_CHECK(reply.dataSize() == request.dataSize());
                 CHILD_CHECK(std::memcmp(reply.data(), request.data(), request.dataSize()) == 0);
-                CHILD_CHECK(record(service, stream, i, i % 5 == 3 ? TestService::kLookUpAndRecord
-                                                                  : TestService::kRecord) == OK);
+                std::lock_guard<std::mutex> hold(turn);
+                const uint32_t code = next % 5 == 3 ? TestService::kLookUpAndRecord : TestService::kRecord;
+                CHILD_CHECK(call(service, code, [&](Parcel* p) {
+                    p->writeInt32(client);
+                    p->writeInt32(next);
+                    if (next % 50 == 20) {
+                        p->writeStrongBinder(token);
+                    } else if (next % 50 == 45) {
+                        p->write(large.data(), large.size());
+                    }
+                }, nullptr, IBinder::FLAG_ONEWAY) == OK);
+                ++next;
             }
         }));
     }
@@ -561,11 +531,12 @@ TEST_F(HostBinderIpc, ConcurrentCallsAndListenerChurnKeepRepliesOneWayOrderAndRe
                 CHILD_CHECK(call(service, TestService::kNotify, [&](Parcel* p) { p->writeInt32(value); }, &reply) ==
                             OK);
             }
-            CHILD_CHECK(waitUntil([&] { return listener->eventsOf(stream) == kNotifies; }, 30s));
+            CHILD_CHECK(waitUntil([&] { return listener->heard().order.countOf(stream) == kNotifies; }, 30s));
             CHILD_CHECK(call(service, TestService::kRemoveListener, [&](Parcel* p) { p->writeStrongBinder(listener); },
                              &reply) == OK);
             CHILD_CHECK(reply.readBool());
-            CHILD_CHECK(listener->orderViolations() == 0);
+            const TestListener::Heard heard = listener->heard();
+            CHILD_CHECK(heard.order.violations == 0 && heard.lastThread != std::this_thread::get_id());
             listener.clear();
             // The service and binderd may still hold it for a notice in flight.
             CHILD_CHECK(waitUntil([&] { return live == 0; }, 30s));

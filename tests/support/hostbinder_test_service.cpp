@@ -14,6 +14,19 @@ using android::Parcel;
 using android::sp;
 using android::status_t;
 
+void StreamOrder::note(int32_t stream, int32_t sequence, bool wrong) {
+    auto [it, first] = streams.try_emplace(stream, sequence, 0);
+    violations += wrong || (!first && sequence != it->second.first + 1) ? 1 : 0;
+    it->second.first = sequence;
+    ++it->second.second;
+    ++total;
+}
+
+int StreamOrder::countOf(int32_t stream) const {
+    auto it = streams.find(stream);
+    return it == streams.end() ? 0 : it->second.second;
+}
+
 const android::String16& TestService::getInterfaceDescriptor() const {
     static const android::String16 descriptor("tivra.test.IService");
     return descriptor;
@@ -34,18 +47,14 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             const int32_t stream = data.readInt32();
             const int32_t sequence = data.readInt32();
             std::lock_guard<std::mutex> lock(mLock);
-            auto last = mLastSequence.find(stream);
-            const int32_t expected = last == mLastSequence.end() ? 0 : last->second + 1;
             // A one-way call is served with a reply parcel all the same.
-            mViolations += sequence != expected || reply == nullptr ? 1 : 0;
-            mLastSequence[stream] = sequence;
-            ++mRecords;
+            mRecords.note(stream, sequence, reply == nullptr);
             return OK;
         }
         case kStats: {
             std::lock_guard<std::mutex> lock(mLock);
-            reply->writeInt32(mRecords);
-            return reply->writeInt32(mViolations);
+            reply->writeInt32(mRecords.total);
+            return reply->writeInt32(mRecords.violations);
         }
         case kAddListener: {
             sp<IBinder> listener;
@@ -81,18 +90,14 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             }
             return reply->writeInt32(notified);
         }
-        case kHold: {
+        case kGiveListener: {
             std::lock_guard<std::mutex> lock(mLock);
-            return data.readStrongBinder(&mHeld);
+            return reply->writeStrongBinder(mListeners.empty() ? nullptr : mListeners.back());
         }
-        case kDrop: {
+        case kDropListeners: {
             std::lock_guard<std::mutex> lock(mLock);
-            mHeld.clear();
+            mListeners.clear();
             return OK;
-        }
-        case kGiveHeld: {
-            std::lock_guard<std::mutex> lock(mLock);
-            return reply->writeStrongBinder(mHeld);
         }
         case kAnswerWith: {
             const status_t status = data.readInt32();
@@ -109,52 +114,15 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
     }
 }
 
-TestListener::TestListener(std::atomic<int>* liveCount) : mLiveCount(liveCount) {
-    if (mLiveCount != nullptr) {
-        ++*mLiveCount;
-    }
-}
-
-TestListener::~TestListener() {
-    if (mLiveCount != nullptr) {
-        --*mLiveCount;
-    }
-}
-
-std::thread::id TestListener::lastThread() const {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mLastThread;
-}
-
-int TestListener::eventsOf(int32_t stream) const {
-    std::lock_guard<std::mutex> lock(mLock);
-    auto it = mCounts.find(stream);
-    return it == mCounts.end() ? 0 : it->second;
-}
-
-int TestListener::orderViolations() const {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mViolations;
-}
-
 status_t TestListener::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
     if (code != kListenerEvent) {
         return BBinder::onTransact(code, data, reply, flags);
     }
     const int32_t value = data.readInt32();
-    const int32_t stream = value >> kSequenceBits;
-    const int32_t sequence = value & ((1 << kSequenceBits) - 1);
-    {
-        std::lock_guard<std::mutex> lock(mLock);
-        mLastThread = std::this_thread::get_id();
-        auto last = mLastSequence.find(stream);
-        mViolations += last != mLastSequence.end() && sequence <= last->second ? 1 : 0;
-        mLastSequence[stream] = sequence;
-        ++mCounts[stream];
-    }
-    mLastValue = value;
-    ++mEvents;
-    return reply == nullptr ? OK : reply->writeInt32(value + 1);
+    std::lock_guard<std::mutex> lock(mLock);
+    mHeard.lastThread = std::this_thread::get_id();
+    mHeard.order.note(value >> kSequenceBits, value & ((1 << kSequenceBits) - 1));
+    return OK;
 }
 
 const android::String16 kTestServiceName("tivra.test.service");
