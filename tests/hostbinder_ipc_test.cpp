@@ -66,12 +66,33 @@ protected:
     Channel events;
 };
 
-TEST_F(HostBinderIpc, ServiceManagerRegistersListsAndForgetsServicesOfDeadProcesses) {
+TEST_F(HostBinderIpc, ServiceManagerWaitsForLaterNamesRefusesTakenOnesAndForgetsThoseOfDeadProcesses) {
+    Channel waiting;
+    std::vector<pid_t> clients;
+    enum Wait { kGet, kNotified, kNeverNotified };
+    for (Wait wait : {kGet, kNotified, kNeverNotified}) {
+        clients.push_back(session.spawn([&waiting, wait] {
+            // No thread pool started: binderd asks for the thread that hears
+            // of the name, unless none may be made; then the notice never
+            // comes and the wait finds the name by looking again.
+            if (wait == kNeverNotified) {
+                ProcessState::self()->setThreadPoolMaxThreadCount(0);
+            }
+            CHILD_CHECK(lookUpTestService() == nullptr);
+            waiting.post("looking");
+            const sp<IServiceManager> manager = defaultServiceManager();
+            CHILD_CHECK((wait == kGet ? manager->getService(kTestServiceName)
+                                      : manager->waitForService(kTestServiceName)) != nullptr);
+            return 0;
+        }));
+        ASSERT_EQ(waiting.next(), "looking");
+    }
     const pid_t service = serve();
+    for (pid_t client : clients) {
+        expectChildPasses(client);
+    }
     expectChildPasses(session.spawn([] {
         sp<IServiceManager> manager = defaultServiceManager();
-        CHILD_CHECK(manager->checkService(kTestServiceName) != nullptr);
-        CHILD_CHECK(manager->getService(kTestServiceName) != nullptr);
         CHILD_CHECK(manager->checkService(String16("tivra.test.absent")) == nullptr);
         const Vector<String16> names = manager->listServices();
         CHILD_CHECK(names.size() == 1 && names[0] == kTestServiceName);
@@ -95,35 +116,6 @@ TEST_F(HostBinderIpc, ServiceManagerRegistersListsAndForgetsServicesOfDeadProces
         CHILD_CHECK(defaultServiceManager()->listServices().size() == 0);
         return 0;
     }));
-}
-
-TEST_F(HostBinderIpc, GetServiceAndWaitForServiceWaitForALaterRegistrationButCheckServiceDoesNot) {
-    Channel waiting;
-    std::vector<pid_t> clients;
-    enum Wait { kGet, kNotified, kNeverNotified };
-    for (Wait wait : {kGet, kNotified, kNeverNotified}) {
-        clients.push_back(session.spawn([&waiting, wait] {
-            // No thread pool started: binderd asks for the thread that hears
-            // of the name, unless none may be made; then the notice never
-            // comes and the wait finds the name by looking again.
-            if (wait == kNeverNotified) {
-                ProcessState::self()->setThreadPoolMaxThreadCount(0);
-            }
-            CHILD_CHECK(lookUpTestService() == nullptr);
-            waiting.post("looking");
-            const sp<IServiceManager> manager = defaultServiceManager();
-            CHILD_CHECK((wait == kGet ? manager->getService(kTestServiceName)
-                                      : manager->waitForService(kTestServiceName)) != nullptr);
-            return 0;
-        }));
-    }
-    for (size_t i = 0; i < clients.size(); ++i) {
-        ASSERT_EQ(waiting.next(), "looking");
-    }
-    serve();
-    for (pid_t client : clients) {
-        expectChildPasses(client);
-    }
 }
 
 // Calls served over a direct channel and, when the caller has no descriptor
@@ -177,11 +169,11 @@ TEST_F(HostBinderIpc, CallsCarryDataStatusAndTheCallersIdentityWithOrWithoutACha
 }
 
 // One hop of a call chain through three processes. A call carries the calls
-// left to make, the index of the next hop, whether the last hop stalls, and
-// the three hops. A hop calls the next one and answers with the answer it got
-// plus its mark and level, and "!" when it ran on another thread than the one
-// its process waits on in the chain. A hop that rejoins waits, once its call
-// found binderd gone, for the next binderd and registers itself there.
+// left to make, the index of the next hop and the three hops. A hop calls the
+// next one and answers with the answer it got plus its mark and level, and
+// "!" when it ran on another thread than the one its process waits on in the
+// chain. The hop given `deep` stalls at the end of the second chain. The hop
+// given `home` registers itself again, once its call found binderd gone.
 class ChainHop : public BBinder {
 public:
     static constexpr uint32_t kHop = IBinder::FIRST_CALL_TRANSACTION;
@@ -192,11 +184,10 @@ public:
 
     static String16 name(char mark) { return String16((std::string("tivra.test.hop.") + mark).c_str()); }
 
-    // The request for the hop after `next`, with `left` calls to go.
-    static void fill(Parcel* p, int32_t left, int32_t next, int32_t stall, const std::vector<sp<IBinder>>& hops) {
+    // A request with `left` calls to go, the first to hops[next].
+    static void fill(Parcel* p, int32_t left, int32_t next, const std::vector<sp<IBinder>>& hops) {
         p->writeInt32(left);
         p->writeInt32(next);
-        p->writeInt32(stall);
         for (const sp<IBinder>& hop : hops) {
             p->writeStrongBinder(hop);
         }
@@ -209,49 +200,40 @@ protected:
         }
         const int32_t left = data.readInt32();
         const int32_t next = data.readInt32();
-        const int32_t stall = data.readInt32();
         std::vector<sp<IBinder>> hops(3);
         for (sp<IBinder>& hop : hops) {
-            if (data.readStrongBinder(&hop) != OK) {
-                return BAD_VALUE;
-            }
+            hop = data.readStrongBinder();
         }
-        const bool home = enter();
+        if (mActive++ == 0) {
+            mHome = mFixedHome == std::thread::id() ? std::this_thread::get_id() : mFixedHome;
+        }
+        const bool home = std::this_thread::get_id() == mHome.load();
         String16 answer;
         status_t status = OK;
         if (left > 0) {
             Parcel back;
-            status = call(hops[next], kHop, [&](Parcel* p) { fill(p, left - 1, (next + 1) % 3, stall, hops); }, &back);
+            status = call(hops[next], kHop, [&](Parcel* p) { fill(p, left - 1, (next + 1) % 3, hops); }, &back);
             answer = back.readString16();
             if (status == DEAD_OBJECT && mFixedHome != std::thread::id()) {
                 waitUntil([this] { return defaultServiceManager()->addService(name(mMark), this) == OK; });
             }
-        } else if (stall != 0 && mDeep != nullptr) {
+        } else if (mDeep != nullptr && ++mChainEnds == 2) {
             mDeep->post("deep");
             mRelease->next(20s);
         }
-        std::lock_guard<std::mutex> lock(mLock);
         --mActive;
         answer += String16((std::string(1, mMark) + std::to_string(left) + (home ? "" : "!")).c_str());
         return status != OK ? status : reply->writeString16(answer);
     }
 
 private:
-    bool enter() {
-        std::lock_guard<std::mutex> lock(mLock);
-        if (mActive++ == 0) {
-            mHome = mFixedHome == std::thread::id() ? std::this_thread::get_id() : mFixedHome;
-        }
-        return std::this_thread::get_id() == mHome;
-    }
-
     const char mMark;
-    const std::thread::id mFixedHome;  // given only to the hop that rejoins
+    const std::thread::id mFixedHome;
     Channel* const mDeep;
     Channel* const mRelease;
-    std::mutex mLock;
-    int mActive = 0;
-    std::thread::id mHome;
+    std::atomic<int> mActive{0};
+    std::atomic<int> mChainEnds{0};
+    std::atomic<std::thread::id> mHome;
 };
 
 class CountingRecipient : public IBinder::DeathRecipient {
@@ -287,13 +269,13 @@ TEST_F(HostBinderIpc, ChainsOfNestedCallsAnswerEveryLevelAndSurviveTheLossOfBind
         CHILD_CHECK(hops[1]->linkToDeath(recipient) == OK);
         // Eight calls, from here to B, C, A, B, C, A, B and C.
         Parcel answer;
-        CHILD_CHECK(call(hops[1], ChainHop::kHop, [&](Parcel* p) { ChainHop::fill(p, 7, 2, 0, hops); }, &answer) == OK);
+        CHILD_CHECK(call(hops[1], ChainHop::kHop, [&](Parcel* p) { ChainHop::fill(p, 7, 2, hops); }, &answer) == OK);
         CHILD_CHECK(answer.readString16() == String16("C0B1A2C3B4A5C6B7"));
         // binderd goes while the chain stands at its deepest: each level
         // fails, also after the levels here that answer later reconnected to
         // the next binderd, and the session they made stands. Proxies of the
         // old session are dead for good and their watchers hear it once.
-        CHILD_CHECK(call(hops[1], ChainHop::kHop, [&](Parcel* p) { ChainHop::fill(p, 7, 2, 1, hops); }, &answer) ==
+        CHILD_CHECK(call(hops[1], ChainHop::kHop, [&](Parcel* p) { ChainHop::fill(p, 7, 2, hops); }, &answer) ==
                     DEAD_OBJECT);
         CHILD_CHECK(lookUpTestService(ChainHop::name('A')) != nullptr);
         CHILD_CHECK(waitUntil([&] { return recipient->deaths == 1; }));
