@@ -57,13 +57,9 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             return reply->writeInt32(mRecords.violations);
         }
         case kAddListener: {
-            sp<IBinder> listener;
-            if (status_t status = data.readStrongBinder(&listener); status != OK) {
-                return status;
-            }
             std::lock_guard<std::mutex> lock(mLock);
-            mListeners.push_back(listener);
-            return reply->writeInt32(static_cast<int32_t>(mListeners.size()));
+            mListeners.push_back(data.readStrongBinder());
+            return OK;
         }
         case kRemoveListener: {
             sp<IBinder> listener = data.readStrongBinder();
@@ -82,13 +78,12 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
                 std::lock_guard<std::mutex> lock(mLock);
                 listeners = mListeners;
             }
-            int32_t notified = 0;
             for (const sp<IBinder>& listener : listeners) {
                 Parcel event;
                 event.writeInt32(value);
-                notified += listener->transact(TestListener::kListenerEvent, event, nullptr, FLAG_ONEWAY) == OK;
+                listener->transact(TestListener::kListenerEvent, event, nullptr, FLAG_ONEWAY);
             }
-            return reply->writeInt32(notified);
+            return OK;
         }
         case kGiveListener: {
             std::lock_guard<std::mutex> lock(mLock);

@@ -34,9 +34,9 @@ public:
         kWhoCalls,       // -> int32 pid, int32 uid of the caller
         kRecord,         // one-way: int32 stream, int32 sequence (must grow by one per stream; a reply parcel given)
         kStats,          // -> int32 records, int32 order violations
-        kAddListener,    // binder: keeps it -> int32 listener count
+        kAddListener,    // binder: keeps it
         kRemoveListener, // binder -> bool whether it was kept (same proxy)
-        kNotify,         // int32 value: one-way kListenerEvent to every listener -> int32 count
+        kNotify,         // int32 value: one-way kListenerEvent to every listener
         kGiveListener,   // -> the newest listener
         kDropListeners,  // forgets every listener
         kBlockOneway,    // one-way: blocks this node until release() is called
