@@ -304,19 +304,17 @@ private:
 
 // An object goes from its owner to the service, which gives it back as the
 // object itself, and on to a third process. The owner holds no reference of
-// its own: the object lives while a remote reference does, and goes once the
-// last holder dropped it or died; one-way calls sent just before the last
-// reference goes still reach it, in order.
-TEST_F(HostBinderIpc, BindersTravelAndLiveUntilTheLastRemoteReferenceIsDroppedOrItsHolderDies) {
+// its own: the object lives until the last remote reference is dropped, and
+// one-way calls sent just before that still reach it, in order.
+TEST_F(HostBinderIpc, BindersTravelAndLiveUntilTheLastRemoteReferenceIsDropped) {
     constexpr int kEvents = 300;
-    const pid_t service = serve();
+    serve();
     Channel held;
-    Channel counted;
-    const pid_t owner = session.spawn([&held, &counted] {
+    const pid_t owner = session.spawn([&held] {
         ProcessState::self()->startThreadPool();
         std::atomic<int> live{0};
         std::atomic<int> report{0};
-        auto handOver = [&] {
+        {
             sp<IBinder> object = new ReportingListener(&live, &report);
             Parcel reply;
             CHILD_CHECK(call(lookUpTestService(), TestService::kAddListener,
@@ -326,17 +324,12 @@ TEST_F(HostBinderIpc, BindersTravelAndLiveUntilTheLastRemoteReferenceIsDroppedOr
             // binderd keeps a binder it handed to this thread until the
             // thread's next frame: a lookup.
             CHILD_CHECK(lookUpTestService() != nullptr);
-            object.clear();
-            // Checked before the test hears of it and acts.
-            CHILD_CHECK(live == 1);
-            held.post("held");
-        };
-        handOver();
+        }
+        // Checked before the test hears of it and acts.
+        CHILD_CHECK(live == 1);
+        held.post("held");
         CHILD_CHECK(waitUntil([&] { return live == 0; }, 20s));
         CHILD_CHECK(report == kEvents);
-        CHILD_CHECK(counted.next() == "counted");
-        handOver();
-        CHILD_CHECK(waitUntil([&] { return live == 0; }));
         return 0;
     });
     ASSERT_EQ(held.next(), "held");
@@ -356,14 +349,10 @@ TEST_F(HostBinderIpc, BindersTravelAndLiveUntilTheLastRemoteReferenceIsDroppedOr
         object.clear();
         return 0;
     }));
-    counted.post("counted");
-    // The holder is killed now; its reference goes with it.
-    ASSERT_EQ(held.next(), "held");
-    session.kill(service, SIGKILL);
     expectChildPasses(owner);
 }
 
-TEST_F(HostBinderIpc, PeersKilledMidCallLeaveTheOtherStandingAndAServicesDeathFailsCallsAndIsReportedOnce) {
+TEST_F(HostBinderIpc, PeersKilledMidCallLeaveTheOtherStandingAndAServicesDeathFailsCallsIsReportedOnceAndDropsItsReferences) {
     Channel release;
     const pid_t service = serve(kTestServiceName, &release);
     // The caller dies while its call runs in the service, which answers into
@@ -379,15 +368,19 @@ TEST_F(HostBinderIpc, PeersKilledMidCallLeaveTheOtherStandingAndAServicesDeathFa
     release.post("go");
     const pid_t client = session.spawn([] {
         sp<IBinder> target = lookUpTestService();
+        // An object of this process that the service holds goes with it.
+        std::atomic<int> live{0};
+        Parcel reply;
+        CHILD_CHECK(call(target, TestService::kAddListener,
+                         [&](Parcel* p) { p->writeStrongBinder(new TestListener(&live)); }, &reply) == OK);
         sp<CountingRecipient> first = new CountingRecipient();
         sp<CountingRecipient> second = new CountingRecipient();
         CHILD_CHECK(target->linkToDeath(first) == OK);
         CHILD_CHECK(target->linkToDeath(second) == OK);
         CHILD_CHECK(target->isBinderAlive() && target->pingBinder() == OK);
         // The service dies while this call runs in it.
-        Parcel reply;
         CHILD_CHECK(call(target, TestService::kBlockOneway, nullptr, &reply) == DEAD_OBJECT);
-        CHILD_CHECK(waitUntil([&] { return first->deaths == 1 && second->deaths == 1; }));
+        CHILD_CHECK(waitUntil([&] { return first->deaths == 1 && second->deaths == 1 && live == 0; }));
         CHILD_CHECK(first->thread.load() != std::this_thread::get_id());
         CHILD_CHECK(call(target, TestService::kEcho, nullptr, &reply) == DEAD_OBJECT);
         CHILD_CHECK(!target->isBinderAlive());
