@@ -22,6 +22,7 @@
 #include "binderd_fixture.h"
 #include "hostbinder_test_service.h"
 #include "log_capture.h"
+#include "protocol/Protocol.h"
 
 namespace {
 
@@ -431,13 +432,13 @@ TEST_F(HostBinderIpc, ConcurrentCallsAndListenerChurnKeepRepliesOneWayOrderAndRe
         // Echoes whose replies must be byte-exact copies of their requests,
         // each followed by a one-way record of the process's stream. Its
         // threads take turns on the stream: a record goes once the one
-        // before returned, whichever thread sent that, paid from credit or
-        // through binderd (a binder or a large payload gives the credit back).
+        // before returned, whichever thread sent that, over the channel or,
+        // with a binder or too large for it, through binderd behind them.
         workers.push_back(onThreads(kThreads, false, [client](const sp<IBinder>& service, int thread) {
             static std::mutex turn;
             static int32_t next = 0;
             const sp<IBinder> token = new BBinder();
-            const std::vector<uint8_t> large(64 * 1024, 1);
+            const std::vector<uint8_t> large(hostbinder::kMaxDirectOnewayBytes + 1, 1);
             for (int32_t i = 0; i < kCalls; ++i) {
                 Parcel request;
                 request.writeInt32(thread);
