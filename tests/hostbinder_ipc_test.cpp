@@ -394,6 +394,32 @@ TEST_F(HostBinderIpc, PeersKilledMidCallLeaveTheOtherStandingAndAServicesDeathFa
     expectChildPasses(client);
 }
 
+// The node is stuck in its first one-way call, so later ones queue up in
+// binderd until the per-process half-buffer bound refuses them; the credit
+// the sender holds must go back first, or fewer would fit.
+TEST_F(HostBinderIpc, OneWayFloodsFailWithFailedTransactionOnceTheyFillHalfTheBuffer) {
+    Channel release;
+    serve(kTestServiceName, &release);
+    expectChildPasses(session.spawn([&release] {
+        sp<IBinder> service = lookUpTestService();
+        CHILD_CHECK(call(service, TestService::kBlockOneway, nullptr, nullptr, IBinder::FLAG_ONEWAY) == OK);
+        const std::vector<uint8_t> chunk(100 * 1024, 0x5a);
+        int accepted = 0;
+        status_t status = OK;
+        while (status == OK && accepted < 100) {
+            status = call(service, TestService::kRecord, [&](Parcel* p) { p->write(chunk.data(), chunk.size()); },
+                          nullptr, IBinder::FLAG_ONEWAY);
+            accepted += status == OK;
+        }
+        CHILD_CHECK(status == FAILED_TRANSACTION);
+        CHILD_CHECK(accepted == 5);
+        release.post("go");
+        Parcel reply;
+        CHILD_CHECK(call(service, TestService::kEcho, nullptr, &reply) == OK);
+        return 0;
+    }));
+}
+
 // Many threads in many processes call one service at once, while another
 // process keeps registering and dropping listeners that the service
 // notifies: every reply must be the right one, one-way calls must keep their
