@@ -1,7 +1,7 @@
 // Code that the platform's AIDL compiler generated from tests/aidl, against a
 // peer written by hand on hostbinder's Parcel in another process, both ways:
 // the generated proxy calls the hand-written stub, and the hand-written proxy
-// calls the generated stub. Each generated path runs once.
+// calls the generated stub. Both clients make the same calls, from one table.
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
@@ -13,7 +13,7 @@
 #include <utils/String8.h>
 
 #include <functional>
-#include <mutex>
+#include <future>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -48,10 +48,30 @@ struct Fields {
 
 const Fields kSample{7, "Ger\xC3\xA4t", std::nullopt, {"a", "\xE2\x82\xAC"}};
 
-Fields WithNote(Fields fields, std::optional<std::string> note) {
-    fields.note = std::move(note);
-    return fields;
-}
+// The echo calls both clients make, and what every peer answers (IPeer.aidl).
+struct Echo {
+    std::optional<Fields> sample;
+    std::optional<std::string> note;
+    int32_t codes;  // the size of the out vector
+
+    std::optional<Fields> Answer() const {
+        std::optional<Fields> answer = sample;
+        if (answer) answer->note = note;
+        return answer;
+    }
+    std::vector<int32_t> Codes() const {
+        std::vector<int32_t> codes;
+        for (int32_t i = 0; i < this->codes; ++i) codes.push_back((sample ? sample->id : 0) + i);
+        return codes;
+    }
+};
+
+const Echo kEchoes[] = {
+    {kSample, "n", 3},
+    {Fields{-1, "x", "y", {}}, std::nullopt, 1},
+    {std::nullopt, "n", 2},
+    {std::nullopt, std::nullopt, 0},
+};
 
 // ---- The peer written by hand ------------------------------------------------
 
@@ -112,86 +132,82 @@ protected:
     status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
         if (code < kEcho || code > kPost) return BBinder::onTransact(code, data, reply, flags);
         if (!data.enforceInterface(kPeerDescriptor)) return BAD_TYPE;
-        std::optional<Fields> sample;
+        Echo echo;
         sp<IBinder> first;
         sp<IBinder> second;
         switch (code) {
-            case kEcho: {
-                if (!ReadSample(data, &sample)) return BAD_VALUE;
-                const std::optional<std::string> note = ReadText(data);
-                const int32_t codes = data.readInt32();
+            case kEcho:
+                if (!ReadSample(data, &echo.sample)) return BAD_VALUE;
+                echo.note = ReadText(data);
+                echo.codes = data.readInt32();
                 reply->writeInt32(Status::EX_NONE);
-                WriteSample(*reply, sample ? std::optional(WithNote(*sample, note)) : std::nullopt);
-                reply->writeInt32(codes);
-                for (int32_t i = 0; i < codes; ++i) reply->writeInt32((sample ? sample->id : 0) + i);
+                WriteSample(*reply, echo.Answer());
+                reply->writeInt32(echo.codes);
+                for (int32_t code : echo.Codes()) reply->writeInt32(code);
                 return OK;
-            }
             case kPick:
                 data.readStrongBinder(&first);
                 data.readNullableStrongBinder(&second);
                 reply->writeInt32(Status::EX_NONE);
                 return reply->writeStrongBinder(second);
             default: {
-                if (data.readStrongBinder(&first) != OK || !ReadSample(data, &sample)) return BAD_VALUE;
+                if (data.readStrongBinder(&first) != OK || !ReadSample(data, &echo.sample)) return BAD_VALUE;
                 Parcel call;
                 call.writeInterfaceToken(kCallbackDescriptor);
-                WriteSample(call, sample);
+                WriteSample(call, echo.sample);
                 return first->transact(kOnSample, call, nullptr, IBinder::FLAG_ONEWAY);
             }
         }
     }
 };
 
-// Keeps the samples that reach it, from either kind of proxy.
-class SampleLog {
-public:
-    void Add(const Fields& sample) {
-        std::lock_guard<std::mutex> lock(mLock);
-        mSamples.push_back(sample);
+// Hands the one sample that reaches it, from either kind of proxy, to the client.
+struct OneSample {
+    bool Got(const Fields& expected) {
+        return future.wait_for(std::chrono::seconds(10)) == std::future_status::ready && future.get() == expected;
     }
-    std::vector<Fields> Samples() const {
-        std::lock_guard<std::mutex> lock(mLock);
-        return mSamples;
-    }
-
-private:
-    mutable std::mutex mLock;
-    std::vector<Fields> mSamples;
+    std::promise<Fields> delivered;
+    std::future<Fields> future = delivered.get_future();
 };
 
-class HandCallback : public BBinder, public SampleLog {
+class HandCallback : public BBinder, public OneSample {
 protected:
     status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
         if (code != kOnSample) return BBinder::onTransact(code, data, reply, flags);
         std::optional<Fields> sample;
         if (!data.enforceInterface(kCallbackDescriptor) || !ReadSample(data, &sample) || !sample) return BAD_VALUE;
-        Add(*sample);
+        delivered.set_value(*sample);
         return OK;
     }
 };
 
 // ---- The generated side --------------------------------------------------------
 
+std::unique_ptr<String16> Nullable16(const std::optional<std::string>& text) {
+    return text ? std::make_unique<String16>(Text16(*text)) : nullptr;
+}
+
 Sample SampleOf(const Fields& fields) {
     Sample sample;
     sample.id = fields.id;
     sample.name = fields.name;
-    if (fields.note) sample.note = std::make_unique<String16>(Text16(*fields.note));
+    sample.note = Nullable16(fields.note);
     for (const std::string& tag : fields.tags) sample.tags.push_back(Text16(tag));
     return sample;
 }
 
-Fields FieldsOf(const Sample& sample) {
-    Fields fields{sample.id, sample.name, std::nullopt, {}};
-    if (sample.note) fields.note = Text8(*sample.note);
-    for (const String16& tag : sample.tags) fields.tags.push_back(Text8(tag));
+std::optional<Fields> FieldsOf(const Sample* sample) {
+    if (sample == nullptr) return std::nullopt;
+    Fields fields{sample->id, sample->name, std::nullopt, {}};
+    if (sample->note) fields.note = Text8(*sample->note);
+    for (const String16& tag : sample->tags) fields.tags.push_back(Text8(tag));
     return fields;
 }
 
-class GeneratedCallback : public BnCallback, public SampleLog {
+class GeneratedCallback : public BnCallback, public OneSample {
 public:
     Status onSample(const Sample& sample) override {
-        Add(FieldsOf(sample));
+        delivered.set_value(*FieldsOf(&sample));
         return Status::ok();
     }
 };
@@ -200,11 +216,10 @@ class GeneratedPeer : public BnPeer {
 public:
     Status echo(const std::unique_ptr<Sample>& sample, const std::unique_ptr<String16>& note,
                 std::vector<int32_t>* codes, std::unique_ptr<Sample>* result) override {
-        for (size_t i = 0; i < codes->size(); ++i) (*codes)[i] = (sample ? sample->id : 0) + static_cast<int32_t>(i);
-        if (sample) {
-            const std::optional<std::string> text = note ? std::optional(Text8(*note)) : std::nullopt;
-            *result = std::make_unique<Sample>(SampleOf(WithNote(FieldsOf(*sample), text)));
-        }
+        const Echo echo{FieldsOf(sample.get()), note ? std::optional(Text8(*note)) : std::nullopt,
+                        static_cast<int32_t>(codes->size())};
+        *codes = echo.Codes();
+        if (echo.sample) *result = std::make_unique<Sample>(SampleOf(*echo.Answer()));
         return Status::ok();
     }
     Status pick(const sp<ICallback>& /*first*/, const sp<ICallback>& second, sp<ICallback>* result) override {
@@ -218,21 +233,20 @@ public:
 
 // ---- Both ways: each side in a process of its own ---------------------------------
 
-const String16 kServiceName(u"tivra.aidltest.peer");
+const String16 kHandPeerName(u"tivra.aidltest.hand");
+const String16 kGeneratedPeerName(u"tivra.aidltest.generated");
 
 int CallThroughTheGeneratedProxy() {
     ProcessState::self()->startThreadPool();
-    const sp<IPeer> peer = interface_cast<IPeer>(defaultServiceManager()->checkService(kServiceName));
+    const sp<IPeer> peer = interface_cast<IPeer>(defaultServiceManager()->checkService(kHandPeerName));
     CHILD_CHECK(peer != nullptr);
-
-    std::unique_ptr<Sample> echoed;
-    std::vector<int32_t> codes(3);
-    CHILD_CHECK(peer->echo(std::make_unique<Sample>(SampleOf(kSample)), std::make_unique<String16>(u"n"), &codes,
-                           &echoed).isOk());
-    CHILD_CHECK(echoed != nullptr && FieldsOf(*echoed) == WithNote(kSample, "n"));
-    CHILD_CHECK(codes == (std::vector<int32_t>{7, 8, 9}));
-    CHILD_CHECK(peer->echo(nullptr, nullptr, &codes, &echoed).isOk());
-    CHILD_CHECK(echoed == nullptr);
+    for (const Echo& echo : kEchoes) {
+        std::unique_ptr<Sample> echoed;
+        std::vector<int32_t> codes(static_cast<size_t>(echo.codes));
+        CHILD_CHECK(peer->echo(echo.sample ? std::make_unique<Sample>(SampleOf(*echo.sample)) : nullptr,
+                               Nullable16(echo.note), &codes, &echoed).isOk());
+        CHILD_CHECK(FieldsOf(echoed.get()) == echo.Answer() && codes == echo.Codes());
+    }
 
     const sp<GeneratedCallback> first = new GeneratedCallback();
     const sp<GeneratedCallback> second = new GeneratedCallback();
@@ -242,14 +256,13 @@ int CallThroughTheGeneratedProxy() {
     CHILD_CHECK(picked == sp<ICallback>(second));  // back home as the object itself
 
     CHILD_CHECK(peer->post(first, SampleOf(kSample)).isOk());
-    CHILD_CHECK(waitUntil([&] { return !first->Samples().empty(); }));
-    CHILD_CHECK(first->Samples() == std::vector<Fields>{kSample});
+    CHILD_CHECK(first->Got(kSample));
     return 0;
 }
 
 int CallByHand() {
     ProcessState::self()->startThreadPool();
-    const sp<IBinder> peer = defaultServiceManager()->checkService(kServiceName);
+    const sp<IBinder> peer = defaultServiceManager()->checkService(kGeneratedPeerName);
     CHILD_CHECK(peer != nullptr);
     const auto call = [&peer](uint32_t code, const std::function<void(Parcel&)>& fill, Parcel* reply) {
         Parcel data;
@@ -257,16 +270,19 @@ int CallByHand() {
         fill(data);
         return peer->transact(code, data, reply, reply == nullptr ? IBinder::FLAG_ONEWAY : 0);
     };
-    Parcel echo;
-    CHILD_CHECK(call(kEcho, [](Parcel& data) {
-        WriteSample(data, kSample);
-        WriteText(data, "n");
-        data.writeInt32(2);  // the size of the out vector
-    }, &echo) == OK);
-    std::optional<Fields> echoed;
-    CHILD_CHECK(echo.readInt32() == Status::EX_NONE && ReadSample(echo, &echoed));
-    CHILD_CHECK(echoed == WithNote(kSample, "n"));
-    CHILD_CHECK(echo.readInt32() == 2 && echo.readInt32() == 7 && echo.readInt32() == 8);
+    for (const Echo& echo : kEchoes) {
+        Parcel reply;
+        CHILD_CHECK(call(kEcho, [&](Parcel& data) {
+            WriteSample(data, echo.sample);
+            WriteText(data, echo.note);
+            data.writeInt32(echo.codes);
+        }, &reply) == OK);
+        std::optional<Fields> echoed;
+        CHILD_CHECK(reply.readInt32() == Status::EX_NONE && ReadSample(reply, &echoed) && echoed == echo.Answer());
+        std::vector<int32_t> codes(static_cast<size_t>(std::clamp(reply.readInt32(), 0, 16)));
+        for (int32_t& code : codes) code = reply.readInt32();
+        CHILD_CHECK(codes == echo.Codes());
+    }
 
     const sp<HandCallback> first = new HandCallback();
     const sp<HandCallback> second = new HandCallback();
@@ -289,38 +305,26 @@ int CallByHand() {
         data.writeStrongBinder(first);
         WriteSample(data, kSample);
     }, nullptr) == OK);
-    CHILD_CHECK(waitUntil([&] { return !first->Samples().empty(); }));
-    CHILD_CHECK(first->Samples() == std::vector<Fields>{kSample});
+    CHILD_CHECK(first->Got(kSample));
     return 0;
 }
 
-class AidlInterop : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(session.started()) << session.error(); }
-
-    // Serves `peer` in a child, then runs `client` in another.
-    int Run(const std::function<sp<IBinder>()>& peer, const std::function<int()>& client) {
-        Channel ready;
-        session.spawn([&] {
-            ProcessState::self()->startThreadPool();
-            CHILD_CHECK(defaultServiceManager()->addService(kServiceName, peer()) == OK);
-            ready.post("ready");
-            IPCThreadState::self()->joinThreadPool();
-            return 0;
-        });
-        if (ready.next() != "ready") return -1;
-        return session.waitExit(session.spawn(client));
-    }
-
+// Both peers serve in one child; each client runs in a child of its own.
+TEST(AidlInterop, GeneratedAndHandWrittenSidesCallEachOtherBothWays) {
     BinderdSession session;
-};
-
-TEST_F(AidlInterop, GeneratedProxyCallsAHandWrittenStub) {
-    EXPECT_EQ(Run([] { return sp<IBinder>(new HandPeer()); }, CallThroughTheGeneratedProxy), 0);
-}
-
-TEST_F(AidlInterop, HandWrittenProxyCallsAGeneratedStub) {
-    EXPECT_EQ(Run([] { return sp<IBinder>(new GeneratedPeer()); }, CallByHand), 0);
+    ASSERT_TRUE(session.started()) << session.error();
+    Channel ready;
+    session.spawn([&ready] {
+        ProcessState::self()->startThreadPool();
+        CHILD_CHECK(defaultServiceManager()->addService(kHandPeerName, new HandPeer()) == OK);
+        CHILD_CHECK(defaultServiceManager()->addService(kGeneratedPeerName, new GeneratedPeer()) == OK);
+        ready.post("ready");
+        IPCThreadState::self()->joinThreadPool();
+        return 0;
+    });
+    ASSERT_EQ(ready.next(), "ready");
+    EXPECT_EQ(session.waitExit(session.spawn(CallThroughTheGeneratedProxy)), 0) << "generated proxy, hand-written stub";
+    EXPECT_EQ(session.waitExit(session.spawn(CallByHand)), 0) << "hand-written proxy, generated stub";
 }
 
 }  // namespace

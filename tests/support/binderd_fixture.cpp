@@ -89,27 +89,20 @@ void Channel::post(const std::string& line) const {
 
 std::string Channel::next(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
+    std::string line;
+    char c = 0;
+    // One byte at a time: a line meant for another reader of the pipe stays in it.
     for (;;) {
-        const auto newline = mPending.find('\n');
-        if (newline != std::string::npos) {
-            std::string line = mPending.substr(0, newline);
-            mPending.erase(0, newline + 1);
-            return line;
-        }
         // A zero timeout still looks once.
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         pollfd readable{mRead, POLLIN, 0};
-        if (poll(&readable, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) > 0) {
-            char buffer[256];
-            const ssize_t n = read(mRead, buffer, sizeof(buffer));
-            if (n > 0) {
-                mPending.append(buffer, static_cast<size_t>(n));
-                continue;
-            }
-        }
-        if (left.count() <= 0) {
+        if (poll(&readable, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) <= 0 || read(mRead, &c, 1) != 1) {
             return "";
         }
+        if (c == '\n') {
+            return line;
+        }
+        line += c;
     }
 }
 

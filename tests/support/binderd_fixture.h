@@ -28,7 +28,6 @@ public:
 private:
     int mRead = -1;
     int mWrite = -1;
-    std::string mPending;
 };
 
 // A private binderd on a socket in a fresh temporary folder, plus the child

@@ -14,6 +14,19 @@ using android::Parcel;
 using android::sp;
 using android::status_t;
 
+void StreamOrder::note(int32_t stream, int32_t sequence, bool wrong) {
+    auto [it, first] = streams.try_emplace(stream, sequence, 0);
+    violations += wrong || (!first && sequence != it->second.first + 1) ? 1 : 0;
+    it->second.first = sequence;
+    ++it->second.second;
+    ++total;
+}
+
+int StreamOrder::countOf(int32_t stream) const {
+    auto it = streams.find(stream);
+    return it == streams.end() ? 0 : it->second.second;
+}
+
 const android::String16& TestService::getInterfaceDescriptor() const {
     static const android::String16 descriptor("tivra.test.IService");
     return descriptor;
@@ -34,27 +47,19 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             const int32_t stream = data.readInt32();
             const int32_t sequence = data.readInt32();
             std::lock_guard<std::mutex> lock(mLock);
-            auto last = mLastSequence.find(stream);
-            const int32_t expected = last == mLastSequence.end() ? 0 : last->second + 1;
             // A one-way call is served with a reply parcel all the same.
-            mViolations += sequence != expected || reply == nullptr ? 1 : 0;
-            mLastSequence[stream] = sequence;
-            ++mRecords;
+            mRecords.note(stream, sequence, reply == nullptr);
             return OK;
         }
         case kStats: {
             std::lock_guard<std::mutex> lock(mLock);
-            reply->writeInt32(mRecords);
-            return reply->writeInt32(mViolations);
+            reply->writeInt32(mRecords.total);
+            return reply->writeInt32(mRecords.violations);
         }
         case kAddListener: {
-            sp<IBinder> listener;
-            if (status_t status = data.readStrongBinder(&listener); status != OK) {
-                return status;
-            }
             std::lock_guard<std::mutex> lock(mLock);
-            mListeners.push_back(listener);
-            return reply->writeInt32(static_cast<int32_t>(mListeners.size()));
+            mListeners.push_back(data.readStrongBinder());
+            return OK;
         }
         case kRemoveListener: {
             sp<IBinder> listener = data.readStrongBinder();
@@ -73,31 +78,21 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
                 std::lock_guard<std::mutex> lock(mLock);
                 listeners = mListeners;
             }
-            int32_t notified = 0;
             for (const sp<IBinder>& listener : listeners) {
                 Parcel event;
                 event.writeInt32(value);
-                notified += listener->transact(TestListener::kListenerEvent, event, nullptr, FLAG_ONEWAY) == OK;
+                listener->transact(TestListener::kListenerEvent, event, nullptr, FLAG_ONEWAY);
             }
-            return reply->writeInt32(notified);
-        }
-        case kHold: {
-            std::lock_guard<std::mutex> lock(mLock);
-            return data.readStrongBinder(&mHeld);
-        }
-        case kDrop: {
-            std::lock_guard<std::mutex> lock(mLock);
-            mHeld.clear();
             return OK;
         }
-        case kGiveHeld: {
+        case kGiveListener: {
             std::lock_guard<std::mutex> lock(mLock);
-            return reply->writeStrongBinder(mHeld);
+            return reply->writeStrongBinder(mListeners.empty() ? nullptr : mListeners.back());
         }
-        case kIsHeld: {
-            sp<IBinder> candidate = data.readStrongBinder();
+        case kDropListeners: {
             std::lock_guard<std::mutex> lock(mLock);
-            return reply->writeBool(candidate != nullptr && candidate == mHeld);
+            mListeners.clear();
+            return OK;
         }
         case kAnswerWith: {
             const status_t status = data.readInt32();
@@ -114,35 +109,15 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
     }
 }
 
-TestListener::TestListener(std::atomic<int>* liveCount) : mLiveCount(liveCount) {
-    if (mLiveCount != nullptr) {
-        ++*mLiveCount;
-    }
-}
-
-TestListener::~TestListener() {
-    if (mLiveCount != nullptr) {
-        --*mLiveCount;
-    }
-}
-
-std::thread::id TestListener::lastThread() const {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mLastThread;
-}
-
 status_t TestListener::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
     if (code != kListenerEvent) {
         return BBinder::onTransact(code, data, reply, flags);
     }
     const int32_t value = data.readInt32();
-    {
-        std::lock_guard<std::mutex> lock(mLock);
-        mLastThread = std::this_thread::get_id();
-    }
-    mLastValue = value;
-    ++mEvents;
-    return reply == nullptr ? OK : reply->writeInt32(value + 1);
+    std::lock_guard<std::mutex> lock(mLock);
+    mHeard.lastThread = std::this_thread::get_id();
+    mHeard.order.note(value >> kSequenceBits, value & ((1 << kSequenceBits) - 1));
+    return OK;
 }
 
 const android::String16 kTestServiceName("tivra.test.service");

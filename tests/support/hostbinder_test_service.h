@@ -14,6 +14,17 @@
 
 namespace tivra_test {
 
+// Calls of numbered streams: how many came, per stream and in all, and how
+// many did not follow the one before on their stream by one.
+struct StreamOrder {
+    void note(int32_t stream, int32_t sequence, bool wrong = false);
+    int countOf(int32_t stream) const;
+
+    std::map<int32_t, std::pair<int32_t, int>> streams;  // the last sequence and the count
+    int total = 0;
+    int violations = 0;
+};
+
 // The service that hostbinder's tests run in a child process. Each code
 // exercises one behaviour of the runtime from the service's side.
 class TestService : public android::BBinder {
@@ -23,13 +34,11 @@ public:
         kWhoCalls,       // -> int32 pid, int32 uid of the caller
         kRecord,         // one-way: int32 stream, int32 sequence (must grow by one per stream; a reply parcel given)
         kStats,          // -> int32 records, int32 order violations
-        kAddListener,    // binder -> int32 listener count
-        kRemoveListener, // binder -> bool whether it was registered (same proxy)
-        kNotify,         // int32 value: one-way kListenerEvent to every listener -> int32 count
-        kHold,           // binder: keeps it
-        kDrop,           // forgets the kept binder
-        kGiveHeld,       // -> the kept binder
-        kIsHeld,         // binder -> bool whether it is the kept one (same proxy)
+        kAddListener,    // binder: keeps it
+        kRemoveListener, // binder -> bool whether it was kept (same proxy)
+        kNotify,         // int32 value: one-way kListenerEvent to every listener
+        kGiveListener,   // -> the newest listener
+        kDropListeners,  // forgets every listener
         kBlockOneway,    // one-way: blocks this node until release() is called
         kLookUpAndRecord, // one-way: a two-way service lookup first, then as kRecord
         kAnswerWith,     // int32 status -> that int32, and onTransact returns the status
@@ -46,36 +55,39 @@ protected:
 private:
     std::function<void()> mWaitForRelease;
     std::mutex mLock;
-    std::map<int32_t, int32_t> mLastSequence;
-    int32_t mRecords = 0;
-    int32_t mViolations = 0;
+    StreamOrder mRecords;
     std::vector<android::sp<android::IBinder>> mListeners;
-    android::sp<android::IBinder> mHeld;
 };
 
-// A client-side callback object: counts one-way events and answers two-way
-// calls with the value plus one, remembering the threads it ran on.
+// A client-side callback object that counts itself in `live` while it
+// exists. An event's value is a stream in its upper bits and a sequence below
+// (see eventValue): it keeps their order and the thread of the last one.
 class TestListener : public android::BBinder {
 public:
     static constexpr uint32_t kListenerEvent = android::IBinder::FIRST_CALL_TRANSACTION;
+    static constexpr int kSequenceBits = 20;
+    static int32_t eventValue(int32_t stream, int32_t sequence) { return (stream << kSequenceBits) | sequence; }
 
-    explicit TestListener(std::atomic<int>* liveCount = nullptr);
-    ~TestListener() override;
+    explicit TestListener(std::atomic<int>* live) : mLive(live) { ++*mLive; }
+    ~TestListener() override { --*mLive; }
 
-    int events() const { return mEvents; }
-    int lastValue() const { return mLastValue; }
-    std::thread::id lastThread() const;
+    struct Heard {
+        StreamOrder order;
+        std::thread::id lastThread;
+    };
+    Heard heard() const {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mHeard;
+    }
 
 protected:
     android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
                                  uint32_t flags) override;
 
 private:
-    std::atomic<int>* mLiveCount;
-    std::atomic<int> mEvents{0};
-    std::atomic<int> mLastValue{0};
+    std::atomic<int>* const mLive;
     mutable std::mutex mLock;
-    std::thread::id mLastThread;
+    Heard mHeard;
 };
 
 // The name the tests register TestService under.
