@@ -19,6 +19,10 @@ using Writer = status_t (Parcel::*)(Arg);
 }  // namespace
 
 status_t Parcel::writeUtf8AsUtf16(const std::string& str) {
+    // libutils measures an empty text as invalid (-1).
+    if (str.empty()) {
+        return writeString16(u"", 0);
+    }
     const auto* utf8 = reinterpret_cast<const uint8_t*>(str.data());
     const ssize_t units = utf8_to_utf16_length(utf8, str.size());
     if (units < 0 || static_cast<size_t>(units) > static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
@@ -37,6 +41,10 @@ status_t Parcel::readUtf8FromUtf16(std::string* str) const {
     String16 utf16;
     if (const status_t status = readString16(&utf16); status != OK) {
         return status;
+    }
+    if (utf16.size() == 0) {
+        str->clear();
+        return OK;
     }
     const ssize_t bytes = utf16_to_utf8_length(utf16.string(), utf16.size());
     if (bytes < 0) {

@@ -114,7 +114,7 @@ const LayoutCase kLayouts[] = {
                                                 [](const auto& a, const auto& b) { return !a && !b; }),
     Typed<std::vector<std::string>>("Utf8Vector", &Parcel::writeUtf8VectorAsUtf16Vector,
                                     &Parcel::readUtf8VectorFromUtf16Vector,
-                                    [] { return std::vector<std::string>{"\xC3\xA9"}; }, Le({1, 1, 0xE9})),
+                                    [] { return std::vector<std::string>{"\xC3\xA9", ""}; }, Le({2, 1, 0xE9, 0, 0})),
     Typed<NullableStrings>("NullableString16Vector", &Parcel::writeString16Vector, &Parcel::readString16Vector,
                            [] {
                                auto strings = std::make_unique<std::vector<std::unique_ptr<String16>>>();
