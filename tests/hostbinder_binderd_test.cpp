@@ -89,7 +89,10 @@ TEST(Binderd, MalformedFramesCutOnlyTheConnectionThatSentThem) {
     const HandleCount forgedRelease{99, 1};
     rogue.control().sendFrame(kReleaseHandle, &forgedRelease, sizeof(forgedRelease));
     EXPECT_EQ(rogue.control().nextCommand(&payload), 0);
-    EXPECT_EQ(rogue.thread().nextCommand(&payload), 0);
+    // The thread's welcome may have gone out before the cut.
+    int64_t threadHeard = rogue.thread().nextCommand(&payload);
+    threadHeard = threadHeard == kWelcome ? rogue.thread().nextCommand(&payload) : threadHeard;
+    EXPECT_EQ(threadHeard, 0);
     RawSession healthy(session.socketPath());
     ASSERT_TRUE(healthy.ready());
     EXPECT_EQ(healthy.addService("still.served", 0x1000), 0);
