@@ -478,7 +478,7 @@ TEST_F(HostBinderIpc, ConcurrentCallsAndListenerChurnKeepRepliesOneWayOrderAndRe
                 CHILD_CHECK(reply.dataSize() == request.dataSize());
                 CHILD_CHECK(std::memcmp(reply.data(), request.data(), request.dataSize()) == 0);
                 std::lock_guard<std::mutex> hold(turn);
-                const uint32_t code = next % 5 == 3 ? TestService::kLookUpAndRecord : TestService::kRecord;
+                const uint32_t code = next % 25 == 3 ? TestService::kLookUpAndRecord : TestService::kRecord;
                 CHILD_CHECK(call(service, code, [&](Parcel* p) {
                     p->writeInt32(client);
                     p->writeInt32(next);
