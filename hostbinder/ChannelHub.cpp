@@ -70,7 +70,9 @@ void ChannelHub::open(uint64_t id, int fd, pid_t peerPid, uid_t peerUid, size_t 
         }
     }
     epoll_event event{};
-    event.events = EPOLLIN | EPOLLONESHOT;
+    // Edge-triggered: each arrival wakes one thread, which claims the
+    // channel, or finds it held and has its holder go round again.
+    event.events = EPOLLIN | EPOLLET;
     event.data.u64 = id;
     epoll_ctl(mEpoll, EPOLL_CTL_ADD, fd, &event);
     if (spawn) {
@@ -170,13 +172,10 @@ void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel, bool read
     }
     std::lock_guard<std::mutex> lock(mLock);
     channel->held = false;
-    if (!channel->revoked.empty() || channel->closing || channel->rung) {
+    if (!channel->revoked.empty() || channel->closing || channel->rung || channel->socketFired) {
         channel->rung = false;
-        attend(*channel);
-    }
-    if (channel->socketFired) {
         channel->socketFired = false;
-        rearm(channel->fd, channel->id);
+        attend(*channel);
     }
 }
 
@@ -213,13 +212,10 @@ void ChannelHub::work() {
             } else {
                 auto it = mChannels.find(event.data.u64 & ~kDoorbell);
                 const bool doorbell = (event.data.u64 & kDoorbell) != 0;
-                if (it != mChannels.end()) {
-                    it->second->socketFired = it->second->socketFired || !doorbell;
-                }
-                // A held channel is re-armed by its holder, which also hears
-                // of a ring of its bell meanwhile.
+                // The holder of a held channel goes round again for what
+                // came meanwhile: a ring of its bell, or bytes on its socket.
                 if (it != mChannels.end() && it->second->held) {
-                    it->second->rung = it->second->rung || doorbell;
+                    (doorbell ? it->second->rung : it->second->socketFired) = true;
                 } else if (it != mChannels.end()) {
                     it->second->held = true;
                     claimed.emplace_back(it->second, !doorbell);

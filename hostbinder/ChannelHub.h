@@ -20,8 +20,9 @@ namespace android {
 
 // The ends of direct channels that other processes' threads opened to this
 // one, and the threads that serve them. All idle channel threads wait on one
-// epoll set, each channel armed for one reader at a time, so one event wakes
-// one thread and a channel's calls run in the order written.
+// epoll set, each channel held by one reader at a time (an event for a held
+// channel has its holder go round again), so a channel's calls run in the
+// order written.
 //
 // A call names the caller's handle; which object of this process it reaches
 // is binderd's answer (asked once, remembered until binderd withdraws it),
@@ -69,8 +70,8 @@ private:
         bool closing = false;
         // Its doorbell rang while a thread held it: that thread goes round again.
         bool rung = false;
-        // Its socket's one-shot event came: the thread that lets the channel
-        // go arms it again. Until then nothing waits on the socket.
+        // Bytes came on its socket while a thread held it: that thread goes
+        // round again, reading the socket too.
         bool socketFired = false;
         // Charge units of the channel's one-way calls finished, and told to binderd.
         std::atomic<uint64_t> finished{0};
@@ -90,6 +91,7 @@ private:
     bool welcome(Channel& channel);
     bool serveCall(const std::shared_ptr<Channel>& channel, const hostbinder::Frame& frame);
     sp<BBinder> reach(Channel& channel, uint32_t handle, status_t* status);
+    // Arms the one-shot attention event again.
     void rearm(int fd, uint64_t id);
     // Has a thread serve the channel soon; under mLock.
     void attend(Channel& channel);
