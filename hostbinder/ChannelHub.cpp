@@ -426,13 +426,11 @@ sp<BBinder> ChannelHub::reach(Channel& channel, uint32_t handle, status_t* statu
     if (known != channel.reach.end()) {
         return known->second;
     }
-    uint64_t cookie = 0;
-    *status = IPCThreadState::self()->resolveReach(channel.id, handle, &cookie);
+    sp<BBinder> target;
+    *status = IPCThreadState::self()->resolveReach(channel.id, handle, &target);
     if (*status != OK) {
         return nullptr;
     }
-    // binderd keeps the object alive until this thread speaks to it again.
-    sp<BBinder> target(reinterpret_cast<BBinder*>(cookie));
     channel.reach.emplace(handle, target);
     return target;
 }

@@ -484,7 +484,7 @@ status_t IPCThreadState::executeDirect(pid_t pid, uid_t uid, uint64_t channel, c
     return status;
 }
 
-status_t IPCThreadState::resolveReach(uint64_t channel, uint32_t handle, uint64_t* cookie) {
+status_t IPCThreadState::resolveReach(uint64_t channel, uint32_t handle, sp<BBinder>* target) {
     if (!connect()) {
         return DEAD_OBJECT;
     }
@@ -502,7 +502,12 @@ status_t IPCThreadState::resolveReach(uint64_t channel, uint32_t handle, uint64_
         return DEAD_OBJECT;
     }
     const hostbinder::Frame frame{command, payload.data(), static_cast<uint32_t>(payload.size())};
-    if (command == hostbinder::kReachResolved && hostbinder::parseFixed(frame, cookie)) {
+    uint64_t cookie = 0;
+    if (command == hostbinder::kReachResolved && hostbinder::parseFixed(frame, &cookie)) {
+        // binderd keeps the object alive until this thread speaks again: it
+        // does so at once, or an idle thread would keep it alive for good.
+        *target = reinterpret_cast<BBinder*>(cookie);
+        mConnection->send(hostbinder::kHoldingNow, nullptr, 0);
         return OK;
     }
     status_t refused = FAILED_TRANSACTION;

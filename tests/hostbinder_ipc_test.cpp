@@ -353,6 +353,44 @@ TEST_F(HostBinderIpc, BindersTravelAndLiveUntilTheLastRemoteReferenceIsDropped) 
     expectChildPasses(owner);
 }
 
+// A call over a channel leaves nothing alive behind it: once the caller lets
+// the object go, the owner's last remote reference goes too. A few rounds:
+// a channel thread that speaks to binderd anyway (a report due) hides a leak.
+TEST_F(HostBinderIpc, ACallOverAChannelLeavesNoReferenceBehind) {
+    serve();
+    for (int round = 0; round < 3; ++round) {
+        Channel held;
+        const pid_t owner = session.spawn([&held] {
+            ProcessState::self()->startThreadPool();
+            std::atomic<int> live{0};
+            {
+                sp<TestListener> object = new TestListener(&live);
+                Parcel reply;
+                CHILD_CHECK(call(lookUpTestService(), TestService::kAddListener,
+                                 [&](Parcel* p) { p->writeStrongBinder(object); }, &reply) == OK);
+                // Once a notice came, this process serves calls: the caller gets a channel.
+                CHILD_CHECK(call(lookUpTestService(), TestService::kNotify, [](Parcel* p) { p->writeInt32(0); },
+                                 &reply) == OK);
+                CHILD_CHECK(waitUntil([&] { return object->heard().order.total == 1; }, 20s));
+            }
+            held.post("held");
+            CHILD_CHECK(waitUntil([&] { return live == 0; }, 20s));
+            return 0;
+        });
+        ASSERT_EQ(held.next(), "held");
+        expectChildPasses(session.spawn([] {
+            sp<IBinder> service = lookUpTestService();
+            Parcel reply;
+            CHILD_CHECK(call(service, TestService::kGiveListener, nullptr, &reply) == OK);
+            sp<IBinder> object = reply.readStrongBinder();
+            CHILD_CHECK(call(service, TestService::kDropListeners, nullptr, &reply) == OK);
+            CHILD_CHECK(object != nullptr && object->pingBinder() == OK);
+            return 0;
+        }));
+        expectChildPasses(owner);
+    }
+}
+
 TEST_F(HostBinderIpc, PeersKilledMidCallLeaveTheOtherStandingAndAServicesDeathFailsCallsIsReportedOnceAndDropsItsReferences) {
     Channel release;
     const pid_t service = serve(kTestServiceName, &release);

@@ -184,6 +184,8 @@ bool Driver::onThreadFrame(Thread& thread, const Frame& frame) {
             return parseTransaction(frame, &view) && finishReply(thread, view);
         case kOnewayDone:
             return frame.payloadSize == 0 && finishOneway(thread);
+        case kHoldingNow:
+            return frame.payloadSize == 0;
         case kEnterLooper:
             if (frame.payloadSize != 0 || thread.looper) {
                 return false;

@@ -130,6 +130,7 @@ enum Command : uint32_t {
     kReachDropped,       // ChannelReach: the owner took in every call before a withdrawal and forgot the handle
     kChannelDrained,     // u64 channel, control connection: the owner took in every call of a closed channel
     kReturnCredit,       // CreditReturn, control connection: one-way credit the process gives back
+    kHoldingNow,         // empty: the thread holds what binderd handed it (binderd keeps it alive until then)
     // binderd -> process
     kWelcome = 100,         // HelloThread (the session token) to a process; empty to a thread
     kIncomingTransaction,   // TransactionHeader (target = cookie) + data + offsets

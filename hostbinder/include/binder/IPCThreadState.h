@@ -53,8 +53,9 @@ public:
     // from pid/uid, as binderd named them; `reply` is null for a one-way call.
     status_t executeDirect(pid_t pid, uid_t uid, uint64_t channel, const sp<BBinder>& target, uint32_t code,
                            const Parcel& data, Parcel* reply);
-    // Which object of this process the channel's caller names by `handle`.
-    status_t resolveReach(uint64_t channel, uint32_t handle, uint64_t* cookie);
+    // Which object of this process the channel's caller names by `handle`,
+    // held here before binderd lets go of it.
+    status_t resolveReach(uint64_t channel, uint32_t handle, sp<BBinder>* target);
     // A reply with binder objects goes through binderd, which translates them.
     void replyThroughBinderd(uint64_t channel, uint32_t sequence, const Parcel& reply);
     // The channel's one-way calls finished so far; told to binderd with the
