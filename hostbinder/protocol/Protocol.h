@@ -47,7 +47,8 @@
 // written on the channel). The thread then writes calls without binder objects straight
 // to the owner (DirectCall, naming its own handle); the owner asks binderd
 // once which of its nodes a handle of that thread names (kResolveReach), so a
-// thread reaches only what its process holds. When the handle goes, binderd
+// thread reaches only what its process holds; the node stays alive until the
+// owner's thread holds it (kHoldingNow). When the handle goes, binderd
 // withdraws that answer (kReachRevoked) but keeps the node until the owner
 // has taken in the calls already on the channel and says so (kReachDropped):
 // a call made before the release still reaches its object, as it would had
