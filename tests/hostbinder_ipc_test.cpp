@@ -517,15 +517,21 @@ TEST_F(HostBinderIpc, ConcurrentCallsAndListenerChurnKeepRepliesOneWayOrderAndRe
                 CHILD_CHECK(std::memcmp(reply.data(), request.data(), request.dataSize()) == 0);
                 std::lock_guard<std::mutex> hold(turn);
                 const uint32_t code = next % 25 == 3 ? TestService::kLookUpAndRecord : TestService::kRecord;
-                CHILD_CHECK(call(service, code, [&](Parcel* p) {
-                    p->writeInt32(client);
-                    p->writeInt32(next);
-                    if (next % 50 == 20) {
-                        p->writeStrongBinder(token);
-                    } else if (next % 50 == 45) {
-                        p->write(large.data(), large.size());
-                    }
-                }, nullptr, IBinder::FLAG_ONEWAY) == OK);
+                // The service may fall far behind on a loaded machine, and a
+                // full buffer refuses a one-way call: the record waits until it fits.
+                status_t sent = FAILED_TRANSACTION;
+                CHILD_CHECK(waitUntil([&] {
+                    sent = call(service, code, [&](Parcel* p) {
+                        p->writeInt32(client);
+                        p->writeInt32(next);
+                        if (next % 50 == 20) {
+                            p->writeStrongBinder(token);
+                        } else if (next % 50 == 45) {
+                            p->write(large.data(), large.size());
+                        }
+                    }, nullptr, IBinder::FLAG_ONEWAY);
+                    return sent != FAILED_TRANSACTION;
+                }, 30s) && sent == OK);
                 ++next;
             }
         }));
