@@ -25,10 +25,6 @@ RawPeer::RawPeer(const std::string& path) : mFd(socket(AF_UNIX, SOCK_STREAM | SO
 }
 
 void RawPeer::close() {
-    for (int descriptor : mDescriptors) {
-        ::close(descriptor);
-    }
-    mDescriptors.clear();
     if (mFd >= 0) {
         ::close(mFd);
         mFd = -1;
@@ -83,15 +79,6 @@ bool RawPeer::closedByBinderd(milliseconds timeout) {
     return poll(&hangup, 1, static_cast<int>(timeout.count())) > 0 && (hangup.revents & (POLLRDHUP | POLLHUP)) != 0;
 }
 
-int RawPeer::takeDescriptor() {
-    if (mDescriptors.empty()) {
-        return -1;
-    }
-    const int descriptor = mDescriptors.front();
-    mDescriptors.pop_front();
-    return descriptor;
-}
-
 bool RawPeer::readExactly(void* out, size_t size, milliseconds timeout) {
     auto* bytes = static_cast<uint8_t*>(out);
     while (size > 0) {
@@ -99,26 +86,12 @@ bool RawPeer::readExactly(void* out, size_t size, milliseconds timeout) {
         if (poll(&readable, 1, static_cast<int>(timeout.count())) <= 0) {
             return false;
         }
-        iovec chunk{bytes, size};
-        alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))];
-        msghdr message{};
-        message.msg_iov = &chunk;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof(control);
-        const ssize_t n = recvmsg(mFd, &message, MSG_CMSG_CLOEXEC);
+        // Descriptors binderd hands over (a channel's end) are not wanted:
+        // a plain read has the system close them.
+        const ssize_t n = recv(mFd, bytes, size, 0);
         if (n <= 0) {
             mClosed = true;
             return false;
-        }
-        for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
-            const bool rights = header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS;
-            const size_t count = rights ? (header->cmsg_len - CMSG_LEN(0)) / sizeof(int) : 0;
-            for (size_t i = 0; i < count; ++i) {
-                int descriptor;
-                std::memcpy(&descriptor, CMSG_DATA(header) + i * sizeof(int), sizeof(int));
-                mDescriptors.push_back(descriptor);
-            }
         }
         bytes += n;
         size -= static_cast<size_t>(n);

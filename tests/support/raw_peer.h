@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <string>
 #include <vector>
 
@@ -17,8 +16,6 @@ using std::chrono::milliseconds;
 class RawPeer {
 public:
     explicit RawPeer(const std::string& path);
-    // Takes over a connected socket, such as a direct channel's end.
-    explicit RawPeer(int fd) : mFd(fd) {}
     ~RawPeer() { close(); }
     RawPeer(const RawPeer&) = delete;
     RawPeer& operator=(const RawPeer&) = delete;
@@ -46,16 +43,12 @@ public:
     // Whether binderd closed its end within the timeout, without reading
     // what it sent.
     bool closedByBinderd(milliseconds timeout);
-    // The oldest descriptor that came with the frames read so far (-1:
-    // none); the caller owns it.
-    int takeDescriptor();
 
 private:
     bool readExactly(void* out, size_t size, milliseconds timeout);
 
     int mFd;
     bool mClosed = false;
-    std::deque<int> mDescriptors;
 };
 
 // A process session opened by hand: its control connection and one thread.
