@@ -910,4 +910,53 @@ TEST_F(DriverChannels, EndWithTheirThreadOrProcessAndTheLivingEndHearsFirst) {
     EXPECT_LT(closed, firstFrom(before, kClientControl + 10, kDeadBinder));
 }
 
+// At a shared bound the process holding the most gives way; the taker is
+// refused only when it is the heaviest itself.
+TEST(Ledger, ASharedBoundIsTakenFromTheHeaviestHolderAndNeverFromTheLightest) {
+    // One kind: 10 per process, 15 per uid, 30 in all.
+    using Ledger = android::binderd::Ledger<1>;
+    using Verdict = Ledger::Verdict;
+    Ledger ledger({{10}, {15}, {30}});
+    const Ledger::Holder a{1, 11}, b{1, 12}, c{1, 13}, d{2, 21}, e{2, 22}, f{3, 31}, g{3, 32};
+    struct Step {
+        const char* name;
+        Ledger::Holder taker;
+        size_t amount;
+        Verdict verdict;
+        pid_t victim = 0;
+    };
+    const std::vector<Step> steps{
+        {"within every bound", a, 8, Verdict::kFits},
+        {"over its own bound", a, 3, Verdict::kRefused},
+        {"its uid full to the bound", b, 7, Verdict::kFits},
+        {"a light process crosses its uid's bound: the heaviest gives way", c, 1, Verdict::kGiveWay, 11},
+        {"what gives way counts no more", c, 1, Verdict::kFits},
+        {"more of the same", c, 5, Verdict::kFits},
+        {"the heaviest of its uid crossing the bound is refused", b, 3, Verdict::kRefused},
+        {"another uid", d, 10, Verdict::kFits},
+        {"the total nearly full", e, 5, Verdict::kFits},
+        {"the total crossed: the heaviest uid's heaviest process gives way", f, 3, Verdict::kGiveWay, 21},
+        {"room again", f, 3, Verdict::kFits},
+        {"a third uid", g, 7, Verdict::kFits},
+        {"the total crossed by a light uid's process", e, 3, Verdict::kGiveWay, 12},
+    };
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.name);
+        const Ledger::Judgement judgement = ledger.judge(step.taker, 0, step.amount);
+        EXPECT_EQ(judgement.verdict, step.verdict);
+        if (judgement.verdict == Verdict::kFits) {
+            ledger.take(step.taker, 0, step.amount);
+        } else if (judgement.verdict == Verdict::kGiveWay) {
+            EXPECT_EQ(judgement.victim.pid, step.victim);
+            ledger.giveWay(judgement.victim);
+        }
+    }
+    // Holdings given back leave nothing behind.
+    for (const Ledger::Holder& holder : {a, b, c, d, e, f, g}) {
+        ledger.give(holder, 0, ledger.held(holder, 0));
+    }
+    EXPECT_EQ(ledger.total(0), 0u);
+    EXPECT_EQ(ledger.judge(a, 0, 10).verdict, Verdict::kFits);
+}
+
 }  // namespace
