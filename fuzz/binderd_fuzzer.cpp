@@ -163,7 +163,7 @@ constexpr uint32_t kCommands[] = {kHelloProcess,  kHelloThread,   kEnterLooper, 
                                   kOnewayDone,    kReleaseHandle, kRequestDeath,  kClearDeath,    kSetMaxThreads,
                                   kOnewayCredited, kOpenChannel,  kChannelCredit, kChannelDone,   kResolveReach,
                                   kServingChannel, kChannelReply, kChannelFence,  kReachDropped,  kChannelDrained,
-                                  kReturnCredit};
+                                  kReturnCredit,  kHoldingNow};
 
 sockaddr_un listeningAddress() {
     sockaddr_un address{};

@@ -172,9 +172,8 @@ void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel, bool read
     }
     std::lock_guard<std::mutex> lock(mLock);
     channel->held = false;
-    if (!channel->revoked.empty() || channel->closing || channel->rung || channel->socketFired) {
-        channel->rung = false;
-        channel->socketFired = false;
+    if (!channel->revoked.empty() || channel->closing || channel->stirred) {
+        channel->stirred = false;
         attend(*channel);
     }
 }
@@ -215,7 +214,7 @@ void ChannelHub::work() {
                 // The holder of a held channel goes round again for what
                 // came meanwhile: a ring of its bell, or bytes on its socket.
                 if (it != mChannels.end() && it->second->held) {
-                    (doorbell ? it->second->rung : it->second->socketFired) = true;
+                    it->second->stirred = true;
                 } else if (it != mChannels.end()) {
                     it->second->held = true;
                     claimed.emplace_back(it->second, !doorbell);

@@ -68,11 +68,9 @@ private:
         std::vector<uint32_t> revoked;
         // binderd closed it: what is on it is taken in, then it goes.
         bool closing = false;
-        // Its doorbell rang while a thread held it: that thread goes round again.
-        bool rung = false;
-        // Bytes came on its socket while a thread held it: that thread goes
-        // round again, reading the socket too.
-        bool socketFired = false;
+        // Its doorbell rang, or bytes came on its socket, while a thread held
+        // it: that thread goes round again, reading both.
+        bool stirred = false;
         // Charge units of the channel's one-way calls finished, and told to binderd.
         std::atomic<uint64_t> finished{0};
         // What its reader holds beyond its usual size, for a large call.
