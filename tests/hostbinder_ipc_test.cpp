@@ -38,16 +38,6 @@ status_t call(const sp<IBinder>& target, uint32_t code, const std::function<void
     return target->transact(code, data, reply, flags);
 }
 
-// The service's record count and order violations.
-std::pair<int32_t, int32_t> stats(const sp<IBinder>& service) {
-    Parcel reply;
-    if (service->transact(TestService::kStats, Parcel(), &reply) != OK) {
-        return {-1, -1};
-    }
-    const int32_t records = reply.readInt32();
-    return {records, reply.readInt32()};
-}
-
 class HostBinderIpc : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(session.started()) << session.error(); }
@@ -62,6 +52,7 @@ protected:
     void expectChildPasses(pid_t child, std::chrono::milliseconds timeout = 20s) {
         EXPECT_EQ(session.waitExit(child, timeout), 0);
     }
+    void handOver(int events, const std::function<void(const sp<IBinder>&)>& use);
 
     BinderdSession session;
     Channel events;
@@ -163,8 +154,7 @@ TEST_F(HostBinderIpc, CallsCarryDataStatusAndTheCallersIdentityWithOrWithoutACha
                 p->writeInt32(channels ? 1 : 2);
                 p->writeInt32(0);
             }, nullptr, IBinder::FLAG_ONEWAY) == OK);
-            CHILD_CHECK(waitUntil([&] { return stats(service).first == (channels ? 1 : 2); }));
-            CHILD_CHECK(stats(service).second == 0);
+            CHILD_CHECK(recordsArrive(service, channels ? 1 : 2));
             // Outside any transaction, the caller is this process itself.
             CHILD_CHECK(IPCThreadState::self()->getCallingPid() == getpid());
             return 0;
@@ -304,90 +294,69 @@ private:
 };
 
 // An object goes from its owner to the service, which gives it back as the
-// object itself, and on to a third process. The owner holds no reference of
-// its own: the object lives until the last remote reference is dropped, and
-// one-way calls sent just before that still reach it, in order.
-TEST_F(HostBinderIpc, BindersTravelAndLiveUntilTheLastRemoteReferenceIsDropped) {
-    constexpr int kEvents = 300;
-    serve();
+// object itself, and on to a third process, which has the service drop it and
+// runs `use` with it. The owner holds no reference of its own: the object
+// lives until the last remote reference is dropped, and then goes, having run
+// `events` one-way events after the owner's own notice, in order.
+void HostBinderIpc::handOver(int events, const std::function<void(const sp<IBinder>&)>& use) {
     Channel held;
-    const pid_t owner = session.spawn([&held] {
+    const pid_t owner = session.spawn([&held, events] {
         ProcessState::self()->startThreadPool();
         std::atomic<int> live{0};
         std::atomic<int> report{0};
         {
-            sp<IBinder> object = new ReportingListener(&live, &report);
+            sp<ReportingListener> object = new ReportingListener(&live, &report);
             Parcel reply;
             CHILD_CHECK(call(lookUpTestService(), TestService::kAddListener,
                              [&](Parcel* p) { p->writeStrongBinder(object); }, &reply) == OK);
             CHILD_CHECK(call(lookUpTestService(), TestService::kGiveListener, nullptr, &reply) == OK);
             CHILD_CHECK(reply.readStrongBinder() == object);
-            // binderd keeps a binder it handed to this thread until the
-            // thread's next frame: a lookup.
-            CHILD_CHECK(lookUpTestService() != nullptr);
+            // Once a notice came, this process serves calls: the user gets
+            // channels. The call also ends what binderd kept alive for this
+            // thread (the binder of the reply before).
+            CHILD_CHECK(call(lookUpTestService(), TestService::kNotify, [](Parcel* p) { p->writeInt32(0); },
+                             &reply) == OK);
+            CHILD_CHECK(waitUntil([&] { return object->heard().order.total == 1; }, 20s));
         }
         // Checked before the test hears of it and acts.
         CHILD_CHECK(live == 1);
         held.post("held");
         CHILD_CHECK(waitUntil([&] { return live == 0; }, 20s));
-        CHILD_CHECK(report == kEvents);
+        CHILD_CHECK(report == events + 1);
         return 0;
     });
     ASSERT_EQ(held.next(), "held");
-    // The sender takes the object, has the service drop it, calls it and
-    // lets its proxy go: the object may go only after all those calls ran.
-    expectChildPasses(session.spawn([] {
+    expectChildPasses(session.spawn([&use] {
         sp<IBinder> service = lookUpTestService();
         Parcel reply;
         CHILD_CHECK(call(service, TestService::kGiveListener, nullptr, &reply) == OK);
         sp<IBinder> object = reply.readStrongBinder();
         CHILD_CHECK(object != nullptr && object->remoteBinder() != nullptr);
         CHILD_CHECK(call(service, TestService::kDropListeners, nullptr, &reply) == OK);
-        for (int i = 0; i < kEvents; ++i) {
-            CHILD_CHECK(call(object, TestListener::kListenerEvent, [i](Parcel* p) { p->writeInt32(i); }, nullptr,
-                             IBinder::FLAG_ONEWAY) == OK);
-        }
-        object.clear();
+        use(object);
         return 0;
     }));
     expectChildPasses(owner);
 }
 
-// A call over a channel leaves nothing alive behind it: once the caller lets
-// the object go, the owner's last remote reference goes too. A few rounds:
-// a channel thread that speaks to binderd anyway (a report due) hides a leak.
+// One-way calls sent just before the last reference goes still reach the object.
+TEST_F(HostBinderIpc, BindersTravelAndLiveUntilTheLastRemoteReferenceIsDropped) {
+    constexpr int kEvents = 300;
+    serve();
+    handOver(kEvents, [](const sp<IBinder>& object) {
+        for (int i = 1; i <= kEvents; ++i) {
+            CHILD_CHECK(call(object, TestListener::kListenerEvent, [i](Parcel* p) { p->writeInt32(i); }, nullptr,
+                             IBinder::FLAG_ONEWAY) == OK);
+        }
+    });
+}
+
+// A call over a channel leaves nothing alive behind it. A few rounds: a
+// channel thread that speaks to binderd anyway (a report due) hides a leak.
 TEST_F(HostBinderIpc, ACallOverAChannelLeavesNoReferenceBehind) {
     serve();
     for (int round = 0; round < 3; ++round) {
-        Channel held;
-        const pid_t owner = session.spawn([&held] {
-            ProcessState::self()->startThreadPool();
-            std::atomic<int> live{0};
-            {
-                sp<TestListener> object = new TestListener(&live);
-                Parcel reply;
-                CHILD_CHECK(call(lookUpTestService(), TestService::kAddListener,
-                                 [&](Parcel* p) { p->writeStrongBinder(object); }, &reply) == OK);
-                // Once a notice came, this process serves calls: the caller gets a channel.
-                CHILD_CHECK(call(lookUpTestService(), TestService::kNotify, [](Parcel* p) { p->writeInt32(0); },
-                                 &reply) == OK);
-                CHILD_CHECK(waitUntil([&] { return object->heard().order.total == 1; }, 20s));
-            }
-            held.post("held");
-            CHILD_CHECK(waitUntil([&] { return live == 0; }, 20s));
-            return 0;
-        });
-        ASSERT_EQ(held.next(), "held");
-        expectChildPasses(session.spawn([] {
-            sp<IBinder> service = lookUpTestService();
-            Parcel reply;
-            CHILD_CHECK(call(service, TestService::kGiveListener, nullptr, &reply) == OK);
-            sp<IBinder> object = reply.readStrongBinder();
-            CHILD_CHECK(call(service, TestService::kDropListeners, nullptr, &reply) == OK);
-            CHILD_CHECK(object != nullptr && object->pingBinder() == OK);
-            return 0;
-        }));
-        expectChildPasses(owner);
+        handOver(0, [](const sp<IBinder>& object) { CHILD_CHECK(object->pingBinder() == OK); });
     }
 }
 
@@ -567,8 +536,7 @@ TEST_F(HostBinderIpc, ConcurrentCallsAndListenerChurnKeepRepliesOneWayOrderAndRe
     }
     expectChildPasses(session.spawn([] {
         const sp<IBinder> service = lookUpTestService();
-        CHILD_CHECK(waitUntil([&] { return stats(service).first == kClients * kThreads * kCalls; }, 30s));
-        CHILD_CHECK(stats(service).second == 0);
+        CHILD_CHECK(recordsArrive(service, kClients * kThreads * kCalls, 30s));
         return 0;
     }));
 }

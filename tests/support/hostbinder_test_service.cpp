@@ -142,4 +142,17 @@ android::sp<android::IBinder> lookUpTestService(const android::String16& name) {
     return android::defaultServiceManager()->checkService(name);
 }
 
+bool recordsArrive(const android::sp<android::IBinder>& service, int32_t records, std::chrono::milliseconds timeout) {
+    int32_t violations = -1;
+    return waitUntil([&] {
+        android::Parcel reply;
+        if (service->transact(TestService::kStats, android::Parcel(), &reply) != android::OK) {
+            return false;
+        }
+        const int32_t counted = reply.readInt32();
+        violations = reply.readInt32();
+        return counted == records;
+    }, timeout) && violations == 0;
+}
+
 }  // namespace tivra_test

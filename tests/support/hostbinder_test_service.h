@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -101,5 +102,9 @@ pid_t spawnTestService(BinderdSession& session, Channel& ready, const android::S
                        Channel* release = nullptr);
 
 android::sp<android::IBinder> lookUpTestService(const android::String16& name = kTestServiceName);
+
+// Whether the service has counted `records` kRecord calls within `timeout`, all in order.
+bool recordsArrive(const android::sp<android::IBinder>& service, int32_t records,
+                   std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 }  // namespace tivra_test
