@@ -29,12 +29,7 @@ using android::sp;
 using android::status_t;
 using android::String16;
 using android::binder::Status;
-using tivra_test::Bytes;
-using tivra_test::Cat;
-using tivra_test::Contents;
-using tivra_test::Le;
-
-void Load(Parcel* parcel, const Bytes& bytes) { ASSERT_EQ(tivra_test::Load(parcel, bytes), android::OK); }
+using namespace tivra_test;
 
 // Writes and reads one int32; counts its reads.
 class Counter : public android::Parcelable {
@@ -162,14 +157,13 @@ TEST(ParcelLayout, WritesHandComputedBytesAndReadsThemBack) {
 // ---- Reads ---------------------------------------------------------------------
 
 // Every data size below what the read needs, at every start position inside it.
+// Typed reads share one bounds check: a value and raw bytes that need padding.
 TEST(ParcelRead, ShortDataFailsWithNotEnoughDataAndKeepsPosition) {
     const struct {
         size_t needs;  // bytes the read consumes
         std::function<status_t(const Parcel&)> read;
     } cases[] = {
-        {4, [](const Parcel& p) { int32_t v = 0; return p.readInt32(&v); }},
         {8, [](const Parcel& p) { int64_t v = 0; return p.readInt64(&v); }},
-        {4, [](const Parcel& p) { bool v = false; return p.readBool(&v); }},
         {6, [](const Parcel& p) { uint8_t v[6] = {}; return p.read(v, sizeof(v)); }},
     };
     for (const auto& c : cases) {
@@ -306,8 +300,8 @@ TEST(ParcelInterfaceToken, EnforcedAndConsumed) {
 
 // ---- The object table ------------------------------------------------------
 
-// setObjects takes all or nothing; appendObject takes the valid prefix.
-TEST(ParcelObjectTable, ValidatedBySetObjectsAndAppendObject) {
+// setObjects (appendObject for each offset) takes all or nothing.
+TEST(ParcelObjectTable, ValidatedBySetObjects) {
     const struct {
         const char* name;
         size_t dataSize;
@@ -332,14 +326,6 @@ TEST(ParcelObjectTable, ValidatedBySetObjectsAndAppendObject) {
         EXPECT_EQ(parcel.setObjects(c.offsets.data(), c.offsets.size()) == android::OK, c.valid) << c.name;
         const std::vector<uint64_t> kept(parcel.objects(), parcel.objects() + parcel.objectsCount());
         EXPECT_EQ(kept, c.valid ? c.offsets : std::vector<uint64_t>()) << c.name;
-
-        Load(&parcel, Bytes(c.dataSize, 0));  // forgets the objects
-        status_t last = android::OK;
-        for (uint64_t offset : c.offsets) {
-            if ((last = parcel.appendObject(offset)) != android::OK) break;
-        }
-        EXPECT_EQ(last == android::OK, c.valid) << c.name;
-        EXPECT_EQ(parcel.objectsCount(), c.valid ? c.offsets.size() : c.offsets.size() - 1) << c.name;
     }
 }
 
@@ -364,12 +350,6 @@ TEST(ParcelObjectTable, PlainReadsMustNotOverlapAnObject) {
         EXPECT_EQ(parcel.read(out, r.len), r.result) << r.pos << "+" << r.len;
         EXPECT_EQ(parcel.dataPosition(), r.result == android::OK ? r.pos + ((r.len + 3) & ~size_t{3}) : r.pos);
     }
-    parcel.setDataPosition(4);
-    int64_t wide = 0;
-    EXPECT_EQ(parcel.readInt64(&wide), android::PERMISSION_DENIED);
-    parcel.setDataPosition(8);
-    String16 text(u"x");
-    EXPECT_EQ(parcel.readString16(&text), android::UNEXPECTED_NULL);
 }
 
 // ---- Binder objects ----------------------------------------------------------
@@ -435,7 +415,7 @@ TEST(ParcelBinder, ReadsTheObjectByItsType) {
 // The result of reading a handle object with `level` into `proxy`.
 status_t ReadProxy(int32_t handle, int32_t level, sp<IBinder>* proxy) {
     Parcel parcel;
-    tivra_test::Load(&parcel, BinderObject(BINDER_TYPE_HANDLE, static_cast<uint64_t>(handle), 0, level));
+    Load(&parcel, BinderObject(BINDER_TYPE_HANDLE, static_cast<uint64_t>(handle), 0, level));
     const uint64_t offset = 0;
     parcel.setObjects(&offset, 1);
     return parcel.readStrongBinder(proxy);
@@ -447,37 +427,24 @@ sp<IBinder> ArrivedProxy(int32_t handle, int32_t level) {
     return proxy;
 }
 
-TEST(ParcelBinder, WritesTheObjectWithItsLevel) {
-    const struct {
-        const char* name;
-        sp<IBinder> binder;
-        uint32_t type;
-        bool listed;
-        int32_t level;
-    } cases[] = {
-        {"LocalObject", new android::BBinder(), BINDER_TYPE_BINDER, true, 12},
-        // The platform lists only objects whose binder field is not zero.
-        {"ContextManager", android::ProcessState::self()->getContextObject(nullptr), BINDER_TYPE_HANDLE, false, 12},
-        {"VendorProxyKeepsItsLevel", ArrivedProxy(11, 3), BINDER_TYPE_HANDLE, true, 3},
-    };
-    for (const auto& c : cases) {
-        Parcel parcel;
-        ASSERT_EQ(parcel.writeStrongBinder(c.binder), android::OK) << c.name;
-        ASSERT_EQ(parcel.dataSize(), sizeof(flat_binder_object) + sizeof(int32_t)) << c.name;
-        flat_binder_object object;
-        std::memcpy(&object, parcel.data(), sizeof(object));
-        EXPECT_EQ(object.hdr.type, c.type) << c.name;
-        EXPECT_EQ(parcel.objectsCount(), c.listed ? 1u : 0u) << c.name;
-        parcel.setDataPosition(sizeof(object));
-        EXPECT_EQ(parcel.readInt32(), c.level) << c.name;
-    }
-}
-
 TEST(ParcelBinder, AProxyKeepsTheLevelItFirstArrivedWith) {
     const sp<IBinder> first = ArrivedProxy(13, 3);
     sp<IBinder> again;
     EXPECT_EQ(ReadProxy(13, 3, &again), android::OK);
     EXPECT_EQ(ReadProxy(13, 12, &again), android::BAD_TYPE);
+}
+
+// A proxy is written with the level it arrived with; the platform lists only
+// objects whose binder field is not zero, so not handle 0.
+TEST(ParcelBinder, AProxyIsWrittenWithItsLevelAndListedUnlessHandleZero) {
+    const sp<IBinder> proxies[] = {android::ProcessState::self()->getContextObject(nullptr), ArrivedProxy(11, 3)};
+    for (const sp<IBinder>& proxy : proxies) {
+        Parcel parcel;
+        ASSERT_EQ(parcel.writeStrongBinder(proxy), android::OK);
+        const int32_t handle = HandleOf(proxy);
+        EXPECT_EQ(Contents(parcel), BinderObject(BINDER_TYPE_HANDLE, handle, 0, handle == 0 ? 12 : 3)) << handle;
+        EXPECT_EQ(parcel.objectsCount(), handle == 0 ? 0u : 1u) << handle;
+    }
 }
 
 // ---- Status ------------------------------------------------------------------
@@ -510,23 +477,6 @@ TEST(StatusParcel, EachKindWritesItsBytesAndReadsBackStoppingAfterItself) {
         EXPECT_EQ(status.exceptionMessage().c_str(), c.message);
         EXPECT_EQ(parcel.readInt32(), 0x600D);
     }
-}
-
-// EX_HAS_REPLY_HEADER, a header whose size counts itself, then the payload.
-TEST(StatusParcel, ReplyHeaderIsSkippedAndMustFitTheData) {
-    Parcel parcel;
-    Load(&parcel, Le({Status::EX_HAS_REPLY_HEADER, 12, -1, -1, 0x2A}));
-    Status status = Status::fromExceptionCode(Status::EX_SECURITY, "stale");
-    ASSERT_EQ(status.readFromParcel(parcel), android::OK);
-    EXPECT_TRUE(status.isOk());
-    EXPECT_EQ(status.exceptionMessage().c_str(), std::string());
-    EXPECT_EQ(parcel.readInt32(), 0x2A);
-
-    Load(&parcel, Le({Status::EX_HAS_REPLY_HEADER, 16, 0}));
-    const status_t result = status.readFromParcel(parcel);
-    EXPECT_NE(result, android::OK);
-    EXPECT_EQ(status.exceptionCode(), Status::EX_TRANSACTION_FAILED);
-    EXPECT_EQ(status.transactionError(), result);
 }
 
 }  // namespace

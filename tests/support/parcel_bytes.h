@@ -7,6 +7,7 @@
 
 #include <binder/IBinder.h>
 #include <binder/Parcel.h>
+#include <gtest/gtest.h>
 #include <utils/String16.h>
 
 namespace tivra_test {
@@ -17,8 +18,8 @@ using Bytes = std::vector<uint8_t>;
 inline Bytes Contents(const android::Parcel& parcel) { return Bytes(parcel.data(), parcel.data() + parcel.dataSize()); }
 
 // Replaces what the parcel holds with `bytes`, positioned at the start.
-inline android::status_t Load(android::Parcel* parcel, const Bytes& bytes) {
-    return parcel->setData(bytes.data(), bytes.size());
+inline void Load(android::Parcel* parcel, const Bytes& bytes) {
+    ASSERT_EQ(parcel->setData(bytes.data(), bytes.size()), android::OK);
 }
 
 // 32-bit words, little-endian, as a parcel lays them out.
