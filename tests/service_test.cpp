@@ -2,12 +2,9 @@
 // transaction: what the proxy sends, what the stub hands its method, what the
 // method's answer puts in the reply and what the caller gets back, byte for
 // byte (the bytes are what every other Binder peer of these interfaces
-// reads). Then the stub's refusals, the default implementation, and a null
-// one-way record between real processes.
+// reads). Then the stub's refusals and the default implementation. The rows
+// cross processes in adapter_test.
 
-#include <binder/IPCThreadState.h>
-#include <binder/IServiceManager.h>
-#include <binder/ProcessState.h>
 #include <gtest/gtest.h>
 #include <utils/String8.h>
 
@@ -20,13 +17,11 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <tuple>
 #include <type_traits>
 #include <vector>
 
-#include "binderd_fixture.h"
 #include "i_device_change_listener.h"
 #include "i_device_listener.h"
 #include "i_device_monitor_service.h"
@@ -39,13 +34,7 @@ using namespace com::solvane::pravik::deviceinfo;
 using namespace com::solvane::pravik::service;
 namespace deviceinfo = com::solvane::pravik::deviceinfo;  // as the interfaces' tables name it
 using binder::Status;
-using tivra_test::Bytes;
-using tivra_test::Cat;
-using tivra_test::Contents;
-using tivra_test::Le;
-using tivra_test::Put;
-using tivra_test::Wire;
-using tivra_test::Written;
+using namespace tivra_test;
 
 constexpr char kService[] = "com.solvane.pravik.service.IDeviceMonitorService";
 constexpr char kDevices[] = "com.solvane.pravik.service.IDeviceChangeListener";
@@ -106,29 +95,20 @@ struct Seen {
     int calls = 0;
 };
 
-// The part of a recording stub common to the interfaces. A method fills its
-// output from its row's reply bytes.
+// The part of a recording stub common to the interfaces: what it saw, and the
+// status its methods answer. A method fills its output from its row's reply bytes.
 class Recorder {
 public:
-    Seen Last() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return seen_;
-    }
-    void Answer(const Status& answer) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        answer_ = answer;
-    }
-    // In a child process: each method reached is reported "<code> as sent" or "<code> differs".
-    const tivra_test::Channel* events = nullptr;
+    Seen seen;
+    Status answer = Status::ok();
 
 protected:
     status_t Record(const String16& descriptor, uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags,
                     const std::function<status_t()>& dispatch) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        seen_ = Seen{code, flags, Contents(data), {}, {}, seen_.calls};
+        seen = Seen{code, flags, Contents(data), {}, {}, seen.calls};
         row_ = FindRow(descriptor, code);
         const status_t result = dispatch();
-        seen_.reply = reply == nullptr ? Bytes{} : Contents(*reply);
+        seen.reply = reply == nullptr ? Bytes{} : Contents(*reply);
         return result;
     }
 
@@ -139,12 +119,9 @@ protected:
         }
         Parcel inputs;
         (Take(inputs, args), ...);
-        seen_.inputs = Contents(inputs);
-        ++seen_.calls;
-        if (events != nullptr) {
-            events->post(std::to_string(seen_.code) + (seen_.inputs == row_->in ? " as sent" : " differs"));
-        }
-        return answer_;
+        seen.inputs = Contents(inputs);
+        ++seen.calls;
+        return answer;
     }
 
 private:
@@ -160,9 +137,6 @@ private:
         frame::Read(reply, output);
     }
 
-    std::mutex mutex_;
-    Seen seen_;
-    Status answer_ = Status::ok();
     const Row* row_ = nullptr;
 };
 
@@ -291,7 +265,7 @@ TEST(Transactions, EveryRowTravelsByteForByteAndAFailedCallCarriesOnlyItsStatus)
         Bytes output;
         const Status status = row.send(stub, &output);
         EXPECT_TRUE(status.isOk()) << Text(status);
-        Seen seen = recorder->Last();
+        const Seen& seen = recorder->seen;
         EXPECT_EQ(seen.code, row.code);
         EXPECT_EQ(seen.flags, oneWay ? IBinder::FLAG_ONEWAY : 0u);
         EXPECT_EQ(seen.data, Cat(Token(row.descriptor), row.in));
@@ -301,10 +275,9 @@ TEST(Transactions, EveryRowTravelsByteForByteAndAFailedCallCarriesOnlyItsStatus)
 
         // A failure travels alone and whole to a two-way caller, whose output
         // stays as it was; a one-way method's status is dropped.
-        recorder->Answer(refusal);
+        recorder->answer = refusal;
         output.clear();
         const Status failed = row.send(stub, &output);
-        seen = recorder->Last();
         EXPECT_EQ(seen.calls, 2);
         EXPECT_EQ(seen.reply, oneWay ? Bytes{} : Written(refusal));
         EXPECT_EQ(Text(failed), Text(oneWay ? Status::ok() : refusal));
@@ -345,7 +318,7 @@ TEST(Transactions, NullValuesFailedReadsMissingTokensAndUnknownCodesReachNoMetho
         Put(data, c.data);
         EXPECT_EQ(stub->transact(c.code, data, &reply), c.result);
         EXPECT_EQ(Contents(reply), c.reply);
-        EXPECT_EQ(recorder->Last().calls, 0);
+        EXPECT_EQ(recorder->seen.calls, 0);
     }
 }
 
@@ -398,40 +371,6 @@ TEST(DefaultImpl, TakesOverOnlyUnknownTransactionsAndTheFirstInstalledStays) {
     EXPECT_EQ(udid, S("untouched"));
     EXPECT_EQ(dead->getNodeExtInfo(S("n"), S("k"), &udid).transactionError(), DEAD_OBJECT);
     EXPECT_EQ(udid, S("untouched"));
-}
-
-// Between real processes (the stub in a child registered with a private
-// binderd): a one-way call whose record is null reaches no method, and the
-// stub's status goes to a reply that nobody reads, whether the call came
-// through binderd or straight from this process; the child serves on. The
-// null calls report nothing, so the next report is of code 3. (The rows
-// themselves cross processes in adapter_test.)
-TEST(AcrossProcesses, ANullOneWayRecordIsSurvivedAndTheNextCallArrivesAsSent) {
-    tivra_test::BinderdSession session;
-    ASSERT_TRUE(session.started()) << session.error();
-    tivra_test::Channel events;
-    session.spawn([&events] {
-        ProcessState::self()->startThreadPool();
-        const sp<RecordingDeviceListener> nodes = new RecordingDeviceListener();
-        nodes->events = &events;
-        CHILD_CHECK(defaultServiceManager()->addService(S(kNodes), nodes) == OK);
-        events.post("ready");
-        IPCThreadState::self()->joinThreadPool();
-        return 0;
-    });
-    ASSERT_EQ(events.next(), "ready");
-    const sp<IBinder> nodes = defaultServiceManager()->checkService(S(kNodes));
-    ASSERT_NE(nodes, nullptr);
-    Parcel nullRecord;
-    nullRecord.writeInterfaceToken(S(kNodes));
-    nullRecord.writeInt32(0);
-    for (const bool direct : {false, true}) {
-        ProcessState::self()->setDirectCalls(direct);
-        EXPECT_EQ(nodes->transact(IBinder::FIRST_CALL_TRANSACTION, nullRecord, nullptr, IBinder::FLAG_ONEWAY), OK);
-    }
-    Bytes none;
-    EXPECT_TRUE(FindRow(S(kNodes), 3)->send(nodes, &none).isOk());
-    EXPECT_EQ(events.next(), "3 as sent");
 }
 
 }  // namespace
