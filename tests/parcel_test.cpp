@@ -156,32 +156,6 @@ TEST(ParcelLayout, WritesHandComputedBytesAndReadsThemBack) {
 
 // ---- Reads ---------------------------------------------------------------------
 
-// Every data size below what the read needs, at every start position inside it.
-// Typed reads share one bounds check: a value and raw bytes that need padding.
-TEST(ParcelRead, ShortDataFailsWithNotEnoughDataAndKeepsPosition) {
-    const struct {
-        size_t needs;  // bytes the read consumes
-        std::function<status_t(const Parcel&)> read;
-    } cases[] = {
-        {8, [](const Parcel& p) { int64_t v = 0; return p.readInt64(&v); }},
-        {6, [](const Parcel& p) { uint8_t v[6] = {}; return p.read(v, sizeof(v)); }},
-    };
-    for (const auto& c : cases) {
-        const size_t padded = (c.needs + 3) & ~size_t{3};
-        for (size_t size = 0; size < padded + 4; ++size) {
-            Parcel parcel;
-            Load(&parcel, Bytes(size, 0x5A));
-            for (size_t pos = 0; pos <= size + 4; ++pos) {
-                parcel.setDataPosition(pos);
-                const bool fits = pos + padded <= size;
-                const std::string at = std::to_string(&c - cases) + ": " + std::to_string(size) + "@" + std::to_string(pos);
-                EXPECT_EQ(c.read(parcel), fits ? android::OK : android::NOT_ENOUGH_DATA) << at;
-                EXPECT_EQ(parcel.dataPosition(), fits ? pos + padded : pos) << at;
-            }
-        }
-    }
-}
-
 TEST(ParcelRead, MalformedString16GivesUnexpectedNullAndEmptyOutput) {
     const struct {
         const char* name;
@@ -329,8 +303,9 @@ TEST(ParcelObjectTable, ValidatedBySetObjects) {
     }
 }
 
-// Object at bytes 8..31 of 40; reads that touch it are refused.
-TEST(ParcelObjectTable, PlainReadsMustNotOverlapAnObject) {
+// Object at bytes 8..31 of 40. A read must fit the data, its padding included,
+// and not touch the object; a refused read keeps the position.
+TEST(ParcelRead, PlainReadsMustFitTheDataAndNotOverlapAnObject) {
     Parcel parcel;
     Load(&parcel, Bytes(40, 0));
     ASSERT_EQ(parcel.appendObject(8), android::OK);
@@ -343,6 +318,8 @@ TEST(ParcelObjectTable, PlainReadsMustNotOverlapAnObject) {
         {8, 4, android::PERMISSION_DENIED},         {20, 4, android::PERMISSION_DENIED},
         {28, 4, android::PERMISSION_DENIED},        {0, 40, android::PERMISSION_DENIED},
         {32, 4, android::OK}, {32, 8, android::OK}, {6, 1, android::PERMISSION_DENIED},
+        {36, 5, android::NOT_ENOUGH_DATA},          {37, 3, android::NOT_ENOUGH_DATA},
+        {44, 0, android::NOT_ENOUGH_DATA},          {0, ~size_t{0} - 1, android::NOT_ENOUGH_DATA},  // padding wraps
     };
     for (const auto& r : reads) {
         parcel.setDataPosition(r.pos);

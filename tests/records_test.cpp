@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <functional>
 #include <limits>
-#include <random>
 #include <set>
 #include <string>
 #include <utility>
@@ -77,10 +76,8 @@ TEST(DeviceRecord, WritesExactBytesAndReadsThemBack) {
         DeviceInfoExternal device("old", "old", "old", "old");
         parcel.setDataPosition(0);
         ASSERT_EQ(device.readFromParcel(&parcel), android::OK);
-        const DeviceInfoExternal& d = c.device;
-        EXPECT_EQ(Describe(device), Describe(DeviceInfoExternal(d.GetDeviceName().c_str(), d.GetDeviceId().c_str(),
-                                                                d.GetDeviceType().c_str(), d.GetDeviceIp().c_str())));
         EXPECT_EQ(parcel.dataAvail(), 0u);
+        EXPECT_EQ(Written(device), c.bytes);  // every field replaced, each in its place
     }
 }
 
@@ -397,35 +394,6 @@ TEST(TextConversion, NamedCasesConvertAsTheGenuineStrings) {
         u"\xFFFF\xFFFE\x0080\x07FF\x0800",
     };
     for (const std::u16string& units : utf16) ExpectConvertsLikeString8(units);
-}
-
-// Random UTF-8 from pieces that hit every path: runs of ASCII, sequences of
-// each length, NULs and, unless the text is to be well-formed, any byte and
-// sequences cut short.
-std::string RandomUtf8(std::mt19937* engine, bool wellFormed) {
-    const auto below = [engine](uint32_t bound) { return std::uniform_int_distribution<uint32_t>(0, bound - 1)(*engine); };
-    static constexpr char32_t kFirst[] = {0, 0, 0x80, 0x800, 0x10000, 0x110000};  // by sequence length
-    std::string text;
-    for (uint32_t pieces = below(12); pieces > 0; --pieces) {
-        const uint32_t kind = below(wellFormed ? 3 : 5);
-        if (kind == 0) text += std::string(below(17), static_cast<char>(' ' + below(95)));
-        if (kind == 2) text += '\0';
-        if (kind == 3) text += static_cast<char>(below(0x100));
-        if (kind != 1 && kind != 4) continue;
-        const int length = 2 + static_cast<int>(below(3));
-        char32_t cp = kFirst[length] + below(kFirst[length + 1] - kFirst[length]);
-        if (cp >= 0xD800 && cp <= 0xDFFF) cp = 0xFFFD;
-        char bytes[4];
-        for (int i = length - 1; i > 0; --i, cp >>= 6) bytes[i] = static_cast<char>(0x80 | (cp & 0x3F));
-        bytes[0] = static_cast<char>(((0xFF00 >> length) & 0xFF) | cp);
-        text.append(bytes, kind == 4 ? 1 + below(length - 1) : length);
-    }
-    return text;
-}
-
-TEST(TextConversion, RandomUtf8ConvertsAsTheGenuineString16) {
-    std::mt19937 engine(20240611);
-    for (int i = 0; i < 20000 && !HasFatalFailure(); ++i) ExpectConvertsLikeString16(RandomUtf8(&engine, i % 2 == 0));
 }
 
 }  // namespace

@@ -155,17 +155,10 @@ TIVRA_TEST_RECORDING_STUB(DeviceMonitorService, TIVRA_DEVICE_MONITOR_SERVICE_TRA
 TIVRA_TEST_RECORDING_STUB(DeviceChangeListener, TIVRA_DEVICE_CHANGE_LISTENER_TRANSACTIONS)
 TIVRA_TEST_RECORDING_STUB(DeviceListener, TIVRA_DEVICE_LISTENER_TRANSACTIONS)
 
-template <typename Stub>
-sp<IBinder> NewStub(Recorder** recorder) {
-    auto* stub = new Stub();
-    *recorder = stub;
-    return stub;
-}
-
-sp<IBinder> NewStub(const std::string& descriptor, Recorder** recorder) {
-    if (descriptor == kService) return NewStub<RecordingDeviceMonitorService>(recorder);
-    if (descriptor == kDevices) return NewStub<RecordingDeviceChangeListener>(recorder);
-    return NewStub<RecordingDeviceListener>(recorder);
+sp<IBinder> NewStub(const std::string& descriptor) {
+    if (descriptor == kService) return new RecordingDeviceMonitorService();
+    if (descriptor == kDevices) return new RecordingDeviceChangeListener();
+    return new RecordingDeviceListener();
 }
 
 using Svc = BpDeviceMonitorService;
@@ -240,9 +233,7 @@ const std::vector<Row>& Rows() {
 
 const Row* FindRow(const String16& descriptor, uint32_t code) {
     for (const Row& row : Rows()) {
-        if (String16(row.descriptor) == descriptor && row.code == code) {
-            return &row;
-        }
+        if (String16(row.descriptor) == descriptor && row.code == code) return &row;
     }
     return nullptr;
 }
@@ -258,8 +249,8 @@ TEST(Transactions, EveryRowTravelsByteForByteAndAFailedCallCarriesOnlyItsStatus)
         expectedCode = std::string(row.descriptor) == previous ? expectedCode + 1 : 1;
         previous = row.descriptor;
         EXPECT_EQ(row.code, expectedCode) << "the rows list each interface's codes in order";
-        Recorder* recorder = nullptr;
-        const sp<IBinder> stub = NewStub(row.descriptor, &recorder);
+        const sp<IBinder> stub = NewStub(row.descriptor);
+        Recorder* recorder = dynamic_cast<Recorder*>(stub.get());
         const bool oneWay = std::string(row.descriptor) != kService;
 
         Bytes output;
@@ -311,8 +302,8 @@ TEST(Transactions, NullValuesFailedReadsMissingTokensAndUnknownCodesReachNoMetho
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.descriptor) + " " + std::to_string(c.code));
-        Recorder* recorder = nullptr;
-        const sp<IBinder> stub = NewStub(c.descriptor, &recorder);
+        const sp<IBinder> stub = NewStub(c.descriptor);
+        Recorder* recorder = dynamic_cast<Recorder*>(stub.get());
         Parcel data;
         Parcel reply;
         Put(data, c.data);
