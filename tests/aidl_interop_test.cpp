@@ -73,8 +73,6 @@ const Echo kEchoes[] = {
     {std::nullopt, std::nullopt, 0},
 };
 
-// ---- The peer written by hand ------------------------------------------------
-
 constexpr uint32_t kEcho = IBinder::FIRST_CALL_TRANSACTION;
 constexpr uint32_t kPick = kEcho + 1;
 constexpr uint32_t kPost = kEcho + 2;
@@ -181,8 +179,6 @@ protected:
     }
 };
 
-// ---- The generated side --------------------------------------------------------
-
 std::unique_ptr<String16> Nullable16(const std::optional<std::string>& text) {
     return text ? std::make_unique<String16>(Text16(*text)) : nullptr;
 }
@@ -230,8 +226,6 @@ public:
         return callback->onSample(sample);
     }
 };
-
-// ---- Both ways: each side in a process of its own ---------------------------------
 
 const String16 kHandPeerName(u"tivra.aidltest.hand");
 const String16 kGeneratedPeerName(u"tivra.aidltest.generated");

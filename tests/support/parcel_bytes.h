@@ -37,12 +37,11 @@ inline Bytes Cat(Bytes a, const Bytes& b) {
 }
 
 // Values laid out by the platform's own parcel operations, one after another:
-// text as a String16, int as an int32, bool, a binder, or bytes as they are.
+// text as a String16, int as an int32, bool or a binder.
 inline void Put(android::Parcel& parcel, const char* text) { parcel.writeString16(android::String16(text)); }
 inline void Put(android::Parcel& parcel, int32_t value) { parcel.writeInt32(value); }
 inline void Put(android::Parcel& parcel, bool value) { parcel.writeBool(value); }
 inline void Put(android::Parcel& parcel, const android::sp<android::IBinder>& binder) { parcel.writeStrongBinder(binder); }
-inline void Put(android::Parcel& parcel, const Bytes& raw) { parcel.write(raw.data(), raw.size()); }
 
 template <typename... V>
 Bytes Wire(const V&... values) {
