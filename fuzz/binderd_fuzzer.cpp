@@ -1,27 +1,24 @@
 // binderd fed by rogue connections, built twice (see CMakeLists.txt).
 //
-// Without BINDERD_FUZZ_LOOP: arbitrary byte streams from four connections of
-// two processes go to the frame decoder and the driver, whose tables must
-// agree after every frame. Input: records of [selector byte][frame bytes].
-// The selector's low two bits pick the connection; bit 2 disconnects it
-// instead; bit 3 lets pending service lookups time out and watchers catch
-// up. Any connection may watch the traffic, and every other watcher is too
-// far behind to be sent anything; a connection the driver cuts is replaced.
+// Without BINDERD_FUZZ_LOOP: byte streams from four connections of two
+// processes go to the frame decoder and the driver, whose tables must agree
+// after every frame. Input: records of [selector byte][frame bytes]; the
+// selector's low two bits pick the connection, bit 2 disconnects it instead,
+// bit 3 lets pending lookups time out and watchers catch up. Any connection
+// may watch, every other watcher too far behind to be sent anything; a
+// connection the driver cuts is replaced.
 //
 // With BINDERD_FUZZ_LOOP: the event loop through real sockets. Up to eight
-// clients connect to a private listening socket, queue frames or raw bytes,
-// write what they queued in pieces of any size, read some of what binderd
-// sent or nothing at all, and close, while the loop runs a round whenever the
-// input asks. Input: records of [op][client][argument] and, for a frame, its
-// payload: op % 7: 0 connect; 1 queue a frame (argument: payload size,
-// command from the next byte); 2 queue `argument` raw bytes; 3 write up to
-// `argument` * 64 queued bytes; 4 read up to `argument` * 256 bytes; 5 close;
-// 6 a round.
+// clients queue frames or raw bytes, write them in pieces of any size, read
+// some of what binderd sent or nothing, and close, while the loop runs a
+// round when the input asks. Input: records of [op][client][argument] (and a
+// frame's payload): op % 7: 0 connect; 1 queue a frame (argument: payload
+// size, command from the next byte); 2 queue `argument` raw bytes; 3 write up
+// to `argument` * 64 queued bytes; 4 read up to `argument` * 256; 5 close; 6 a round.
 //
 // Either way binderd must never crash, leak, read outside a frame, grow
 // without bound or touch a connection after it is gone. A HelloThread whose
-// first byte is a connection's (or client's) number is given the token of
-// that one's welcome, so thread sessions can be reached.
+// first byte is a connection's (or client's) number gets that one's session token.
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -48,7 +45,9 @@ namespace {
 using android::binderd::ConnectionId;
 using namespace android::hostbinder;
 
-void discardLog(const struct __android_logger_data*, const char*) {}
+// binderd's log would drown the fuzzer's own output.
+[[maybe_unused]] const bool kQuiet =
+    (__android_log_set_logger([](const struct __android_logger_data*, const char*) {}), true);
 
 // A thread hello whose first byte names a connection (or client) below
 // `count` gets the token `tokenOf(that number)`.
@@ -100,9 +99,6 @@ public:
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool quiet = (__android_log_set_logger(discardLog), true);
-    (void)quiet;
-
     RecordingOutbox outbox;
     // Every connection's uid may watch the traffic.
     android::binderd::Driver driver(outbox, false, 1000);
@@ -159,11 +155,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 #else  // BINDERD_FUZZ_LOOP
 
 constexpr size_t kClients = 8;
-constexpr uint32_t kCommands[] = {kHelloProcess,  kHelloThread,   kEnterLooper,   kTransaction,   kReply,
-                                  kOnewayDone,    kReleaseHandle, kRequestDeath,  kClearDeath,    kSetMaxThreads,
-                                  kOnewayCredited, kOpenChannel,  kChannelCredit, kChannelDone,   kResolveReach,
-                                  kServingChannel, kChannelReply, kChannelFence,  kReachDropped,  kChannelDrained,
-                                  kReturnCredit,  kHoldingNow};
 
 sockaddr_un listeningAddress() {
     sockaddr_un address{};
@@ -209,12 +200,10 @@ struct Client {
     }
     // Reads and keeps the token of a process welcome.
     void read(size_t most) {
-        std::vector<uint8_t> bytes(most);
-        const ssize_t n = fd < 0 ? -1 : recv(fd, bytes.data(), bytes.size(), 0);
-        if (n <= 0) {
-            return;
-        }
-        received.insert(received.end(), bytes.begin(), bytes.begin() + n);
+        const size_t had = received.size();
+        received.resize(had + most);
+        const ssize_t n = fd < 0 ? -1 : recv(fd, received.data() + had, most, 0);
+        received.resize(had + static_cast<size_t>(std::max<ssize_t>(n, 0)));
         Frame frame;
         size_t consumed = 0;
         while (decodeFrame(received.data(), received.size(), &frame, &consumed) == DecodeStatus::kComplete) {
@@ -229,10 +218,8 @@ struct Client {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool quiet = (__android_log_set_logger(discardLog), true);
     static const int listenFd = listeningSocket();
     static const int stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    (void)quiet;
 
     android::binderd::EventLoop loop(listenFd, stopFd, android::binderd::PeerPolicy(), false);
     Client clients[kClients];
@@ -246,7 +233,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             client.disconnect();
             client.connect();
         } else if (op == 1 && at < size) {
-            const uint32_t command = kCommands[data[at++] % std::size(kCommands)];
+            // Every command a process sends, but for watching the traffic.
+            const uint32_t next = kHelloProcess + data[at++] % (kHoldingNow - 1);
+            const uint32_t command = next < kHelloMonitor ? next : next + 1;
             std::vector<uint8_t> payload(data + at, data + std::min(size, at + argument));
             at += payload.size();
             giveSessionToken(command, payload.data(), payload.size(), kClients,
