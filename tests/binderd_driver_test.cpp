@@ -623,13 +623,23 @@ TEST_F(DriverFrames, LookupsWaitingForANameAreBoundedPerProcess) {
     }
 }
 
-TEST(TrafficReport, OnlyTheOwnerAndRootMayWatch) {
+TEST(TrafficReport, OnlyTheOwnerAndRootMayWatchAndWatchersAreBounded) {
+    using android::binderd::kMaxWatchers;
+    using android::binderd::kMaxWatchersPerProcess;
     ScriptedOutbox outbox;
     android::binderd::TrafficReport report(outbox, 1000);
     EXPECT_EQ(report.admit(1, 10, 1001), kNotAllowedToWatch);
     EXPECT_FALSE(report.watched());
     EXPECT_EQ(report.admit(2, 10, 0), 0u);
-    EXPECT_EQ(report.admit(3, 11, 1000), 0u);
+    // Each process within its share, one process per share.
+    for (ConnectionId id = 3; id < 2 + kMaxWatchers; ++id) {
+        ASSERT_EQ(report.admit(id, static_cast<pid_t>(100 + (id - 3) / kMaxWatchersPerProcess), 1000), 0u)
+            << "watcher " << id;
+    }
+    EXPECT_EQ(report.admit(200, 100, 1000), kTooManyConnections);
+    // All places taken: a process watching with none takes the newest place of one watching with the most.
+    EXPECT_EQ(report.admit(201, 500, 1000), 0u);
+    EXPECT_EQ(outbox.finished.size(), 1u);
 }
 
 class DriverChannels : public DriverFrames {
@@ -699,6 +709,11 @@ TEST_F(DriverChannels, CreditFillsTheOwnersBufferAndRelayedCallsWaitBehindDirect
     EXPECT_EQ(framesTo(kClientControl, kChannelQuiet), 0u);
     ASSERT_TRUE(feed(kServiceLooper, kOnewayDone, {}));
     EXPECT_EQ(payloadAs<ChannelProgress>(sent(kClientControl, kChannelQuiet)).total, 1u);
+    // The room came back with the fence; a fence beyond the credit ever granted breaks the protocol.
+    ASSERT_TRUE(feed(kClientThread, kChannelCredit, ask));
+    ASSERT_EQ(outbox.sent.back().command, kCreditGranted);
+    const uint64_t everGranted = 600 + payloadAs<uint32_t>(outbox.sent.back());
+    EXPECT_FALSE(feed(kClientControl, kChannelFence, progress(everGranted + 1)));
     // Threads announce their calls on their own connections: both fences may come before either call.
     // Each call takes one, and binderd says the relayed calls are done only once both are.
     constexpr ConnectionId kSecondThread = 7;
