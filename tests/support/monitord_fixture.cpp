@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -95,8 +94,7 @@ MonitordSession::~MonitordSession() {
 }
 
 bool MonitordSession::StartService(const nlohmann::json& scenario) {
-    if (!ready()) return false;  // error() says why binderd did not come up
-    scenario_ = scenario;
+    if (!binderd_.started()) return false;  // error() says why
     const std::string base = std::filesystem::path(binderd_.socketPath()).parent_path().string() + "/monitord-" +
                              std::to_string(++started_);
     const std::string scenarioPath = base + ".json", outputPath = base + ".log";
@@ -134,29 +132,19 @@ bool MonitordSession::StartService(const nlohmann::json& scenario) {
         services_.pop_back();
         error_ = "tivra-monitord ended before it registered: " + ReadFile(outputPath);
     } else {
-        KillService(service);
+        KillService();
         error_ = "tivra-monitord did not register in time: " + ReadFile(outputPath);
     }
     return false;
 }
 
-bool MonitordSession::KillService() { return !services_.empty() && KillService(services_.back()); }
-
-bool MonitordSession::KillService(pid_t service) {
-    const auto found = std::find(services_.begin(), services_.end(), service);
-    if (found == services_.end()) {
-        error_ = "no such service process";
-        return false;
-    }
-    services_.erase(found);
+bool MonitordSession::KillService() {
+    if (services_.empty()) return false;
+    const pid_t service = services_.back();
+    services_.pop_back();
     kill(service, SIGKILL);
     Reap(service);
     return true;
-}
-
-bool MonitordSession::RestartService() {
-    KillService();  // none left when a test killed it already
-    return StartService(scenario_);
 }
 
 }  // namespace tivra_test

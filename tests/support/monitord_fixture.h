@@ -34,8 +34,7 @@ public:
     MonitordSession(const MonitordSession&) = delete;
     MonitordSession& operator=(const MonitordSession&) = delete;
 
-    // False (with the reason in error()) when binderd did not come up.
-    bool ready() const { return binderd_.started(); }
+    // Empty unless binderd did not come up or a service did not start.
     const std::string& error() const { return error_; }
     BinderdSession& binderd() { return binderd_; }
     // The latest service's pid (-1: none), for measuring its CPU time.
@@ -44,11 +43,8 @@ public:
     // Starts a service and waits until it has registered; one started before
     // keeps running. False, with error(), when it did not register.
     bool StartService(const nlohmann::json& scenario);
-    // SIGKILLs a service (by default the latest) and reaps it.
+    // SIGKILLs the latest service and reaps it.
     bool KillService();
-    bool KillService(pid_t service);
-    // Kills the latest service, if any, and starts one with the same scenario.
-    bool RestartService();
 
     // A client of the control interface registered now (Binder lookup).
     tivra_control::MonitorControlClient Control() const { return {}; }
@@ -56,7 +52,6 @@ public:
 private:
     BinderdSession binderd_;
     std::string error_;
-    nlohmann::json scenario_;
     std::vector<pid_t> services_;
     int started_ = 0;
 };
