@@ -24,6 +24,7 @@
 #include "log_capture.h"
 #include "monitord_fixture.h"
 #include "tivra/tivra_adapter.h"
+#include "tivra/tivra_log.h"
 
 namespace tivra_test {
 namespace {
@@ -189,6 +190,33 @@ TEST(AdapterConnection, AbsentServiceFailsEveryOperationUntilItAppears) {
 
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         EXPECT_EQ(LocalDevice(), kLocal);
+    });
+}
+
+// The library leaves the program's minimum priority alone (and its logger:
+// AbsentService's capture sees every line); the sink of tivra_log.h takes the
+// lines at its minimum and above, and without a sink they go to stderr.
+TEST(Log, ReachesTheSinkAtItsMinimumAndStderrWithoutOne) {
+    RunInOwnProcess([] {
+        MonitordSession session;  // no service: each RegisterCallback below logs one failure
+        const auto logFailure = [] { Adapter()->RegisterCallback(nullptr); };
+        const std::string failure = "RegisterCallback: get pravik service failed";
+        __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
+        logFailure();
+        EXPECT_EQ(__android_log_get_minimum_priority(), ANDROID_LOG_DEBUG);
+        std::vector<std::string> sunk;
+        SetTivraLogSink([&sunk](TivraLogPriority priority, const std::string& tag, const std::string& text) {
+            sunk.push_back(std::to_string(priority) + " " + tag + ": " + text);
+        });
+        logFailure();
+        SetTivraLogMinPriority(TIVRA_LOG_SILENT);
+        logFailure();
+        SetTivraLogMinPriority(TIVRA_LOG_INFO);
+        SetTivraLogSink(nullptr);
+        testing::internal::CaptureStderr();
+        logFailure();
+        EXPECT_NE(testing::internal::GetCapturedStderr().find(failure), std::string::npos);
+        EXPECT_EQ(sunk, std::vector<std::string>{"6 libtivra: " + failure});
     });
 }
 

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # The installed package used from outside the tree: what is installed where,
 # how libtivra.so finds its private runtime (what it exports: abi_test.sh),
-# tivra.pc, the user guide's code, the log header, bash completion and the
-# systemd units; then the example client built twice (pkg-config and
-# find_package) and run against the installed binderd and tivra-monitord.
+# tivra.pc, the user guide's code, bash completion and the systemd units;
+# then the example client built twice (pkg-config and find_package) and run
+# against the installed binderd and tivra-monitord.
 # Usage: install_test.sh SOURCE_DIR BUILD_DIR CXX
 set -euo pipefail
 source_dir=$1
@@ -61,8 +61,7 @@ export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
 [ "$(pkg-config --variable=libdir tivra)" = "$prefix/$libdir" ] || fail "tivra.pc libdir: $(pkg-config --variable=libdir tivra)"
 [[ $(pkg-config --libs tivra) != *rpath* ]] || fail "tivra.pc carries an rpath: $(pkg-config --libs tivra)"
 
-# Programs against the installed package only; with no rpath they run with
-# LD_LIBRARY_PATH=PREFIX/LIBDIR, as a user's program in a private prefix would.
+# Programs against the installed package only.
 build() { # OUTPUT SOURCE...
   local output=$1
   shift
@@ -81,21 +80,12 @@ guide=$prefix/share/doc/tivra/docs/user-guide.md
 } >"$work/guide.cpp"
 ! grep '^```.' "$guide" | grep -vxE '```(cpp|sh|cmake)' || fail "a code block of the user guide is not marked cpp, sh or cmake"
 build guide "$work/guide.cpp" || fail "a code block of the user guide does not build: $work/guide.cpp"
-build log_client "$source_dir/tests/installed/log_client.cpp" || fail "log client did not build"
 build example_pkgconfig "$prefix/share/doc/tivra/examples/device_watch.cpp" || fail "pkg-config build failed"
 cmake -S "$prefix/share/doc/tivra/examples" -B "$work/example_cmake" -G Ninja -DCMAKE_CXX_COMPILER="$cxx" \
   -DCMAKE_PREFIX_PATH="$prefix" >"$work/example_cmake.log" || fail "find_package configure failed"
 cmake --build "$work/example_cmake" >>"$work/example_cmake.log" || fail "find_package build failed"
 
-# The log, with no binderd: to the program's own logger while the program
-# set one, then to the header's sink, then to stderr.
 export HOSTBINDER_SOCKET=$work/binder
-LD_LIBRARY_PATH=$prefix/$libdir "$work/log_client" >"$work/log.out" 2>"$work/log.err" || fail "log client failed"
-[ "$(cat "$work/log.out")" = "program's logger: RegisterCallback: get pravik service failed
-6 libtivra: RegisterCallback: get pravik service failed" ] ||
-  fail "the log did not go where the program said: $(cat "$work/log.out")"
-[ "$(grep -c "RegisterCallback: get pravik service failed" "$work/log.err")" -eq 1 ] ||
-  fail "stderr did not get the line logged without a sink alone: $(cat "$work/log.err")"
 
 if command -v systemd-analyze >/dev/null; then
   mkdir -p "$work/runtime"
@@ -115,7 +105,7 @@ grep -qF "from $prefix/bin/../share/tivra/scenarios/sample.json" "$work/monitord
   fail "installed tivra-monitord did not use the installed sample: $(cat "$work/monitord.out")"
 
 # The example waits for the sample timeline's first device event; the one
-# built by CMake runs without LD_LIBRARY_PATH (the pkg-config way: log_client).
+# built by CMake runs without LD_LIBRARY_PATH.
 "$work/example_cmake/device_watch" 1 10 >"$work/cmake.out" 2>&1 ||
   fail "find_package example failed: $(cat "$work/cmake.out")"
 for line in "device: Living Room TV (dev-tv-19c2, TV, 192.168.1.31)" "node: Kitchen Speaker (node-spk-4410), network WIFI" \
