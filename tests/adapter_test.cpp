@@ -55,7 +55,6 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return events_;
     }
-    size_t Size() const { return Events().size(); }
     bool WaitForSize(size_t count, std::chrono::milliseconds timeout = 10s) const {
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return events_.size() >= count; });
@@ -201,9 +200,9 @@ TEST(Log, ReachesTheSinkAtItsMinimumAndStderrWithoutOne) {
         MonitordSession session;  // no service: each RegisterCallback below logs one failure
         const auto logFailure = [] { Adapter()->RegisterCallback(nullptr); };
         const std::string failure = "RegisterCallback: get pravik service failed";
-        __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
+        __android_log_set_minimum_priority(ANDROID_LOG_WARN);
         logFailure();
-        EXPECT_EQ(__android_log_get_minimum_priority(), ANDROID_LOG_DEBUG);
+        EXPECT_EQ(__android_log_get_minimum_priority(), ANDROID_LOG_WARN);
         std::vector<std::string> sunk;
         SetTivraLogSink([&sunk](TivraLogPriority priority, const std::string& tag, const std::string& text) {
             sunk.push_back(std::to_string(priority) + " " + tag + ": " + text);
@@ -224,7 +223,7 @@ TEST(Log, ReachesTheSinkAtItsMinimumAndStderrWithoutOne) {
 // while binderd is stopped (a lookup would wait for binderd). (Its death makes
 // the adapter look again: ServiceDeath. A live service's name is binderd's to
 // keep: binderd_driver_test, cli.)
-TEST(AdapterConnection, CachedProxyServesUntilTheServiceDies) {
+TEST(AdapterConnection, CachedProxyServesWhileBinderdIsStopped) {
     // A stopped binderd tells a cached proxy from a new lookup only where
     // calls take a direct channel.
     if (const char* direct = std::getenv("HOSTBINDER_DIRECT"); direct != nullptr && std::string(direct) == "0") {
@@ -234,21 +233,11 @@ TEST(AdapterConnection, CachedProxyServesUntilTheServiceDies) {
         MonitordSession session;
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         // One thread, so that its calls keep the channel it has.
-        EventLog<std::string> answers;
-        EventLog<bool> binderdStopped;
-        std::thread caller([&] {
-            for (int i = 0; i < 3; ++i) answers.Add(LocalDevice());
-            binderdStopped.WaitForSize(1);
-            answers.Add(LocalDevice());
-        });
-        EXPECT_TRUE(answers.WaitForSize(3));
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(LocalDevice(), kLocal);
         kill(session.binderd().binderdPid(), SIGSTOP);
-        binderdStopped.Add(true);
-        const bool answered = answers.WaitForSize(4, std::chrono::seconds(5));
+        // A new lookup would wait for binderd: the case would not finish.
+        EXPECT_EQ(LocalDevice(), kLocal);
         kill(session.binderd().binderdPid(), SIGCONT);
-        caller.join();
-        EXPECT_TRUE(answered) << "the call waited for binderd: the service was looked up again";
-        EXPECT_EQ(answers.Events(), std::vector<std::string>(4, kLocal));
     });
 }
 
@@ -549,7 +538,7 @@ TEST(Callbacks, ListenersGetNewRecordsAndMappedKindsInOrderAndMayCallTheAdapter)
         Emit(session, {{"event", "deviceOffline"}, {"deviceId", "dev-1"}});
         ASSERT_TRUE(successor->log.WaitForSize(1));
         EXPECT_FALSE(successor->log.Events()[0].first);
-        EXPECT_EQ(listener->log.Size(), 1u) << "an unregistered listener was called";
+        EXPECT_EQ(listener->log.Events().size(), 1u) << "an unregistered listener was called";
     });
 }
 
@@ -585,9 +574,9 @@ TEST(ServiceDeath, EachLinkedNotifierIsToldOnceAfterTheAdapterForgotTheService) 
         // One notice per recipient: the two notifiers' and the adapter's own.
         ASSERT_TRUE(waitUntil([&] { return log.Count(kDeathNotice) >= 3; }));
         EXPECT_TRUE(log.Contains(ANDROID_LOG_INFO, kDeathNotice));
-        EXPECT_EQ(first->deaths.Size(), 1u);
-        EXPECT_EQ(second->deaths.Size(), 1u);
-        EXPECT_EQ(unlinked->deaths.Size(), 0u);
+        EXPECT_EQ(first->deaths.Events().size(), 1u);
+        EXPECT_EQ(second->deaths.Events().size(), 1u);
+        EXPECT_EQ(unlinked->deaths.Events().size(), 0u);
 
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         // Forgotten: a registration kept would make these duplicates.
@@ -608,7 +597,7 @@ TEST(ServiceDeath, EachLinkedNotifierIsToldOnceAfterTheAdapterForgotTheService) 
         EXPECT_EQ(LocalDevice(), kLocal);
         EXPECT_TRUE(Adapter()->RegisterCallback(listener)) << "the old registration still counted";
         EXPECT_EQ(log.Count(kDeathNotice), 1u);
-        EXPECT_EQ(second->deaths.Size(), 1u);
+        EXPECT_EQ(second->deaths.Events().size(), 1u);
     });
 }
 

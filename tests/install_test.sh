@@ -121,7 +121,6 @@ while IFS='|' read -r typed offered; do
   [ "$got" = "$offered" ] || fail "completing '$typed' offered '$got', not '$offered'"
 done <<'EOF'
 sim fault getAllDevices ''|exception transport refuse corruptReply
-sim fault getAllD|getAllDevices
 --json sim fault --times=1 addDev|addDeviceChangeListener addDeviceChangeListenerPassive
 watch --for = ''|500ms 10s 1m 1h
 watch --for=1|--for=10s --for=1m --for=1h

@@ -76,15 +76,6 @@ TEST(SimulatedNetwork, EventsChangeTheNetworkAndCarryFullRecords) {
     online.node.nodeId = "n2";
     EXPECT_EQ(network.Apply(online), std::nullopt);
     EXPECT_EQ(network.RemoteNodes().size(), 2u);
-
-    // Quiet changes: a replaced device keeps its place.
-    network.SetDevice({"Tablet", "d2", "TABLET", "10.0.0.3"});
-    network.SetDevice({"TV again", "d2", "TV", "10.0.0.2"});
-    network.SetDevice({"Lamp", "d3", "LIGHT", "10.0.0.4"});
-    ASSERT_EQ(network.Devices().size(), 2u);
-    EXPECT_EQ(network.Devices()[0].name, "TV again");
-    EXPECT_TRUE(network.RemoveDevice("d2"));
-    EXPECT_FALSE(network.RemoveDevice("d2"));
 }
 
 }  // namespace
