@@ -145,13 +145,17 @@ void FailNextCall(const MonitordSession& session, const std::string& method, jso
     ASSERT_TRUE(result.ok) << result.error;
 }
 
-// Every operation while no service is registered; argument checks that come
-// before the lookup win. The next call after the service came finds it.
+// Every operation while no service is registered, each failure one log line;
+// argument checks that come before the lookup win. The library leaves the
+// program's logger and minimum priority alone; the sink of tivra_log.h takes
+// the lines at its minimum and above; without a sink they go to stderr. The
+// next call after the service came finds it.
 TEST(AdapterConnection, AbsentServiceFailsEveryOperationUntilItAppears) {
     RunInOwnProcess([] {
         MonitordSession session;
         ASSERT_EQ(session.error(), "");
-        LogCapture log;
+        LogCapture log;  // the program's logger, set before the adapter exists
+        __android_log_set_minimum_priority(ANDROID_LOG_WARN);
         const auto listener = std::make_shared<RecordingListener>();
         const auto node = std::make_shared<RecordingNodeListener>();
         const auto absent = [](const char* operation) { return std::string(operation) + ": get pravik service failed"; };
@@ -186,27 +190,12 @@ TEST(AdapterConnection, AbsentServiceFailsEveryOperationUntilItAppears) {
             EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, message)) << message;
             EXPECT_EQ(log.Lines().size(), 1u) << message << ": one failure, one line";
         }
-
-        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
-        EXPECT_EQ(LocalDevice(), kLocal);
-    });
-}
-
-// The library leaves the program's minimum priority alone (and its logger:
-// AbsentService's capture sees every line); the sink of tivra_log.h takes the
-// lines at its minimum and above, and without a sink they go to stderr.
-TEST(Log, ReachesTheSinkAtItsMinimumAndStderrWithoutOne) {
-    RunInOwnProcess([] {
-        MonitordSession session;  // no service: each RegisterCallback below logs one failure
-        const auto logFailure = [] { Adapter()->RegisterCallback(nullptr); };
-        const std::string failure = "RegisterCallback: get pravik service failed";
-        __android_log_set_minimum_priority(ANDROID_LOG_WARN);
-        logFailure();
         EXPECT_EQ(__android_log_get_minimum_priority(), ANDROID_LOG_WARN);
         std::vector<std::string> sunk;
         SetTivraLogSink([&sunk](TivraLogPriority priority, const std::string& tag, const std::string& text) {
             sunk.push_back(std::to_string(priority) + " " + tag + ": " + text);
         });
+        const auto logFailure = [] { Adapter()->RegisterCallback(nullptr); };
         logFailure();
         SetTivraLogMinPriority(TIVRA_LOG_SILENT);
         logFailure();
@@ -214,8 +203,11 @@ TEST(Log, ReachesTheSinkAtItsMinimumAndStderrWithoutOne) {
         SetTivraLogSink(nullptr);
         testing::internal::CaptureStderr();
         logFailure();
-        EXPECT_NE(testing::internal::GetCapturedStderr().find(failure), std::string::npos);
-        EXPECT_EQ(sunk, std::vector<std::string>{"6 libtivra: " + failure});
+        EXPECT_NE(testing::internal::GetCapturedStderr().find(absent("RegisterCallback")), std::string::npos);
+        EXPECT_EQ(sunk, std::vector<std::string>{"6 libtivra: " + absent("RegisterCallback")});
+
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        EXPECT_EQ(LocalDevice(), kLocal);
     });
 }
 
