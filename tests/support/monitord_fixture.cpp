@@ -22,12 +22,10 @@ std::string ReadFile(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// Waits for a child to end (WNOHANG: returns at once) and reaps it.
-bool Reap(pid_t child, int options = 0, int* status = nullptr) {
-    pid_t done;
-    while ((done = waitpid(child, status, options)) < 0 && errno == EINTR) {
-    }
-    return done != 0;
+// Whether a child has ended, without reaping it.
+bool Ended(pid_t child) {
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == child;
 }
 
 }  // namespace
@@ -48,16 +46,11 @@ void RunInOwnProcess(const std::function<void()>& body, std::chrono::millisecond
     setpgid(child, child);  // from both sides, so the group exists whichever runs first
     // Observe the end without reaping, so that the group id cannot be reused
     // before the group is killed.
-    const bool ended = waitUntil(
-        [child] {
-            siginfo_t info{};
-            return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-                   info.si_pid == child;
-        },
-        timeout);
+    const bool ended = waitUntil([child] { return Ended(child); }, timeout);
     kill(-child, SIGKILL);
     int status = 0;
-    Reap(child, 0, &status);
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
     if (!ended) {
         ADD_FAILURE() << "the test's process did not finish within " << timeout.count() << " ms (deadlock?)";
     } else if (WIFSIGNALED(status)) {
@@ -86,12 +79,6 @@ MonitordSession::MonitordSession() {
     if (!binderd_.started()) error_ = binderd_.error();
 }
 
-MonitordSession::~MonitordSession() {
-    for (pid_t service : services_) {
-        kill(service, SIGKILL);
-        Reap(service);
-    }
-}
 
 bool MonitordSession::StartService(const nlohmann::json& scenario) {
     if (!binderd_.started()) return false;  // error() says why
@@ -104,46 +91,35 @@ bool MonitordSession::StartService(const nlohmann::json& scenario) {
         error_ = "cannot create " + outputPath;
         return false;
     }
-    const pid_t service = fork();
-    if (service == 0) {
+    service_ = binderd_.spawn([&] {
         // Only async-signal-safe calls until exec: the caller may already run
         // Binder threads. HOSTBINDER_SOCKET was set by the binderd session.
         dup2(output, STDOUT_FILENO);
         dup2(output, STDERR_FILENO);
         execl(TIVRA_MONITORD_PATH, "tivra-monitord", "--scenario", scenarioPath.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
+        return 127;
+    });
     close(output);
-    if (service < 0) {
-        error_ = std::string("fork failed: ") + std::strerror(errno);
-        return false;
-    }
-    services_.push_back(service);
     // tivra-monitord prints this once both of its names are registered.
     bool ended = false;
     const bool serving = waitUntil(
         [&] {
             return ReadFile(outputPath).find("tivra-monitord: serving ") != std::string::npos ||
-                   (ended = Reap(service, WNOHANG));
+                   (ended = Ended(service_));
         },
         10s);
     if (serving && !ended) return true;
-    if (ended) {
-        services_.pop_back();
-        error_ = "tivra-monitord ended before it registered: " + ReadFile(outputPath);
-    } else {
-        KillService();
-        error_ = "tivra-monitord did not register in time: " + ReadFile(outputPath);
-    }
+    error_ = std::string(ended ? "tivra-monitord ended before it registered: " : "tivra-monitord did not register: ") +
+             ReadFile(outputPath);
+    KillService();
     return false;
 }
 
 bool MonitordSession::KillService() {
-    if (services_.empty()) return false;
-    const pid_t service = services_.back();
-    services_.pop_back();
-    kill(service, SIGKILL);
-    Reap(service);
+    if (service_ < 0) return false;
+    binderd_.kill(service_, SIGKILL);
+    binderd_.waitExit(service_);
+    service_ = -1;
     return true;
 }
 

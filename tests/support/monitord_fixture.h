@@ -5,7 +5,6 @@
 #include <chrono>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -30,7 +29,6 @@ nlohmann::json QuietScenario();
 class MonitordSession {
 public:
     MonitordSession();
-    ~MonitordSession();
     MonitordSession(const MonitordSession&) = delete;
     MonitordSession& operator=(const MonitordSession&) = delete;
 
@@ -38,10 +36,10 @@ public:
     const std::string& error() const { return error_; }
     BinderdSession& binderd() { return binderd_; }
     // The latest service's pid (-1: none), for measuring its CPU time.
-    pid_t servicePid() const { return services_.empty() ? -1 : services_.back(); }
+    pid_t servicePid() const { return service_; }
 
     // Starts a service and waits until it has registered; one started before
-    // keeps running. False, with error(), when it did not register.
+    // runs on until the session ends. False, with error(), when it did not.
     bool StartService(const nlohmann::json& scenario);
     // SIGKILLs the latest service and reaps it.
     bool KillService();
@@ -52,7 +50,7 @@ public:
 private:
     BinderdSession binderd_;
     std::string error_;
-    std::vector<pid_t> services_;
+    pid_t service_ = -1;
     int started_ = 0;
 };
 
