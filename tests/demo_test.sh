@@ -32,8 +32,7 @@ leftovers=$(find "$TMPDIR" -mindepth 1 -name 'tivra-demo.*')
 [ -z "$leftovers" ] || fail "left its work folder behind: $leftovers"
 # Every process the demo started saw its private socket in the environment.
 for environ in /proc/[0-9]*/environ; do
-  if grep -qzF "HOSTBINDER_SOCKET=$TMPDIR/" "$environ" 2>/dev/null; then
+  ! grep -qzF "HOSTBINDER_SOCKET=$TMPDIR/" "$environ" 2>/dev/null ||
     fail "left a process running: $(tr '\0' ' ' < "${environ%/environ}/cmdline")"
-  fi
 done
 echo "demo_test: ok"

@@ -86,8 +86,7 @@ export HOSTBINDER_SOCKET=$work/binder
 
 if command -v systemd-analyze >/dev/null; then
   mkdir -p "$work/runtime"
-  XDG_RUNTIME_DIR=$work/runtime systemd-analyze verify --man=no --user \
-    "$prefix/lib/systemd/user/binderd.service" "$prefix/lib/systemd/user/tivra-monitord.service" ||
+  XDG_RUNTIME_DIR=$work/runtime systemd-analyze verify --man=no --user "$prefix"/lib/systemd/user/*.service ||
     fail "systemd units do not verify"
 fi
 

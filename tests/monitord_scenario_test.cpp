@@ -1,6 +1,5 @@
-// The simulated network of tivra-monitord, in process: the errors a bad
-// scenario file gets, and how events change the network. (Good scenarios are
-// read by every process test; the fault plan is exercised by adapter_test.)
+// tivra-monitord's scenarios in process: the errors a bad file gets, and how
+// events change the network (good files: every process test; faults: adapter_test).
 #include <gtest/gtest.h>
 
 #include <string>
