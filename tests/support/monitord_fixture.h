@@ -24,8 +24,8 @@ void RunInOwnProcess(const std::function<void()>& body, std::chrono::millisecond
 // makes it happen.
 nlohmann::json QuietScenario();
 
-// A private binderd and the tivra-monitord processes of one test. Starting
-// and killing services uses no Binder; only Control() talks to the service.
+// A private binderd and the tivra-monitord processes of one test (each dies
+// with the thread that started it). Only Control() uses Binder.
 class MonitordSession {
 public:
     MonitordSession();
