@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# libtivra.so's ABI against the stored baseline adapter/libtivra.abi, with
-# libabigail: any change fails. A compatible one (an addition, in a new symbol
-# version node) needs a refreshed baseline; an incompatible one also needs a
-# new SONAME (TIVRA_SOVERSION in adapter/CMakeLists.txt). Refresh with
+# libtivra.so's ABI against the stored baseline adapter/libtivra.abi (SONAME,
+# versioned symbols, types), with libabigail: any change fails, a symbol
+# exported beyond the interface too. A compatible one (an addition, in a new
+# symbol version node) needs a refreshed baseline; an incompatible one also
+# needs a new SONAME (TIVRA_SOVERSION in adapter/CMakeLists.txt). Refresh with
 #   tests/abi_test.sh SOURCE_DIR BUILD_DIR --update
 # Usage: abi_test.sh SOURCE_DIR BUILD_DIR [--update]
 set -euo pipefail

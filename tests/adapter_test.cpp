@@ -1,8 +1,5 @@
 // The public adapter against tivra-monitord in another process, each case in a
-// process of its own (a fresh adapter): finding and caching the service, the
-// records of the queries, failed calls made by the service's fault plan, the
-// three registries, callbacks, the service's death, and client threads racing
-// while the service dies and comes back.
+// process of its own (a fresh adapter); the service's fault plan fails calls.
 #include <android/log.h>
 #include <signal.h>
 
@@ -24,6 +21,7 @@
 #include "log_capture.h"
 #include "monitord_fixture.h"
 #include "tivra/tivra_adapter.h"
+#include "tivra/tivra_log.h"
 
 namespace tivra_test {
 namespace {
@@ -54,7 +52,6 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return events_;
     }
-    size_t Size() const { return Events().size(); }
     bool WaitForSize(size_t count, std::chrono::milliseconds timeout = 10s) const {
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return events_.size() >= count; });
@@ -145,13 +142,17 @@ void FailNextCall(const MonitordSession& session, const std::string& method, jso
     ASSERT_TRUE(result.ok) << result.error;
 }
 
-// Every operation while no service is registered; argument checks that come
-// before the lookup win. The next call after the service came finds it.
+// Every operation while no service is registered, each failure one log line;
+// argument checks that come before the lookup win. The library leaves the
+// program's logger and minimum priority alone; the sink of tivra_log.h takes
+// the lines at its minimum and above; without a sink they go to stderr. The
+// next call after the service came finds it.
 TEST(AdapterConnection, AbsentServiceFailsEveryOperationUntilItAppears) {
     RunInOwnProcess([] {
         MonitordSession session;
-        ASSERT_TRUE(session.ready()) << session.error();
-        LogCapture log;
+        ASSERT_EQ(session.error(), "");
+        LogCapture log;  // the program's logger, set before the adapter exists
+        __android_log_set_minimum_priority(ANDROID_LOG_WARN);
         const auto listener = std::make_shared<RecordingListener>();
         const auto node = std::make_shared<RecordingNodeListener>();
         const auto absent = [](const char* operation) { return std::string(operation) + ": get pravik service failed"; };
@@ -159,7 +160,6 @@ TEST(AdapterConnection, AbsentServiceFailsEveryOperationUntilItAppears) {
             {absent("GetLocalDevice"), [] { return LocalDevice() == "null 1"; }},
             {absent("GetAllDevices"), [] { int e = kStale; return Adapter()->GetAllDevices(e).empty() && e == 1; }},
             {absent("RegisterCallback"), [&] { return !Adapter()->RegisterCallback(listener); }},
-            {absent("RegisterCallback"), [&] { return !Adapter()->RegisterCallback(nullptr); }},
             {absent("UnregisterCallback"), [&] { return !Adapter()->UnregisterCallback(listener); }},
             {absent("LinkToDeath"), [] { return !Adapter()->LinkToDeath(std::make_shared<RecordingNotifier>()); }},
             {absent("UnlinkToDeath"), [&] { return !Adapter()->UnlinkToDeath(nullptr); }},
@@ -186,6 +186,20 @@ TEST(AdapterConnection, AbsentServiceFailsEveryOperationUntilItAppears) {
             EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, message)) << message;
             EXPECT_EQ(log.Lines().size(), 1u) << message << ": one failure, one line";
         }
+        EXPECT_EQ(__android_log_get_minimum_priority(), ANDROID_LOG_WARN);
+        std::vector<std::string> sunk;
+        SetTivraLogSink([&sunk](TivraLogPriority priority, const std::string& tag, const std::string& text) {
+            sunk.push_back(std::to_string(priority) + " " + tag + ": " + text);
+        });
+        EXPECT_FALSE(Adapter()->RegisterCallback(nullptr));  // lookup before the argument check
+        SetTivraLogMinPriority(TIVRA_LOG_SILENT);
+        Adapter()->RegisterCallback(nullptr);
+        SetTivraLogMinPriority(TIVRA_LOG_INFO);
+        SetTivraLogSink(nullptr);
+        testing::internal::CaptureStderr();
+        Adapter()->RegisterCallback(nullptr);
+        EXPECT_NE(testing::internal::GetCapturedStderr().find(absent("RegisterCallback")), std::string::npos);
+        EXPECT_EQ(sunk, std::vector<std::string>{"6 libtivra: " + absent("RegisterCallback")});
 
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         EXPECT_EQ(LocalDevice(), kLocal);
@@ -193,10 +207,8 @@ TEST(AdapterConnection, AbsentServiceFailsEveryOperationUntilItAppears) {
 }
 
 // Once found, the service is kept: its calls go on over their direct channel
-// while binderd is stopped (a lookup would wait for binderd). Only its death
-// makes the adapter look again. (A live service's name is binderd's to keep:
-// binderd_driver_test, cli.)
-TEST(AdapterConnection, CachedProxyServesUntilTheServiceDies) {
+// while binderd is stopped. (Its death makes the adapter look again: ServiceDeath.)
+TEST(AdapterConnection, CachedProxyServesWhileBinderdIsStopped) {
     // A stopped binderd tells a cached proxy from a new lookup only where
     // calls take a direct channel.
     if (const char* direct = std::getenv("HOSTBINDER_DIRECT"); direct != nullptr && std::string(direct) == "0") {
@@ -205,32 +217,12 @@ TEST(AdapterConnection, CachedProxyServesUntilTheServiceDies) {
     RunInOwnProcess([] {
         MonitordSession session;
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
-        const auto notifier = std::make_shared<RecordingNotifier>();
-        ASSERT_TRUE(Adapter()->LinkToDeath(notifier));
-
         // One thread, so that its calls keep the channel it has.
-        EventLog<std::string> answers;
-        EventLog<bool> binderdStopped;
-        std::thread caller([&] {
-            for (int i = 0; i < 3; ++i) answers.Add(LocalDevice());
-            binderdStopped.WaitForSize(1);
-            answers.Add(LocalDevice());
-        });
-        EXPECT_TRUE(answers.WaitForSize(3));
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(LocalDevice(), kLocal);
         kill(session.binderd().binderdPid(), SIGSTOP);
-        binderdStopped.Add(true);
-        const bool answered = answers.WaitForSize(4, std::chrono::seconds(5));
+        // A new lookup would wait for binderd: the case would not finish.
+        EXPECT_EQ(LocalDevice(), kLocal);
         kill(session.binderd().binderdPid(), SIGCONT);
-        caller.join();
-        EXPECT_TRUE(answered) << "the call waited for binderd: the service was looked up again";
-        EXPECT_EQ(answers.Events(), std::vector<std::string>(4, kLocal));
-
-        json other = QuietScenario();
-        other["localDevice"] = {{"name", "Other Laptop"}, {"id", "dev-other"}, {"type", "LAPTOP"}, {"ip", "10.0.0.9"}};
-        ASSERT_TRUE(session.KillService());
-        ASSERT_TRUE(notifier->deaths.WaitForSize(1));
-        ASSERT_TRUE(session.StartService(other)) << session.error();
-        EXPECT_EQ(LocalDevice(), "Other Laptop|dev-other|LAPTOP|10.0.0.9 0");
     });
 }
 
@@ -324,8 +316,8 @@ TEST(Queries, HandOutNewRecordsAndTheEmptyResultOfEveryFailureKind) {
     });
 }
 
-// The three registries seen the same way. Clients are shared_ptr<void> here;
-// each registry casts them back to its own type.
+// The two listener registries seen the same way (notifiers: ServiceDeath).
+// Clients are shared_ptr<void> here; each registry casts them back to its type.
 using Client = std::shared_ptr<void>;
 template <typename C>
 std::shared_ptr<C> As(const Client& client) { return std::static_pointer_cast<C>(client); }
@@ -337,10 +329,8 @@ struct Registry {
     // only by logging nothing).
     std::function<bool(const Client&, const LogCapture&)> remove;
     const char *duplicate, *notRegistered, *addNull, *removeNull;
-    // Where the service keeps count and its methods; null for notifiers,
-    // which only the adapter keeps.
-    const char *serviceCount = nullptr, *addMethod = nullptr, *removeMethod = nullptr, *addFailed = nullptr,
-               *removeFailed = nullptr, *refused = nullptr;
+    // Where the service keeps count, its methods and the failures' messages.
+    const char *serviceCount, *addMethod, *removeMethod, *addFailed, *removeFailed, *refused = nullptr;
 };
 
 const std::vector<Registry>& Registries() {
@@ -366,11 +356,6 @@ const std::vector<Registry>& Registries() {
          "AddDeviceChangeListener: add device change listener binder invoke failed",
          "RemoveDeviceChangeListener: remove device change listener binder invoke failed",
          "AddDeviceChangeListener: service add listener failed"},
-        {"death notifiers", [] { return Client(std::make_shared<RecordingNotifier>()); },
-         [](const Client& c) { return Adapter()->LinkToDeath(As<RecordingNotifier>(c)); },
-         [](const Client& c, const LogCapture&) { return Adapter()->UnlinkToDeath(As<RecordingNotifier>(c)); },
-         "the notifier has already linked to death", "the notifier do not link to death yet",
-         "link to death is null pointer", "unlink to death is null pointer"},
     };
     return registries;
 }
@@ -384,34 +369,26 @@ TEST(Registries, IdentifyClientsByObjectAndStoreOnlyWhatTheServiceHolds) {
         LogCapture log;
         for (const Registry& r : Registries()) {
             SCOPED_TRACE(r.name);
-            const auto calls = [&](const char* method) { return method ? session.Control().CallCount(method) : 0; };
-            const auto expectRegistered = [&](int64_t count) {
-                if (r.serviceCount) EXPECT_EQ(Registered(session, r.serviceCount), count);
-            };
-            const Client client = r.make(), other = r.make();
+            const Client client = r.make();
             const Client alias(std::make_shared<int>(0), client.get());  // another owner, the same object
-            const int64_t removes = calls(r.removeMethod);
+            const int64_t removes = session.Control().CallCount(r.removeMethod);
             log.Clear();
             EXPECT_FALSE(r.remove(client, log));
             EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, r.notRegistered));
-            EXPECT_EQ(calls(r.removeMethod), removes) << "the service was asked";
+            EXPECT_EQ(session.Control().CallCount(r.removeMethod), removes) << "the service was asked";
 
             EXPECT_TRUE(r.add(client));
-            const int64_t adds = calls(r.addMethod);
+            const int64_t adds = session.Control().CallCount(r.addMethod);
             log.Clear();
             EXPECT_FALSE(r.add(alias));
             EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, r.duplicate));
-            EXPECT_EQ(calls(r.addMethod), adds) << "the service was asked";
-            expectRegistered(1);
+            EXPECT_EQ(session.Control().CallCount(r.addMethod), adds) << "the service was asked";
+            EXPECT_EQ(Registered(session, r.serviceCount), 1);
 
             EXPECT_TRUE(r.remove(alias, log));
-            expectRegistered(0);
+            EXPECT_EQ(Registered(session, r.serviceCount), 0);
             EXPECT_TRUE(r.add(client)) << "registered again after its removal";
-            EXPECT_TRUE(r.add(other));
-            expectRegistered(2);
             EXPECT_TRUE(r.remove(client, log));
-            EXPECT_TRUE(r.remove(other, log));
-            expectRegistered(0);
 
             log.Clear();
             EXPECT_FALSE(r.add(nullptr));
@@ -420,7 +397,6 @@ TEST(Registries, IdentifyClientsByObjectAndStoreOnlyWhatTheServiceHolds) {
             EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, r.removeNull));
 
             // A failed add stores nothing; a failed removal keeps the registration.
-            if (r.serviceCount == nullptr) continue;
             std::vector<std::tuple<const char*, json, const char*>> addFaults;
             for (const auto& [name, fault] : kCallFaults) addFaults.emplace_back(name, fault, r.addFailed);
             if (r.refused) addFaults.emplace_back("refusal", json{{"kind", "refuse"}}, r.refused);
@@ -431,9 +407,8 @@ TEST(Registries, IdentifyClientsByObjectAndStoreOnlyWhatTheServiceHolds) {
                 EXPECT_FALSE(r.add(client));
                 EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, message));
                 EXPECT_EQ(Registered(session, r.serviceCount), 0);
-                const int64_t adds = session.Control().CallCount(r.addMethod);
                 EXPECT_TRUE(r.add(client)) << "a failed add counted as registered";
-                EXPECT_EQ(session.Control().CallCount(r.addMethod), adds + 1);
+                EXPECT_EQ(Registered(session, r.serviceCount), 1);
                 ASSERT_TRUE(r.remove(client, log));
             }
 
@@ -457,8 +432,9 @@ TEST(Registries, IdentifyClientsByObjectAndStoreOnlyWhatTheServiceHolds) {
 }
 
 // Each listener gets new records with the service's fields, in the order
-// sent; change kinds beyond the three known ones arrive as unknown.
-TEST(Callbacks, ListenersGetNewRecordsAndMappedKindsInTheOrderSent) {
+// sent; change kinds beyond the three known ones arrive as unknown. A
+// callback may call the adapter.
+TEST(Callbacks, ListenersGetNewRecordsAndMappedKindsInOrderAndMayCallTheAdapter) {
     RunInOwnProcess([] {
         MonitordSession session;
         ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
@@ -509,15 +485,9 @@ TEST(Callbacks, ListenersGetNewRecordsAndMappedKindsInTheOrderSent) {
         EXPECT_NE(events.front().second, events.back().second) << "records are not shared";
         EXPECT_EQ(log.Count("onDeviceInfoChanged: type is unknown"), unknown);
         EXPECT_EQ(ErrorLines(log), unknown);
-    });
-}
 
-// A callback runs with no adapter lock held: it may query, unregister itself
-// and register another listener.
-TEST(Callbacks, ListenerMayCallTheAdapterFromItsCallback) {
-    RunInOwnProcess([] {
-        MonitordSession session;
-        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        // It runs with no adapter lock held: it may query, unregister itself
+        // and register another listener.
         const auto successor = std::make_shared<RecordingListener>();
         EventLog<std::string> outcomes;
         auto self = std::make_shared<std::weak_ptr<RecordingListener>>();
@@ -536,14 +506,15 @@ TEST(Callbacks, ListenerMayCallTheAdapterFromItsCallback) {
         Emit(session, {{"event", "deviceOffline"}, {"deviceId", "dev-1"}});
         ASSERT_TRUE(successor->log.WaitForSize(1));
         EXPECT_FALSE(successor->log.Events()[0].first);
-        EXPECT_EQ(listener->log.Size(), 1u) << "an unregistered listener was called";
+        EXPECT_EQ(listener->log.Events().size(), 1u) << "an unregistered listener was called";
     });
 }
 
-// kill -9 of the service: each linked notifier told once, after the adapter
-// forgot the service and with no adapter lock held (it may call the adapter,
-// which finds no service); registrations forgotten, the same objects accepted
-// by the restarted service; with no notifier linked the adapter still forgets.
+// Notifiers are identified by object. kill -9 of the service: each linked
+// notifier told once, after the adapter forgot the service and with no adapter
+// lock held (it may call the adapter, which finds no service); registrations
+// forgotten, the same objects accepted by the restarted service; with no
+// notifier linked the adapter still forgets.
 TEST(ServiceDeath, EachLinkedNotifierIsToldOnceAfterTheAdapterForgotTheService) {
     RunInOwnProcess([] {
         MonitordSession session;
@@ -563,6 +534,10 @@ TEST(ServiceDeath, EachLinkedNotifierIsToldOnceAfterTheAdapterForgotTheService) 
         ASSERT_TRUE(Adapter()->AddDeviceChangeListener(nodeListener));
         for (const auto& notifier : {first, second, unlinked}) ASSERT_TRUE(Adapter()->LinkToDeath(notifier));
         ASSERT_TRUE(Adapter()->UnlinkToDeath(unlinked));
+        EXPECT_FALSE(Adapter()->UnlinkToDeath(unlinked)) << "not linked";
+        EXPECT_FALSE(Adapter()->LinkToDeath(std::shared_ptr<RecordingNotifier>(std::make_shared<int>(0), second.get())))
+            << "linked already, under another owner";
+        EXPECT_FALSE(Adapter()->LinkToDeath(nullptr));
         LogCapture log;
 
         ASSERT_TRUE(session.KillService());
@@ -572,37 +547,27 @@ TEST(ServiceDeath, EachLinkedNotifierIsToldOnceAfterTheAdapterForgotTheService) 
         // One notice per recipient: the two notifiers' and the adapter's own.
         ASSERT_TRUE(waitUntil([&] { return log.Count(kDeathNotice) >= 3; }));
         EXPECT_TRUE(log.Contains(ANDROID_LOG_INFO, kDeathNotice));
-        EXPECT_EQ(first->deaths.Size(), 1u);
-        EXPECT_EQ(second->deaths.Size(), 1u);
-        EXPECT_EQ(unlinked->deaths.Size(), 0u);
+        EXPECT_EQ(first->deaths.Events().size(), 1u);
+        EXPECT_EQ(second->deaths.Events().size(), 1u);
+        EXPECT_EQ(unlinked->deaths.Events().size(), 0u);
 
-        ASSERT_TRUE(session.RestartService()) << session.error();
-        log.Clear();
-        EXPECT_FALSE(Adapter()->UnregisterCallback(listener));
-        EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, "the listener do not register yet"));
-        Adapter()->RemoveDeviceChangeListener(nodeListener);
-        EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR,
-                                 "RemoveDeviceChangeListener: the listener has not been added to remote service yet"));
-        EXPECT_FALSE(Adapter()->UnlinkToDeath(first));
-        EXPECT_TRUE(log.Contains(ANDROID_LOG_ERROR, "the notifier do not link to death yet"));
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
+        // Forgotten: a registration kept would make these duplicates.
         ASSERT_TRUE(Adapter()->RegisterCallback(listener));
         ASSERT_TRUE(Adapter()->AddDeviceChangeListener(nodeListener));
         ASSERT_TRUE(Adapter()->LinkToDeath(second));
         EXPECT_EQ(session.Control().Listeners().value, (json{{"deviceChange", 1}, {"device", 1}}));
-        Emit(session, {{"event", "deviceOnline"}, {"device", Device("9")}});
-        ASSERT_TRUE(listener->log.WaitForSize(1));
-        EXPECT_EQ(Text(listener->log.Events()[0].second), DeviceText("9"));
 
         // The next death with no notifier linked.
         ASSERT_TRUE(Adapter()->UnlinkToDeath(second));
         log.Clear();
         ASSERT_TRUE(session.KillService());
         ASSERT_TRUE(waitUntil([&] { return log.Count(kDeathNotice) >= 1; }));
-        ASSERT_TRUE(session.RestartService()) << session.error();
+        ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
         EXPECT_EQ(LocalDevice(), kLocal);
         EXPECT_TRUE(Adapter()->RegisterCallback(listener)) << "the old registration still counted";
         EXPECT_EQ(log.Count(kDeathNotice), 1u);
-        EXPECT_EQ(second->deaths.Size(), 1u);
+        EXPECT_EQ(second->deaths.Events().size(), 1u);
     });
 }
 
@@ -621,10 +586,6 @@ void QueryOnce(Tally& tally) {
     } else if (errCode != 2 || device) {  // 2: the call met a dying service
         ++tally.violations;
     }
-    errCode = kStale;
-    const size_t devices = Adapter()->GetAllDevices(errCode).size();
-    // Three devices, four while the emitter has its device online.
-    if (errCode == 0 ? devices != 3 && devices != 4 : errCode < 1 || errCode > 2 || devices != 0) ++tally.violations;
 }
 
 // Threads race for the first instance, then query, register and unregister
@@ -632,32 +593,28 @@ void QueryOnce(Tally& tally) {
 TEST(AdapterSoak, ClientsKeepWorkingWhileTheServiceIsKilledAndRestarted) {
     RunInOwnProcess(
         [] {
-            MonitordSession session;  // binderd first: the adapter's runtime finds it from the start
-            std::atomic<int> waiting{8};
-            std::vector<const TivraAdapter*> seen(8);
-            std::vector<std::thread> workers;
-            for (size_t i = 0; i < seen.size(); ++i) {
-                workers.emplace_back([&, i] {
-                    for (--waiting; waiting.load() > 0;) {
-                    }
-                    seen[i] = TivraAdapter::GetInstance().get();
-                });
-            }
-            for (auto& worker : workers) worker.join();
-            workers.clear();
-            EXPECT_NE(seen[0], nullptr);
-            EXPECT_EQ(std::set<const TivraAdapter*>(seen.begin(), seen.end()).size(), 1u);
-
+            MonitordSession session;
             // Thousands of calls each log a line; only the outcomes matter here.
             __android_log_set_logger([](const struct __android_logger_data*, const char*) {});
             ASSERT_TRUE(session.StartService(QuietScenario())) << session.error();
             Tally tally;
             std::atomic<bool> stop{false};
-            for (int i = 0; i < 4; ++i) {
-                workers.emplace_back([&] {
+            // Each worker's first call takes the instance, all at once.
+            std::atomic<int> waiting{8};
+            std::vector<const TivraAdapter*> seen(8);
+            const auto takeInstance = [&](size_t i) {
+                for (--waiting; waiting.load() > 0;) {
+                }
+                seen[i] = TivraAdapter::GetInstance().get();
+            };
+            std::vector<std::thread> workers;
+            for (size_t i = 0; i < seen.size(); i += 2) {
+                workers.emplace_back([&, i] {
+                    takeInstance(i);
                     while (!stop) QueryOnce(tally);
                 });
-                workers.emplace_back([&] {
+                workers.emplace_back([&, i] {
+                    takeInstance(i + 1);
                     const auto listener = std::make_shared<RecordingListener>();
                     const auto nodeListener = std::make_shared<RecordingNodeListener>();
                     const auto notifier = std::make_shared<RecordingNotifier>();
@@ -677,31 +634,20 @@ TEST(AdapterSoak, ClientsKeepWorkingWhileTheServiceIsKilledAndRestarted) {
                                                  : json{{"event", "deviceOnline"}, {"device", Device("8")}});
                 }
             });
-            // A failure stops the rounds, not the body, so the workers are always joined.
-            std::string failure;
-            for (int round = 0; round < 10 && failure.empty(); ++round) {
+            // Each round: answers, the kill, the death noticed, a new service. A
+            // failure stops the rounds, not the body, so the workers are always joined.
+            int round = 0;
+            for (bool ok = true; ok && round < 10; round += ok ? 1 : 0) {
                 const int64_t answered = tally.answered, unavailable = tally.unavailable;
-                if (!waitUntil([&] { return tally.answered >= answered + 200; }, 30s)) {
-                    failure = "no answers in round " + std::to_string(round);
-                } else if (!session.KillService()) {
-                    failure = "could not kill the service";
-                } else if (!waitUntil([&] { return tally.unavailable > unavailable; }, 30s)) {
-                    failure = "death not noticed in round " + std::to_string(round);
-                } else if (!session.StartService(QuietScenario())) {
-                    failure = session.error();
-                }
+                ok = waitUntil([&] { return tally.answered >= answered + 200; }, 30s) && session.KillService() &&
+                     waitUntil([&] { return tally.unavailable > unavailable; }, 30s) &&
+                     session.StartService(QuietScenario());
             }
             stop = true;
             for (auto& worker : workers) worker.join();
-            ASSERT_EQ(failure, "");
+            EXPECT_EQ(std::set<const TivraAdapter*>(seen.begin(), seen.end()).size(), 1u);
+            ASSERT_EQ(round, 10) << "a round failed: " << session.error();
             EXPECT_EQ(tally.violations, 0);
-
-            // Afterwards the adapter works as before.
-            const auto listener = std::make_shared<RecordingListener>();
-            ASSERT_TRUE(Adapter()->RegisterCallback(listener));
-            Emit(session, {{"event", "deviceOnline"}, {"device", Device("7")}});
-            ASSERT_TRUE(listener->log.WaitForSize(1));
-            EXPECT_EQ(LocalDevice(), kLocal);
         },
         90s);
 }

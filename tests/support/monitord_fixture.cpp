@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -23,12 +22,10 @@ std::string ReadFile(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// Waits for a child to end (WNOHANG: returns at once) and reaps it.
-bool Reap(pid_t child, int options = 0, int* status = nullptr) {
-    pid_t done;
-    while ((done = waitpid(child, status, options)) < 0 && errno == EINTR) {
-    }
-    return done != 0;
+// Whether a child has ended, without reaping it.
+bool Ended(pid_t child) {
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == child;
 }
 
 }  // namespace
@@ -49,16 +46,11 @@ void RunInOwnProcess(const std::function<void()>& body, std::chrono::millisecond
     setpgid(child, child);  // from both sides, so the group exists whichever runs first
     // Observe the end without reaping, so that the group id cannot be reused
     // before the group is killed.
-    const bool ended = waitUntil(
-        [child] {
-            siginfo_t info{};
-            return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-                   info.si_pid == child;
-        },
-        timeout);
+    const bool ended = waitUntil([child] { return Ended(child); }, timeout);
     kill(-child, SIGKILL);
     int status = 0;
-    Reap(child, 0, &status);
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
     if (!ended) {
         ADD_FAILURE() << "the test's process did not finish within " << timeout.count() << " ms (deadlock?)";
     } else if (WIFSIGNALED(status)) {
@@ -87,16 +79,9 @@ MonitordSession::MonitordSession() {
     if (!binderd_.started()) error_ = binderd_.error();
 }
 
-MonitordSession::~MonitordSession() {
-    for (pid_t service : services_) {
-        kill(service, SIGKILL);
-        Reap(service);
-    }
-}
 
 bool MonitordSession::StartService(const nlohmann::json& scenario) {
-    if (!ready()) return false;  // error() says why binderd did not come up
-    scenario_ = scenario;
+    if (!binderd_.started()) return false;  // error() says why
     const std::string base = std::filesystem::path(binderd_.socketPath()).parent_path().string() + "/monitord-" +
                              std::to_string(++started_);
     const std::string scenarioPath = base + ".json", outputPath = base + ".log";
@@ -106,57 +91,36 @@ bool MonitordSession::StartService(const nlohmann::json& scenario) {
         error_ = "cannot create " + outputPath;
         return false;
     }
-    const pid_t service = fork();
-    if (service == 0) {
+    service_ = binderd_.spawn([&] {
         // Only async-signal-safe calls until exec: the caller may already run
         // Binder threads. HOSTBINDER_SOCKET was set by the binderd session.
         dup2(output, STDOUT_FILENO);
         dup2(output, STDERR_FILENO);
         execl(TIVRA_MONITORD_PATH, "tivra-monitord", "--scenario", scenarioPath.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
+        return 127;
+    });
     close(output);
-    if (service < 0) {
-        error_ = std::string("fork failed: ") + std::strerror(errno);
-        return false;
-    }
-    services_.push_back(service);
     // tivra-monitord prints this once both of its names are registered.
     bool ended = false;
     const bool serving = waitUntil(
         [&] {
             return ReadFile(outputPath).find("tivra-monitord: serving ") != std::string::npos ||
-                   (ended = Reap(service, WNOHANG));
+                   (ended = Ended(service_));
         },
         10s);
     if (serving && !ended) return true;
-    if (ended) {
-        services_.pop_back();
-        error_ = "tivra-monitord ended before it registered: " + ReadFile(outputPath);
-    } else {
-        KillService(service);
-        error_ = "tivra-monitord did not register in time: " + ReadFile(outputPath);
-    }
+    error_ = std::string(ended ? "tivra-monitord ended before it registered: " : "tivra-monitord did not register: ") +
+             ReadFile(outputPath);
+    KillService();
     return false;
 }
 
-bool MonitordSession::KillService() { return !services_.empty() && KillService(services_.back()); }
-
-bool MonitordSession::KillService(pid_t service) {
-    const auto found = std::find(services_.begin(), services_.end(), service);
-    if (found == services_.end()) {
-        error_ = "no such service process";
-        return false;
-    }
-    services_.erase(found);
-    kill(service, SIGKILL);
-    Reap(service);
+bool MonitordSession::KillService() {
+    if (service_ < 0) return false;
+    binderd_.kill(service_, SIGKILL);
+    binderd_.waitExit(service_);
+    service_ = -1;
     return true;
-}
-
-bool MonitordSession::RestartService() {
-    KillService();  // none left when a test killed it already
-    return StartService(scenario_);
 }
 
 }  // namespace tivra_test

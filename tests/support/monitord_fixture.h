@@ -5,7 +5,6 @@
 #include <chrono>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -25,30 +24,25 @@ void RunInOwnProcess(const std::function<void()>& body, std::chrono::millisecond
 // makes it happen.
 nlohmann::json QuietScenario();
 
-// A private binderd and the tivra-monitord processes of one test. Starting
-// and killing services uses no Binder; only Control() talks to the service.
+// A private binderd and the tivra-monitord processes of one test (each dies
+// with the thread that started it). Only Control() uses Binder.
 class MonitordSession {
 public:
     MonitordSession();
-    ~MonitordSession();
     MonitordSession(const MonitordSession&) = delete;
     MonitordSession& operator=(const MonitordSession&) = delete;
 
-    // False (with the reason in error()) when binderd did not come up.
-    bool ready() const { return binderd_.started(); }
+    // Empty unless binderd did not come up or a service did not start.
     const std::string& error() const { return error_; }
     BinderdSession& binderd() { return binderd_; }
     // The latest service's pid (-1: none), for measuring its CPU time.
-    pid_t servicePid() const { return services_.empty() ? -1 : services_.back(); }
+    pid_t servicePid() const { return service_; }
 
     // Starts a service and waits until it has registered; one started before
-    // keeps running. False, with error(), when it did not register.
+    // runs on until the session ends. False, with error(), when it did not.
     bool StartService(const nlohmann::json& scenario);
-    // SIGKILLs a service (by default the latest) and reaps it.
+    // SIGKILLs the latest service and reaps it.
     bool KillService();
-    bool KillService(pid_t service);
-    // Kills the latest service, if any, and starts one with the same scenario.
-    bool RestartService();
 
     // A client of the control interface registered now (Binder lookup).
     tivra_control::MonitorControlClient Control() const { return {}; }
@@ -56,8 +50,7 @@ public:
 private:
     BinderdSession binderd_;
     std::string error_;
-    nlohmann::json scenario_;
-    std::vector<pid_t> services_;
+    pid_t service_ = -1;
     int started_ = 0;
 };
 
