@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -283,14 +284,52 @@ TEST_F(HostBinderIpc, ChainsOfNestedCallsAnswerEveryLevelAndSurviveTheLossOfBind
     expectChildPasses(a);
 }
 
-// Tells, when it goes, how many events it ran, or -1 when some came out of order.
-class ReportingListener : public TestListener {
+// A callback object that counts itself in `live` while it exists. An event's
+// value is a stream in its upper bits and a sequence below (see eventValue):
+// it keeps their order and the thread of the last one, and tells `report`, when
+// it goes, how many events it ran, or -1 when some came out of order.
+class TestListener : public BBinder {
 public:
-    ReportingListener(std::atomic<int>* live, std::atomic<int>* report) : TestListener(live), mReport(report) {}
-    ~ReportingListener() override { *mReport = heard().order.violations == 0 ? heard().order.total : -1; }
+    static constexpr int kSequenceBits = 20;
+    static int32_t eventValue(int32_t stream, int32_t sequence) { return (stream << kSequenceBits) | sequence; }
+
+    explicit TestListener(std::atomic<int>* live, std::atomic<int>* report = nullptr) : mLive(live), mReport(report) {
+        ++*mLive;
+    }
+    ~TestListener() override {
+        // Told before `live` drops: the owner reads it once no listener is left.
+        if (mReport != nullptr) {
+            *mReport = mHeard.order.violations == 0 ? mHeard.order.total : -1;
+        }
+        --*mLive;
+    }
+
+    struct Heard {
+        StreamOrder order;
+        std::thread::id lastThread;
+    };
+    Heard heard() const {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mHeard;
+    }
+
+protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        if (code != TestService::kListenerEvent) {
+            return BBinder::onTransact(code, data, reply, flags);
+        }
+        const int32_t value = data.readInt32();
+        std::lock_guard<std::mutex> lock(mLock);
+        mHeard.lastThread = std::this_thread::get_id();
+        mHeard.order.note(value >> kSequenceBits, value & ((1 << kSequenceBits) - 1));
+        return OK;
+    }
 
 private:
+    std::atomic<int>* const mLive;
     std::atomic<int>* const mReport;
+    mutable std::mutex mLock;
+    Heard mHeard;
 };
 
 // An object goes from its owner to the service, which gives it back as the
@@ -305,7 +344,7 @@ void HostBinderIpc::handOver(int events, const std::function<void(const sp<IBind
         std::atomic<int> live{0};
         std::atomic<int> report{0};
         {
-            sp<ReportingListener> object = new ReportingListener(&live, &report);
+            sp<TestListener> object = new TestListener(&live, &report);
             Parcel reply;
             CHILD_CHECK(call(lookUpTestService(), TestService::kAddListener,
                              [&](Parcel* p) { p->writeStrongBinder(object); }, &reply) == OK);
@@ -332,29 +371,26 @@ void HostBinderIpc::handOver(int events, const std::function<void(const sp<IBind
         CHILD_CHECK(call(service, TestService::kGiveListener, nullptr, &reply) == OK);
         sp<IBinder> object = reply.readStrongBinder();
         CHILD_CHECK(object != nullptr && object->remoteBinder() != nullptr);
-        CHILD_CHECK(call(service, TestService::kDropListeners, nullptr, &reply) == OK);
+        CHILD_CHECK(call(service, TestService::kRemoveListener, [&](Parcel* p) { p->writeStrongBinder(object); },
+                         &reply) == OK && reply.readBool());
         use(object);
         return 0;
     }));
     expectChildPasses(owner);
 }
 
-// One-way calls sent just before the last reference goes still reach the object.
-TEST_F(HostBinderIpc, BindersTravelAndLiveUntilTheLastRemoteReferenceIsDropped) {
+// One-way calls sent just before the last reference goes still reach the
+// object. A call over a channel leaves nothing alive behind it, over a few
+// rounds: a channel thread that speaks to binderd anyway (a report due) hides a leak.
+TEST_F(HostBinderIpc, BindersTravelAndLiveUntilTheLastRemoteReferenceIsDroppedAlsoAfterACallOverAChannel) {
     constexpr int kEvents = 300;
     serve();
     handOver(kEvents, [](const sp<IBinder>& object) {
         for (int i = 1; i <= kEvents; ++i) {
-            CHILD_CHECK(call(object, TestListener::kListenerEvent, [i](Parcel* p) { p->writeInt32(i); }, nullptr,
+            CHILD_CHECK(call(object, TestService::kListenerEvent, [i](Parcel* p) { p->writeInt32(i); }, nullptr,
                              IBinder::FLAG_ONEWAY) == OK);
         }
     });
-}
-
-// A call over a channel leaves nothing alive behind it. A few rounds: a
-// channel thread that speaks to binderd anyway (a report due) hides a leak.
-TEST_F(HostBinderIpc, ACallOverAChannelLeavesNoReferenceBehind) {
-    serve();
     for (int round = 0; round < 3; ++round) {
         handOver(0, [](const sp<IBinder>& object) { CHILD_CHECK(object->pingBinder() == OK); });
     }

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <iterator>
 #include <memory>
-#include <thread>
 
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
@@ -54,22 +53,6 @@ namespace {
 Outcome cutIf(bool cut) { return cut ? Outcome::kCut : Outcome::kAbsorbed; }
 Outcome refusedIf(bool refused) { return refused ? Outcome::kRefused : Outcome::kAbsorbed; }
 
-// binderd's first answer to a process hello on `peer` (as nextCommand).
-int64_t hello(RawPeer& peer, milliseconds timeout = milliseconds(5000)) {
-    const HelloProcess hello{15, 0};
-    std::vector<uint8_t> payload;
-    peer.sendFrame(kHelloProcess, &hello, sizeof(hello));
-    return peer.nextCommand(&payload, timeout);
-}
-
-std::vector<uint8_t> times(size_t count, const std::vector<uint8_t>& frame) {
-    std::vector<uint8_t> frames;
-    for (size_t i = 0; i < count; ++i) {
-        frames.insert(frames.end(), frame.begin(), frame.end());
-    }
-    return frames;
-}
-
 // A service whose only thread has entered the pool and never reads.
 struct DeafService {
     DeafService(const std::string& path, const std::string& name) : session(path) {
@@ -112,7 +95,11 @@ const std::vector<Attack>& binderdAttacks() {
         }},
         // Requests whose replies are never read, on one thread.
         {"request_flood_never_read", Outcome::kCut, [](Attacker& a) {
-            const auto batch = times(512, RawPeer::transaction(0, kListServices, RawSession::listServicesRequest()));
+            const auto request = RawPeer::transaction(0, kListServices, RawSession::listServicesRequest());
+            std::vector<uint8_t> batch;
+            for (int i = 0; i < 512; ++i) {
+                batch.insert(batch.end(), request.begin(), request.end());
+            }
             // Long enough for a slow binderd (sanitizers, a busy machine) to
             // reach its bound on output; the cut ends the flood sooner.
             const auto end = std::chrono::steady_clock::now() + milliseconds(a.scaled(8000, 5000));
@@ -127,7 +114,7 @@ const std::vector<Attack>& binderdAttacks() {
         {"connections_5000_with_hello", Outcome::kRefused, [](Attacker& a) {
             bool refused = false;
             for (size_t i = 0; i < a.scaled(5000, 300); ++i) {
-                refused |= hello(a.connect()) != kWelcome;
+                refused |= a.connect().hello() != kWelcome;
             }
             return refusedIf(refused);
         }},
@@ -148,7 +135,7 @@ const std::vector<Attack>& binderdAttacks() {
             for (int i = 0; i < 64; ++i) {
                 a.connect();
             }
-            const bool answered = hello(a.connect(), milliseconds(3000)) >= 0;
+            const bool answered = a.connect().hello(kHelloProcess, nullptr, milliseconds(3000)) >= 0;
             prlimit(binderd, RLIMIT_NOFILE, &original, nullptr);
             return answered ? Outcome::kRefused : Outcome::kUnanswered;
         }},
@@ -161,15 +148,6 @@ const std::vector<Attack>& binderdAttacks() {
             a.peers.front()->sendBytes(&header, sizeof(header));
             return cutIf(std::all_of(a.peers.begin(), a.peers.end(),
                                      [](const auto& peer) { return peer->closedByBinderd(milliseconds(15000)); }));
-        }},
-        {"name_theft", Outcome::kRefused, [](Attacker& a) {
-            const int32_t exception = a.session.addService(a.target.victimName, 0x5000);
-            if (exception == -1) {  // EX_SECURITY
-                return Outcome::kRefused;
-            }
-            // Taken: callers now reach this session, which never answers.
-            std::this_thread::sleep_for(milliseconds(a.scaled(2000, 500)));
-            return exception == 0 ? Outcome::kAbsorbed : Outcome::kBroken;
         }},
         // Many threads each send a near-largest call to a service that never
         // reads. What others send it must not cost it its connection: calls
@@ -194,6 +172,25 @@ const std::vector<Attack>& binderdAttacks() {
                 refused |= command == kRefused || command == 0;
             }
             return sink.session.thread().closedByBinderd(milliseconds(0)) ? Outcome::kCut : refusedIf(refused);
+        }},
+        // A frame too large to be one, a frame cut short, a thread with a
+        // forged token, and a well-framed release of what the session was
+        // never given (what the driver makes of other well-framed nonsense is
+        // binderd_driver_test's): each connection is cut, the release's whole session.
+        {"malformed_frames", Outcome::kCut, [](Attacker& a) {
+            const FrameHeader twoGigabytes{0x80000000u, kTransaction};
+            const FrameHeader promise{64, kHelloProcess};
+            const HelloThread forgedToken{0x1234567890abcdefULL};
+            const HandleCount forgedRelease{99, 1};
+            a.connect().sendBytes(&twoGigabytes, sizeof(twoGigabytes));
+            a.connect().sendBytes(&promise, sizeof(promise));
+            a.peers.back()->sendBytes("short", 5);
+            a.peers.back()->finishSending();
+            a.connect().sendFrame(kHelloThread, &forgedToken, sizeof(forgedToken));
+            a.session.control().sendFrame(kReleaseHandle, &forgedRelease, sizeof(forgedRelease));
+            const auto cut = [](RawPeer& peer) { return peer.closedByBinderd(milliseconds(5000)); };
+            return cutIf(cut(a.session.control()) && cut(a.session.thread()) &&
+                         std::all_of(a.peers.begin(), a.peers.end(), [&](const auto& peer) { return cut(*peer); }));
         }},
         // Many threads each send all but the last byte of a largest frame.
         {"partial_frames_on_200_threads", Outcome::kCut, [](Attacker& a) {

@@ -23,10 +23,8 @@ const char* outcomeName(Outcome outcome);
 struct AttackTarget {
     std::string socketPath;
     pid_t binderd = -1;
-    // A live service of another process of the same uid, whose name the
-    // attacker tries to take and whose handle it abuses.
+    // The service, of another process of the same uid, that the legitimate client calls.
     std::string victimName;
-    // That service's process.
     pid_t victimPid = -1;
     // 1 runs each attack at the sizes it was first seen at; tests run small.
     double scale = 1;

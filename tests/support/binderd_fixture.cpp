@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <thread>
+#include <utility>
 
 namespace tivra_test {
 
@@ -44,6 +45,17 @@ int reap(pid_t child, bool block) {
         return -1;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// As reap, waiting up to `timeout`; a child still running then is killed (-1).
+int reapWithin(pid_t child, std::chrono::milliseconds timeout) {
+    int status = -2;
+    if (!waitUntil([&] { return (status = reap(child, false)) != -2; }, timeout)) {
+        ::kill(child, SIGKILL);
+        reap(child, true);
+        return -1;
+    }
+    return status;
 }
 
 // In a fresh child: go when the forking process goes, even if it crashed and
@@ -135,9 +147,7 @@ bool BinderdSession::startBinderd() {
     if (!waitUntil([&] { return socketAnswers(mSocketPath) || reap(mBinderd, false) != -2; }, 5s) ||
         !socketAnswers(mSocketPath)) {
         mError = "binderd did not start on " + mSocketPath;
-        ::kill(mBinderd, SIGKILL);
-        reap(mBinderd, true);
-        mBinderd = -1;
+        reapWithin(std::exchange(mBinderd, -1), 0ms);
         return false;
     }
     return true;
@@ -145,12 +155,10 @@ bool BinderdSession::startBinderd() {
 
 BinderdSession::~BinderdSession() {
     for (pid_t child : mChildren) {
-        ::kill(child, SIGKILL);
-        reap(child, true);
+        reapWithin(child, 0ms);
     }
     if (mBinderd > 0) {
-        ::kill(mBinderd, SIGKILL);
-        reap(mBinderd, true);
+        reapWithin(mBinderd, 0ms);
     }
     if (!mDirectory.empty()) {
         std::error_code ignored;
@@ -172,13 +180,7 @@ pid_t BinderdSession::spawn(const std::function<int()>& body) {
 }
 
 int BinderdSession::waitExit(pid_t child, std::chrono::milliseconds timeout) {
-    int status = -2;
-    waitUntil([&] { return (status = reap(child, false)) != -2; }, timeout);
-    if (status == -2) {
-        ::kill(child, SIGKILL);
-        reap(child, true);
-        status = -1;
-    }
+    const int status = reapWithin(child, timeout);
     mChildren.erase(std::remove(mChildren.begin(), mChildren.end(), child), mChildren.end());
     return status;
 }
@@ -190,13 +192,8 @@ bool BinderdSession::stopBinderd(std::chrono::milliseconds timeout) {
         return false;
     }
     ::kill(mBinderd, SIGTERM);
-    int status = -2;
-    waitUntil([&] { return (status = reap(mBinderd, false)) != -2; }, timeout);
-    if (status == -2) {
-        return false;
-    }
-    mBinderd = -1;
-    return status == 0;
+    const pid_t binderd = std::exchange(mBinderd, -1);
+    return reapWithin(binderd, timeout) == 0;
 }
 
 }  // namespace tivra_test

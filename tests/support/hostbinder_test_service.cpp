@@ -81,18 +81,13 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             for (const sp<IBinder>& listener : listeners) {
                 Parcel event;
                 event.writeInt32(value);
-                listener->transact(TestListener::kListenerEvent, event, nullptr, FLAG_ONEWAY);
+                listener->transact(kListenerEvent, event, nullptr, FLAG_ONEWAY);
             }
             return OK;
         }
         case kGiveListener: {
             std::lock_guard<std::mutex> lock(mLock);
             return reply->writeStrongBinder(mListeners.empty() ? nullptr : mListeners.back());
-        }
-        case kDropListeners: {
-            std::lock_guard<std::mutex> lock(mLock);
-            mListeners.clear();
-            return OK;
         }
         case kAnswerWith: {
             const status_t status = data.readInt32();
@@ -107,17 +102,6 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
         default:
             return BBinder::onTransact(code, data, reply, flags);
     }
-}
-
-status_t TestListener::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
-    if (code != kListenerEvent) {
-        return BBinder::onTransact(code, data, reply, flags);
-    }
-    const int32_t value = data.readInt32();
-    std::lock_guard<std::mutex> lock(mLock);
-    mHeard.lastThread = std::this_thread::get_id();
-    mHeard.order.note(value >> kSequenceBits, value & ((1 << kSequenceBits) - 1));
-    return OK;
 }
 
 const android::String16 kTestServiceName("tivra.test.service");

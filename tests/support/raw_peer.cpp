@@ -60,6 +60,13 @@ std::vector<uint8_t> RawPeer::transaction(uint64_t handle, uint32_t code, const 
     return frame;
 }
 
+int64_t RawPeer::hello(uint32_t command, std::vector<uint8_t>* answer, milliseconds timeout) {
+    const HelloProcess hello{15, 0};
+    std::vector<uint8_t> ignored;
+    sendFrame(command, &hello, command == kHelloProcess ? sizeof(hello) : 0);
+    return nextCommand(answer != nullptr ? answer : &ignored, timeout);
+}
+
 void RawPeer::finishSending() { shutdown(mFd, SHUT_WR); }
 
 int64_t RawPeer::nextCommand(std::vector<uint8_t>* payload, milliseconds timeout) {
@@ -100,10 +107,8 @@ bool RawPeer::readExactly(void* out, size_t size, milliseconds timeout) {
 }
 
 RawSession::RawSession(const std::string& path) : mControl(path), mThread(path) {
-    const HelloProcess hello{15, 0};
     std::vector<uint8_t> welcome;
-    if (mControl.sendFrame(kHelloProcess, &hello, sizeof(hello)) && mControl.nextCommand(&welcome) == kWelcome &&
-        welcome.size() == sizeof(mToken)) {
+    if (mControl.hello(kHelloProcess, &welcome) == kWelcome && welcome.size() == sizeof(mToken)) {
         std::memcpy(&mToken, welcome.data(), sizeof(mToken));
         mReady = addThread(mThread);
     }

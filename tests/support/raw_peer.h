@@ -33,6 +33,10 @@ public:
     // The frame sendTransaction sends.
     static std::vector<uint8_t> transaction(uint64_t handle, uint32_t code, const std::vector<uint8_t>& data,
                                             const std::vector<uint64_t>& offsets = {}, uint32_t flags = 0);
+    // Says hello as a new process (or, given kHelloMonitor, as a watcher):
+    // binderd's answer, as nextCommand.
+    int64_t hello(uint32_t command = android::hostbinder::kHelloProcess, std::vector<uint8_t>* answer = nullptr,
+                  milliseconds timeout = milliseconds(5000));
     void finishSending();
     // Closes at once, dropping whatever binderd sent and was not read.
     void close();
