@@ -7,7 +7,6 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,11 +18,10 @@
 
 #include <binder/IServiceManager.h>
 
+#include "binderd_attacks.h"
 #include "binderd_fixture.h"
 #include "hostbinder_test_service.h"
 #include "log_capture.h"
-#include "protocol/Protocol.h"
-#include "raw_peer.h"
 
 namespace {
 
@@ -37,11 +35,9 @@ constexpr uid_t kAllowedUid = 65533;
 // A Unix socket bound at `path` (-1 on failure): closed at once, it is the
 // stale file a killed binderd leaves; listened on, a binderd that never answers.
 int bindSocket(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    sockaddr_un address;
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    if (!unixAddress(path, &address) || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         close(fd);
         return -1;
     }

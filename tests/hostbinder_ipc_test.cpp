@@ -163,9 +163,8 @@ TEST_F(HostBinderIpc, CallsCarryDataStatusAndTheCallersIdentityWithOrWithoutACha
     }
 }
 
-// One hop of a call chain through three processes. A call carries the calls
-// left to make, the index of the next hop and the three hops. A hop calls the
-// next one and answers with the answer it got plus its mark and level, and
+// One hop of a call chain through three processes, A, B and C. A call carries
+// the calls left to make and the three hops. A hop calls the next one and answers with the answer it got plus its mark and level, and
 // "!" when it ran on another thread than the one its process waits on in the
 // chain. The hop given `deep` stalls at the end of the second chain. The hop
 // given `home` registers itself again, once its call found binderd gone.
@@ -179,10 +178,9 @@ public:
 
     static String16 name(char mark) { return String16((std::string("tivra.test.hop.") + mark).c_str()); }
 
-    // A request with `left` calls to go, the first to hops[next].
-    static void fill(Parcel* p, int32_t left, int32_t next, const std::vector<sp<IBinder>>& hops) {
+    // A request with `left` calls to go.
+    static void fill(Parcel* p, int32_t left, const std::vector<sp<IBinder>>& hops) {
         p->writeInt32(left);
-        p->writeInt32(next);
         for (const sp<IBinder>& hop : hops) {
             p->writeStrongBinder(hop);
         }
@@ -194,7 +192,6 @@ protected:
             return BBinder::onTransact(code, data, reply, flags);
         }
         const int32_t left = data.readInt32();
-        const int32_t next = data.readInt32();
         std::vector<sp<IBinder>> hops(3);
         for (sp<IBinder>& hop : hops) {
             hop = data.readStrongBinder();
@@ -207,7 +204,7 @@ protected:
         status_t status = OK;
         if (left > 0) {
             Parcel back;
-            status = call(hops[next], kHop, [&](Parcel* p) { fill(p, left - 1, (next + 1) % 3, hops); }, &back);
+            status = call(hops[(mMark - 'A' + 1) % 3], kHop, [&](Parcel* p) { fill(p, left - 1, hops); }, &back);
             answer = back.readString16();
             if (status == DEAD_OBJECT && mFixedHome != std::thread::id()) {
                 waitUntil([this] { return defaultServiceManager()->addService(name(mMark), this) == OK; });
@@ -264,13 +261,13 @@ TEST_F(HostBinderIpc, ChainsOfNestedCallsAnswerEveryLevelAndSurviveTheLossOfBind
         CHILD_CHECK(hops[1]->linkToDeath(recipient) == OK);
         // Eight calls, from here to B, C, A, B, C, A, B and C.
         Parcel answer;
-        CHILD_CHECK(call(hops[1], ChainHop::kHop, [&](Parcel* p) { ChainHop::fill(p, 7, 2, hops); }, &answer) == OK);
+        CHILD_CHECK(call(hops[1], ChainHop::kHop, [&](Parcel* p) { ChainHop::fill(p, 7, hops); }, &answer) == OK);
         CHILD_CHECK(answer.readString16() == String16("C0B1A2C3B4A5C6B7"));
         // binderd goes while the chain stands at its deepest: each level
         // fails, also after the levels here that answer later reconnected to
         // the next binderd, and the session they made stands. Proxies of the
         // old session are dead for good and their watchers hear it once.
-        CHILD_CHECK(call(hops[1], ChainHop::kHop, [&](Parcel* p) { ChainHop::fill(p, 7, 2, hops); }, &answer) ==
+        CHILD_CHECK(call(hops[1], ChainHop::kHop, [&](Parcel* p) { ChainHop::fill(p, 7, hops); }, &answer) ==
                     DEAD_OBJECT);
         CHILD_CHECK(lookUpTestService(ChainHop::name('A')) != nullptr);
         CHILD_CHECK(waitUntil([&] { return recipient->deaths == 1; }));
@@ -417,19 +414,17 @@ TEST_F(HostBinderIpc, PeersKilledMidCallLeaveTheOtherStandingAndAServicesDeathFa
         Parcel reply;
         CHILD_CHECK(call(target, TestService::kAddListener,
                          [&](Parcel* p) { p->writeStrongBinder(new TestListener(&live)); }, &reply) == OK);
-        sp<CountingRecipient> first = new CountingRecipient();
-        sp<CountingRecipient> second = new CountingRecipient();
-        CHILD_CHECK(target->linkToDeath(first) == OK);
-        CHILD_CHECK(target->linkToDeath(second) == OK);
+        sp<CountingRecipient> recipient = new CountingRecipient();
+        CHILD_CHECK(target->linkToDeath(recipient) == OK);
         CHILD_CHECK(target->isBinderAlive() && target->pingBinder() == OK);
         // The service dies while this call runs in it.
         CHILD_CHECK(call(target, TestService::kBlockOneway, nullptr, &reply) == DEAD_OBJECT);
-        CHILD_CHECK(waitUntil([&] { return first->deaths == 1 && second->deaths == 1 && live == 0; }));
-        CHILD_CHECK(first->thread.load() != std::this_thread::get_id());
+        CHILD_CHECK(waitUntil([&] { return recipient->deaths == 1 && live == 0; }));
+        CHILD_CHECK(recipient->thread.load() != std::this_thread::get_id());
         CHILD_CHECK(call(target, TestService::kEcho, nullptr, &reply) == DEAD_OBJECT);
         CHILD_CHECK(!target->isBinderAlive());
         CHILD_CHECK(target->linkToDeath(new CountingRecipient()) == DEAD_OBJECT);
-        CHILD_CHECK(first->deaths == 1 && second->deaths == 1);
+        CHILD_CHECK(recipient->deaths == 1);
         return 0;
     });
     ASSERT_EQ(events.next(), "blocked");

@@ -5,31 +5,20 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <thread>
 #include <utility>
 
+#include <hostbinder/Socket.h>
+
 namespace tivra_test {
 
 namespace {
-
-bool socketAnswers(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool answered = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    close(fd);
-    return answered;
-}
 
 // The exit status once the child is gone; -1 for a signal; -2 while it runs.
 int reap(pid_t child, bool block) {
@@ -144,8 +133,8 @@ bool BinderdSession::startBinderd() {
         _exit(127);
     }
     mBinderd = child;
-    if (!waitUntil([&] { return socketAnswers(mSocketPath) || reap(mBinderd, false) != -2; }, 5s) ||
-        !socketAnswers(mSocketPath)) {
+    if (!waitUntil([&] { return android::hostbinder::socketAccepts(mSocketPath) || reap(mBinderd, false) != -2; }, 5s) ||
+        !android::hostbinder::socketAccepts(mSocketPath)) {
         mError = "binderd did not start on " + mSocketPath;
         reapWithin(std::exchange(mBinderd, -1), 0ms);
         return false;

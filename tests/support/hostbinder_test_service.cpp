@@ -1,7 +1,10 @@
 #include "hostbinder_test_service.h"
 
 #include <algorithm>
+#include <mutex>
+#include <vector>
 
+#include <binder/Binder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
@@ -27,12 +30,29 @@ int StreamOrder::countOf(int32_t stream) const {
     return it == streams.end() ? 0 : it->second.second;
 }
 
-const android::String16& TestService::getInterfaceDescriptor() const {
-    static const android::String16 descriptor("tivra.test.IService");
-    return descriptor;
-}
+namespace {
 
-status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
+class TestServiceBinder : public android::BBinder, public TestService {
+public:
+    TestServiceBinder(Channel* ready, Channel* release) : mReady(ready), mRelease(release) {}
+
+    const android::String16& getInterfaceDescriptor() const override {
+        static const android::String16 descriptor("tivra.test.IService");
+        return descriptor;
+    }
+
+protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override;
+
+private:
+    Channel* const mReady;
+    Channel* const mRelease;
+    std::mutex mLock;
+    StreamOrder mRecords;
+    std::vector<sp<IBinder>> mListeners;
+};
+
+status_t TestServiceBinder::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
     switch (code) {
         case kEcho:
             return reply->write(data.data(), data.dataSize());
@@ -95,8 +115,9 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             return status;
         }
         case kBlockOneway:
-            if (mWaitForRelease) {
-                mWaitForRelease();
+            if (mRelease != nullptr) {
+                mReady->post("blocked");
+                mRelease->next(20s);
             }
             return OK;
         default:
@@ -104,16 +125,13 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
     }
 }
 
+}  // namespace
+
 const android::String16 kTestServiceName("tivra.test.service");
 
 pid_t spawnTestService(BinderdSession& session, Channel& ready, const android::String16& name, Channel* release) {
     return session.spawn([&ready, name, release] {
-        sp<TestService> service = new TestService([&ready, release] {
-            if (release != nullptr) {
-                ready.post("blocked");
-                release->next(20s);
-            }
-        });
+        sp<IBinder> service = new TestServiceBinder(&ready, release);
         android::ProcessState::self()->startThreadPool();
         CHILD_CHECK(android::defaultServiceManager()->addService(name, service) == OK);
         ready.post("ready");

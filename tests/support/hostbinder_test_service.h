@@ -1,13 +1,9 @@
 #pragma once
 
 #include <chrono>
-#include <functional>
 #include <map>
-#include <mutex>
-#include <vector>
 
-#include <binder/Binder.h>
-#include <binder/Parcel.h>
+#include <binder/IBinder.h>
 
 #include "binderd_fixture.h"
 
@@ -24,10 +20,10 @@ struct StreamOrder {
     int violations = 0;
 };
 
-// The service that hostbinder's tests run in a child process. Each code
-// exercises one behaviour of the runtime from the service's side.
-class TestService : public android::BBinder {
-public:
+// The codes of the service that hostbinder's tests run in a child process
+// (spawnTestService). Each exercises one behaviour of the runtime from the
+// service's side.
+struct TestService {
     // The code a listener's events come with.
     static constexpr uint32_t kListenerEvent = android::IBinder::FIRST_CALL_TRANSACTION;
     enum Code : uint32_t {
@@ -39,24 +35,10 @@ public:
         kRemoveListener, // binder -> bool whether it was kept (same proxy)
         kNotify,         // int32 value: one-way kListenerEvent, with that value, to every listener
         kGiveListener,   // -> the newest listener
-        kBlockOneway,    // one-way: blocks this node until release() is called
+        kBlockOneway,    // one-way or two-way: blocks this node until released (see spawnTestService)
         kLookUpAndRecord, // one-way: a two-way service lookup first, then as kRecord
         kAnswerWith,     // int32 status -> that int32, and onTransact returns the status
     };
-
-    explicit TestService(std::function<void()> waitForRelease = {}) : mWaitForRelease(std::move(waitForRelease)) {}
-
-    const android::String16& getInterfaceDescriptor() const override;
-
-protected:
-    android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
-                                 uint32_t flags) override;
-
-private:
-    std::function<void()> mWaitForRelease;
-    std::mutex mLock;
-    StreamOrder mRecords;
-    std::vector<android::sp<android::IBinder>> mListeners;
 };
 
 // The name the tests register TestService under.
