@@ -139,7 +139,7 @@ DaemonRun runBinderd(const std::vector<std::string>& arguments, const std::strin
 // The folder `base`/hostbinder that the socket `base`/hostbinder/binder goes
 // in (the default one when `base` is the runtime folder), as a case of either
 // side's socket rules finds it.
-enum class Folder { kAbsent, kPlain, kSearchable, kWritableByOthers, kSymlink, kOtherUsers, kStaleSocket,
+enum class Folder { kAbsent, kSearchable, kWritableByOthers, kSymlink, kOtherUsers, kStaleSocket,
                     kRegularFile, kWritableWithSocket };
 
 std::string prepare(const std::string& base, Folder folder) {
@@ -176,7 +176,10 @@ struct CaseFolder {
     std::string path;
 };
 
-TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
+// binderd's command line and what it makes of its socket and folder; for the
+// same folders, what the client library makes of the default socket there or,
+// when `chosen`, of that socket given by the user.
+TEST(SocketRules, BinderdOptionsSocketFileAndFolderAndWhereAClientConnects) {
     BinderdSession live;
     ASSERT_TRUE(live.started()) << live.error();
     // Without --socket, binderd listens in the runtime folder, the case's own.
@@ -190,6 +193,8 @@ TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
         const char* says;
         mode_t socketMode;  // 0: binderd must not listen
         mode_t folderMode;
+        const char* client = nullptr;  // the client's objection, "" for none; nullptr: not asked
+        bool chosen = false;
         mode_t mask = 022;
         bool asRootOnly = false;
     };
@@ -208,17 +213,22 @@ TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
         {"uid past 64 bits", Folder::kAbsent, {"--allow-uid=18446744073709551615"}, 2, "invalid uid", 0, 0},
         {"negative uid", Folder::kAbsent, {"--allow-uid", "-1"}, 2, "invalid uid '-1'", 0, 0},
         {"the kernel's no-group", Folder::kAbsent, {"--allow-group=4294967295"}, 2, "invalid gid '4294967295'", 0, 0},
-        {"private whatever the umask", Folder::kAbsent, {"--socket=S"}, 0, "", 0600, 0700, 0},
+        {"private whatever the umask", Folder::kAbsent, {"--socket", "S"}, 0, "", 0600, 0700, nullptr, false, 0},
         {"the default socket", Folder::kAbsent, {}, 0, "", 0600, 0700},
         {"searchable with allowed users, who are told of a private folder above", Folder::kAbsent,
          {"--socket", "S", "--allow-uid", "65533", "--allow-group=4294967294"}, 0, "warning: other users cannot reach",
          0666, 0711},
         {"private again without them", Folder::kSearchable, {"--socket", "S"}, 0, "", 0600, 0700},
-        {"stale socket replaced", Folder::kStaleSocket, {"--socket", "S"}, 0, "", 0600, 0755},
-        {"regular file kept", Folder::kRegularFile, {"--socket", "S"}, 1, "is not a socket: not replacing it", 0, 0},
-        {"symlinked folder", Folder::kSymlink, {"--socket", "S"}, 1, "not a directory", 0, 0},
-        {"folder others can write", Folder::kWritableByOthers, {"--socket", "S"}, 1, "others can write to it", 0, 0},
-        {"folder of another user", Folder::kOtherUsers, {"--socket", "S"}, 1, "belongs to uid 65534", 0, 0, 022, true},
+        {"stale socket replaced", Folder::kStaleSocket, {"--socket", "S"}, 0, "", 0600, 0755, ""},
+        {"regular file kept", Folder::kRegularFile, {"--socket", "S"}, 1, "is not a socket: not replacing it", 0, 0,
+         "is not a socket", true},
+        {"symlinked folder", Folder::kSymlink, {"--socket", "S"}, 1, "not a directory", 0, 0, "is not a directory"},
+        {"folder others can write", Folder::kWritableByOthers, {"--socket", "S"}, 1, "others can write to it", 0, 0,
+         "is writable by others"},
+        {"a socket in a folder others can write", Folder::kWritableWithSocket, {"--socket", "S"}, 1,
+         "others can write to it", 0, 0, "", true},
+        {"folder of another user", Folder::kOtherUsers, {"--socket", "S"}, 1, "belongs to uid 65534", 0, 0,
+         "belongs to uid 65534", false, 022, true},
         {"second instance", Folder::kAbsent, {"--socket", "L"}, 1, "another binderd is already running", 0, 0},
     };
     for (const Case& c : cases) {
@@ -230,12 +240,14 @@ TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
         ASSERT_FALSE(base.path.empty());
         setenv("XDG_RUNTIME_DIR", base.path.c_str(), 1);
         const std::string socket = prepare(base.path, c.folder);
+        if (c.client != nullptr) {
+            const std::string reason = unsafeSocketReason(socket, c.chosen);
+            EXPECT_EQ(reason.empty(), *c.client == 0) << reason;
+            EXPECT_NE(reason.find(c.client), std::string::npos) << reason;
+        }
         Arguments arguments = c.arguments;
         for (std::string& argument : arguments) {
-            const char last = argument.back();
-            if ((last == 'S' || last == 'L') && (argument.size() == 1 || argument[argument.size() - 2] == '=')) {
-                argument.replace(argument.size() - 1, 1, last == 'S' ? socket : live.socketPath());
-            }
+            argument = argument == "S" ? socket : argument == "L" ? live.socketPath() : argument;
         }
         const DaemonRun run = runBinderd(arguments, socket, c.mask, base.path + "/output");
         EXPECT_EQ(run.status, c.status) << run.output;
@@ -290,34 +302,6 @@ TEST(BinderdAccess, PeersAreAdmittedByTheirCredentials) {
 }
 
 // --- the client library's side ---
-
-TEST(ClientSocketRules, DefaultFoldersMustBePrivateAChosenSocketMustBeASocket) {
-    struct Case {
-        const char* name;
-        Folder folder;
-        bool chosen;
-        const char* reason;  // "" when the client may connect
-        bool asRootOnly = false;
-    };
-    const std::vector<Case> cases{
-        {"own private folder", Folder::kPlain, false, ""},
-        {"folder others can write", Folder::kWritableByOthers, false, "is writable by others"},
-        {"symlinked folder", Folder::kSymlink, false, "is not a directory"},
-        {"folder of another user", Folder::kOtherUsers, false, "belongs to uid 65534", true},
-        {"chosen socket in any folder", Folder::kWritableWithSocket, true, ""},
-        {"chosen path that is a file", Folder::kRegularFile, true, "is not a socket"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        if (c.asRootOnly && geteuid() != 0) {
-            continue;
-        }
-        const CaseFolder base;
-        const std::string reason = unsafeSocketReason(prepare(base.path, c.folder), c.chosen);
-        EXPECT_EQ(reason.empty(), *c.reason == 0) << reason;
-        EXPECT_NE(reason.find(c.reason), std::string::npos) << reason;
-    }
-}
 
 TEST(ClientSocketRules, ASilentBinderdIsReportedAndLookupsGiveNull) {
     BinderdSession session;

@@ -163,11 +163,12 @@ TEST_F(HostBinderIpc, CallsCarryDataStatusAndTheCallersIdentityWithOrWithoutACha
     }
 }
 
-// One hop of a call chain through three processes, A, B and C. A call carries
-// the calls left to make and the three hops. A hop calls the next one and answers with the answer it got plus its mark and level, and
-// "!" when it ran on another thread than the one its process waits on in the
-// chain. The hop given `deep` stalls at the end of the second chain. The hop
-// given `home` registers itself again, once its call found binderd gone.
+// One hop of a call chain through three processes, A, B and C. A call
+// carries the calls left to make and the three hops. A hop calls the next one
+// and answers with the answer it got plus its mark and level, and "!" when it
+// ran on another thread than the one its process waits on in the chain. The
+// hop given `deep` stalls at the end of the second chain. The hop given `home`
+// registers itself again, once its call found binderd gone.
 class ChainHop : public BBinder {
 public:
     static constexpr uint32_t kHop = IBinder::FIRST_CALL_TRANSACTION;
@@ -283,8 +284,9 @@ TEST_F(HostBinderIpc, ChainsOfNestedCallsAnswerEveryLevelAndSurviveTheLossOfBind
 
 // A callback object that counts itself in `live` while it exists. An event's
 // value is a stream in its upper bits and a sequence below (see eventValue):
-// it keeps their order and the thread of the last one, and tells `report`, when
-// it goes, how many events it ran, or -1 when some came out of order.
+// it keeps their order, counts an event run on the thread that made it (which
+// only ever waits in calls) as out of order, and tells `report`, when it goes,
+// how many events it ran, or -1 when some came out of order.
 class TestListener : public BBinder {
 public:
     static constexpr int kSequenceBits = 20;
@@ -296,16 +298,12 @@ public:
     ~TestListener() override {
         // Told before `live` drops: the owner reads it once no listener is left.
         if (mReport != nullptr) {
-            *mReport = mHeard.order.violations == 0 ? mHeard.order.total : -1;
+            *mReport = mHeard.violations == 0 ? mHeard.total : -1;
         }
         --*mLive;
     }
 
-    struct Heard {
-        StreamOrder order;
-        std::thread::id lastThread;
-    };
-    Heard heard() const {
+    StreamOrder heard() const {
         std::lock_guard<std::mutex> lock(mLock);
         return mHeard;
     }
@@ -317,16 +315,16 @@ protected:
         }
         const int32_t value = data.readInt32();
         std::lock_guard<std::mutex> lock(mLock);
-        mHeard.lastThread = std::this_thread::get_id();
-        mHeard.order.note(value >> kSequenceBits, value & ((1 << kSequenceBits) - 1));
+        mHeard.note(value >> kSequenceBits, value & ((1 << kSequenceBits) - 1), std::this_thread::get_id() == mMaker);
         return OK;
     }
 
 private:
+    const std::thread::id mMaker = std::this_thread::get_id();
     std::atomic<int>* const mLive;
     std::atomic<int>* const mReport;
     mutable std::mutex mLock;
-    Heard mHeard;
+    StreamOrder mHeard;
 };
 
 // An object goes from its owner to the service, which gives it back as the
@@ -352,7 +350,7 @@ void HostBinderIpc::handOver(int events, const std::function<void(const sp<IBind
             // thread (the binder of the reply before).
             CHILD_CHECK(call(lookUpTestService(), TestService::kNotify, [](Parcel* p) { p->writeInt32(0); },
                              &reply) == OK);
-            CHILD_CHECK(waitUntil([&] { return object->heard().order.total == 1; }, 20s));
+            CHILD_CHECK(waitUntil([&] { return object->heard().total == 1; }, 20s));
         }
         // Checked before the test hears of it and acts.
         CHILD_CHECK(live == 1);
@@ -551,12 +549,11 @@ TEST_F(HostBinderIpc, ConcurrentCallsAndListenerChurnKeepRepliesOneWayOrderAndRe
                 CHILD_CHECK(call(service, TestService::kNotify, [&](Parcel* p) { p->writeInt32(value); }, &reply) ==
                             OK);
             }
-            CHILD_CHECK(waitUntil([&] { return listener->heard().order.countOf(stream) == kNotifies; }, 30s));
+            CHILD_CHECK(waitUntil([&] { return listener->heard().countOf(stream) == kNotifies; }, 30s));
             CHILD_CHECK(call(service, TestService::kRemoveListener, [&](Parcel* p) { p->writeStrongBinder(listener); },
                              &reply) == OK);
             CHILD_CHECK(reply.readBool());
-            const TestListener::Heard heard = listener->heard();
-            CHILD_CHECK(heard.order.violations == 0 && heard.lastThread != std::this_thread::get_id());
+            CHILD_CHECK(listener->heard().violations == 0);
             listener.clear();
             // The service and binderd may still hold it for a notice in flight.
             CHILD_CHECK(waitUntil([&] { return live == 0; }, 30s));

@@ -24,13 +24,6 @@ namespace tivra_test {
 
 using namespace android::hostbinder;
 
-void RawPeer::close() {
-    if (mFd >= 0) {
-        ::close(mFd);
-        mFd = -1;
-    }
-}
-
 bool RawPeer::sendBytes(const void* bytes, size_t size) {
     const auto* cursor = static_cast<const uint8_t*>(bytes);
     for (ssize_t n = 0; size > 0; cursor += n, size -= static_cast<size_t>(n)) {

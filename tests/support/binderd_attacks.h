@@ -3,10 +3,12 @@
 // Hostile and broken processes, written with raw frames: the connections
 // they speak on, and the attacks on binderd they make.
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "binderd_fixture.h"
@@ -45,7 +47,7 @@ public:
                   milliseconds timeout = milliseconds(5000));
     void finishSending();
     // Closes at once, dropping whatever binderd sent and was not read.
-    void close();
+    void close() { ::close(std::exchange(mFd, -1)); }
 
     // The next frame's command; 0 once binderd closed the connection, -1 when
     // it said nothing within the timeout.

@@ -18,6 +18,8 @@
 
 namespace tivra_test {
 
+using android::hostbinder::socketAccepts;
+
 namespace {
 
 // The exit status once the child is gone; -1 for a signal; -2 while it runs.
@@ -125,16 +127,12 @@ bool BinderdSession::startBinderd() {
         argv.push_back(option.c_str());
     }
     argv.push_back(nullptr);
-    const pid_t parent = getpid();
-    const pid_t child = fork();
-    if (child == 0) {
-        dieWithParent(parent);
+    mBinderd = spawn([&] {
         execv(TIVRA_BINDERD_PATH, const_cast<char* const*>(argv.data()));
-        _exit(127);
-    }
-    mBinderd = child;
-    if (!waitUntil([&] { return android::hostbinder::socketAccepts(mSocketPath) || reap(mBinderd, false) != -2; }, 5s) ||
-        !android::hostbinder::socketAccepts(mSocketPath)) {
+        return 127;
+    });
+    if (!waitUntil([&] { return socketAccepts(mSocketPath) || reap(mBinderd, false) != -2; }, 5s) ||
+        !socketAccepts(mSocketPath)) {
         mError = "binderd did not start on " + mSocketPath;
         reapWithin(std::exchange(mBinderd, -1), 0ms);
         return false;
@@ -143,11 +141,9 @@ bool BinderdSession::startBinderd() {
 }
 
 BinderdSession::~BinderdSession() {
+    // binderd too: it is one of the children.
     for (pid_t child : mChildren) {
         reapWithin(child, 0ms);
-    }
-    if (mBinderd > 0) {
-        reapWithin(mBinderd, 0ms);
     }
     if (!mDirectory.empty()) {
         std::error_code ignored;
