@@ -142,7 +142,6 @@ TEST_F(HostBinderIpc, CallsCarryDataStatusAndTheCallersIdentityWithOrWithoutACha
             CHILD_CHECK(call(service, TestService::kWhoCalls, nullptr, &identity) == OK);
             CHILD_CHECK(identity.readInt32() == getpid());
             CHILD_CHECK(identity.readInt32() == static_cast<int32_t>(getuid()));
-            CHILD_CHECK(call(service, 0x00ffff00, nullptr, &reply) == UNKNOWN_TRANSACTION);
             // Only a negative status fails the call; with any other the reply arrives.
             for (const status_t answer : {status_t{1}, status_t{BAD_VALUE}}) {
                 Parcel answered;
@@ -150,12 +149,6 @@ TEST_F(HostBinderIpc, CallsCarryDataStatusAndTheCallersIdentityWithOrWithoutACha
                                  &answered) == std::min<status_t>(answer, OK));
                 CHILD_CHECK(answered.readInt32() == std::max<status_t>(answer, OK));
             }
-            // The service counts a one-way call served without a reply parcel as a violation.
-            CHILD_CHECK(call(service, TestService::kRecord, [&](Parcel* p) {
-                p->writeInt32(channels ? 1 : 2);
-                p->writeInt32(0);
-            }, nullptr, IBinder::FLAG_ONEWAY) == OK);
-            CHILD_CHECK(recordsArrive(service, channels ? 1 : 2));
             // Outside any transaction, the caller is this process itself.
             CHILD_CHECK(IPCThreadState::self()->getCallingPid() == getpid());
             return 0;
@@ -414,13 +407,11 @@ TEST_F(HostBinderIpc, PeersKilledMidCallLeaveTheOtherStandingAndAServicesDeathFa
                          [&](Parcel* p) { p->writeStrongBinder(new TestListener(&live)); }, &reply) == OK);
         sp<CountingRecipient> recipient = new CountingRecipient();
         CHILD_CHECK(target->linkToDeath(recipient) == OK);
-        CHILD_CHECK(target->isBinderAlive() && target->pingBinder() == OK);
         // The service dies while this call runs in it.
         CHILD_CHECK(call(target, TestService::kBlockOneway, nullptr, &reply) == DEAD_OBJECT);
         CHILD_CHECK(waitUntil([&] { return recipient->deaths == 1 && live == 0; }));
         CHILD_CHECK(recipient->thread.load() != std::this_thread::get_id());
-        CHILD_CHECK(call(target, TestService::kEcho, nullptr, &reply) == DEAD_OBJECT);
-        CHILD_CHECK(!target->isBinderAlive());
+        CHILD_CHECK(call(target, TestService::kEcho, nullptr, &reply) == DEAD_OBJECT && !target->isBinderAlive());
         CHILD_CHECK(target->linkToDeath(new CountingRecipient()) == DEAD_OBJECT);
         CHILD_CHECK(recipient->deaths == 1);
         return 0;
@@ -563,8 +554,7 @@ TEST_F(HostBinderIpc, ConcurrentCallsAndListenerChurnKeepRepliesOneWayOrderAndRe
         expectChildPasses(worker, kDeadline);
     }
     expectChildPasses(session.spawn([] {
-        const sp<IBinder> service = lookUpTestService();
-        CHILD_CHECK(recordsArrive(service, kClients * kThreads * kCalls, 30s));
+        CHILD_CHECK(recordsArrive(lookUpTestService(), kClients * kThreads * kCalls, 30s));
         return 0;
     }));
 }
