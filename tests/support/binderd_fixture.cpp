@@ -141,9 +141,9 @@ bool BinderdSession::startBinderd() {
 }
 
 BinderdSession::~BinderdSession() {
-    // binderd too: it is one of the children.
-    for (pid_t child : mChildren) {
-        reapWithin(child, 0ms);
+    // Newest first: binderd, one of the children, goes after those it served.
+    for (auto child = mChildren.rbegin(); child != mChildren.rend(); ++child) {
+        reapWithin(*child, 0ms);
     }
     if (!mDirectory.empty()) {
         std::error_code ignored;

@@ -42,7 +42,78 @@ public:
     }
 
 protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override;
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        switch (code) {
+            case kEcho:
+                return reply->write(data.data(), data.dataSize());
+            case kWhoCalls:
+                reply->writeInt32(android::IPCThreadState::self()->getCallingPid());
+                return reply->writeInt32(static_cast<int32_t>(android::IPCThreadState::self()->getCallingUid()));
+            case kLookUpAndRecord:
+                // The thread waits for binderd here while later calls arrive.
+                android::defaultServiceManager()->checkService(android::String16("tivra.test.absent"));
+                [[fallthrough]];
+            case kRecord: {
+                const int32_t stream = data.readInt32();
+                const int32_t sequence = data.readInt32();
+                std::lock_guard<std::mutex> lock(mLock);
+                // A one-way call is served with a reply parcel all the same.
+                mRecords.note(stream, sequence, reply == nullptr);
+                return OK;
+            }
+            case kStats: {
+                std::lock_guard<std::mutex> lock(mLock);
+                reply->writeInt32(mRecords.total);
+                return reply->writeInt32(mRecords.violations);
+            }
+            case kAddListener: {
+                std::lock_guard<std::mutex> lock(mLock);
+                mListeners.push_back(data.readStrongBinder());
+                return OK;
+            }
+            case kRemoveListener: {
+                sp<IBinder> listener = data.readStrongBinder();
+                std::lock_guard<std::mutex> lock(mLock);
+                auto found = std::find(mListeners.begin(), mListeners.end(), listener);
+                const bool registered = found != mListeners.end();
+                if (registered) {
+                    mListeners.erase(found);
+                }
+                return reply->writeBool(registered);
+            }
+            case kNotify: {
+                const int32_t value = data.readInt32();
+                std::vector<sp<IBinder>> listeners;
+                {
+                    std::lock_guard<std::mutex> lock(mLock);
+                    listeners = mListeners;
+                }
+                for (const sp<IBinder>& listener : listeners) {
+                    Parcel event;
+                    event.writeInt32(value);
+                    listener->transact(kListenerEvent, event, nullptr, FLAG_ONEWAY);
+                }
+                return OK;
+            }
+            case kGiveListener: {
+                std::lock_guard<std::mutex> lock(mLock);
+                return reply->writeStrongBinder(mListeners.empty() ? nullptr : mListeners.back());
+            }
+            case kAnswerWith: {
+                const status_t status = data.readInt32();
+                reply->writeInt32(status);
+                return status;
+            }
+            case kBlockOneway:
+                if (mRelease != nullptr) {
+                    mReady->post("blocked");
+                    mRelease->next(20s);
+                }
+                return OK;
+            default:
+                return BBinder::onTransact(code, data, reply, flags);
+        }
+    }
 
 private:
     Channel* const mReady;
@@ -51,79 +122,6 @@ private:
     StreamOrder mRecords;
     std::vector<sp<IBinder>> mListeners;
 };
-
-status_t TestServiceBinder::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
-    switch (code) {
-        case kEcho:
-            return reply->write(data.data(), data.dataSize());
-        case kWhoCalls:
-            reply->writeInt32(android::IPCThreadState::self()->getCallingPid());
-            return reply->writeInt32(static_cast<int32_t>(android::IPCThreadState::self()->getCallingUid()));
-        case kLookUpAndRecord:
-            // The thread waits for binderd here while later calls arrive.
-            android::defaultServiceManager()->checkService(android::String16("tivra.test.absent"));
-            [[fallthrough]];
-        case kRecord: {
-            const int32_t stream = data.readInt32();
-            const int32_t sequence = data.readInt32();
-            std::lock_guard<std::mutex> lock(mLock);
-            // A one-way call is served with a reply parcel all the same.
-            mRecords.note(stream, sequence, reply == nullptr);
-            return OK;
-        }
-        case kStats: {
-            std::lock_guard<std::mutex> lock(mLock);
-            reply->writeInt32(mRecords.total);
-            return reply->writeInt32(mRecords.violations);
-        }
-        case kAddListener: {
-            std::lock_guard<std::mutex> lock(mLock);
-            mListeners.push_back(data.readStrongBinder());
-            return OK;
-        }
-        case kRemoveListener: {
-            sp<IBinder> listener = data.readStrongBinder();
-            std::lock_guard<std::mutex> lock(mLock);
-            auto found = std::find(mListeners.begin(), mListeners.end(), listener);
-            const bool registered = found != mListeners.end();
-            if (registered) {
-                mListeners.erase(found);
-            }
-            return reply->writeBool(registered);
-        }
-        case kNotify: {
-            const int32_t value = data.readInt32();
-            std::vector<sp<IBinder>> listeners;
-            {
-                std::lock_guard<std::mutex> lock(mLock);
-                listeners = mListeners;
-            }
-            for (const sp<IBinder>& listener : listeners) {
-                Parcel event;
-                event.writeInt32(value);
-                listener->transact(kListenerEvent, event, nullptr, FLAG_ONEWAY);
-            }
-            return OK;
-        }
-        case kGiveListener: {
-            std::lock_guard<std::mutex> lock(mLock);
-            return reply->writeStrongBinder(mListeners.empty() ? nullptr : mListeners.back());
-        }
-        case kAnswerWith: {
-            const status_t status = data.readInt32();
-            reply->writeInt32(status);
-            return status;
-        }
-        case kBlockOneway:
-            if (mRelease != nullptr) {
-                mReady->post("blocked");
-                mRelease->next(20s);
-            }
-            return OK;
-        default:
-            return BBinder::onTransact(code, data, reply, flags);
-    }
-}
 
 }  // namespace
 
