@@ -90,8 +90,6 @@ TEST(Binderd, CallsOfAThreadThatClosedBeforeItsAnswersAreStillDelivered) {
     EXPECT_EQ(session.waitExit(checker), 0);
 }
 
-// --- the command line, the socket file and its folder ---
-
 struct DaemonRun {
     int status = -1;
     std::string output;
@@ -266,8 +264,6 @@ TEST(SocketRules, BinderdOptionsSocketFileAndFolderAndWhereAClientConnects) {
     }
 }
 
-// --- who may connect ---
-
 // The answer to a process hello (or a watcher's) from a child running as
 // `uid`: 0 when welcomed, else the refusal's reason.
 int64_t helloAs(uid_t uid, BinderdSession& session, uint32_t command = kHelloProcess) {
@@ -300,8 +296,6 @@ TEST(BinderdAccess, PeersAreAdmittedByTheirCredentials) {
     EXPECT_EQ(helloAs(0, session, kHelloMonitor), 0);
     EXPECT_EQ(helloAs(kAllowedUid, session, kHelloMonitor), kNotAllowedToWatch);
 }
-
-// --- the client library's side ---
 
 TEST(ClientSocketRules, ASilentBinderdIsReportedAndLookupsGiveNull) {
     BinderdSession session;
