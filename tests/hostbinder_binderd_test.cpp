@@ -164,16 +164,6 @@ std::string prepare(const std::string& base, Folder folder) {
     return socket;
 }
 
-// A fresh folder for one case, removed when the case is done.
-struct CaseFolder {
-    CaseFolder() {
-        char pattern[] = "/tmp/binderd-case-XXXXXX";
-        path = mkdtemp(pattern) != nullptr ? pattern : "";
-    }
-    ~CaseFolder() { std::filesystem::remove_all(path); }
-    std::string path;
-};
-
 // binderd's command line and what it makes of its socket and folder; for the
 // same folders, what the client library makes of the default socket there or,
 // when `chosen`, of that socket given by the user.
@@ -229,15 +219,18 @@ TEST(SocketRules, BinderdOptionsSocketFileAndFolderAndWhereAClientConnects) {
          "belongs to uid 65534", false, 022, true},
         {"second instance", Folder::kAbsent, {"--socket", "L"}, 1, "another binderd is already running", 0, 0},
     };
+    // Each case has a fresh folder, removed with the live binderd's.
+    const std::string folders = std::filesystem::path(live.socketPath()).parent_path();
+    int number = 0;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         if (c.asRootOnly && geteuid() != 0) {
             continue;
         }
-        const CaseFolder base;
-        ASSERT_FALSE(base.path.empty());
-        setenv("XDG_RUNTIME_DIR", base.path.c_str(), 1);
-        const std::string socket = prepare(base.path, c.folder);
+        const std::string base = folders + "/case" + std::to_string(++number);
+        ASSERT_TRUE(std::filesystem::create_directory(base));
+        setenv("XDG_RUNTIME_DIR", base.c_str(), 1);
+        const std::string socket = prepare(base, c.folder);
         if (c.client != nullptr) {
             const std::string reason = unsafeSocketReason(socket, c.chosen);
             EXPECT_EQ(reason.empty(), *c.client == 0) << reason;
@@ -247,7 +240,7 @@ TEST(SocketRules, BinderdOptionsSocketFileAndFolderAndWhereAClientConnects) {
         for (std::string& argument : arguments) {
             argument = argument == "S" ? socket : argument == "L" ? live.socketPath() : argument;
         }
-        const DaemonRun run = runBinderd(arguments, socket, c.mask, base.path + "/output");
+        const DaemonRun run = runBinderd(arguments, socket, c.mask, base + "/output");
         EXPECT_EQ(run.status, c.status) << run.output;
         EXPECT_NE(run.output.find(c.says), std::string::npos) << run.output;
         EXPECT_EQ(run.socketMode, c.socketMode);
