@@ -19,6 +19,7 @@
 #include <utils/String16.h>
 
 #include "hostbinder_test_service.h"
+#include "protocol/BinderObject.h"
 
 namespace tivra_test {
 
@@ -173,11 +174,11 @@ int32_t RawSession::addService(const std::string& name, uint64_t address) {
     std::vector<uint8_t> bytes = serviceManagerRequest(&name);
     flat_binder_object object{};
     object.hdr.type = BINDER_TYPE_BINDER;
-    object.flags = 0x113;
+    object.flags = kObjectFlags;
     object.binder = object.cookie = address;
     const uint64_t offset = bytes.size();
     // The object, then its stability word and two zero words.
-    const int32_t stability[3] = {12, 0, 0};
+    const int32_t stability[3] = {kStabilitySystem, 0, 0};
     bytes.resize(offset + sizeof(object) + sizeof(stability));
     std::memcpy(bytes.data() + offset, &object, sizeof(object));
     std::memcpy(bytes.data() + offset + sizeof(object), stability, sizeof(stability));
