@@ -1,30 +1,27 @@
 // binderd itself: its command line, its socket and folder, who may connect,
-// and its defences against connections that break the protocol; the client
-// library's side of the socket rules.
+// and what a process that sent and went at once still has delivered; the
+// client library's side of the socket rules. Hostile connections are
+// binderd_attack_test's.
 #include <gtest/gtest.h>
-#include <linux/android/binder.h>
-#include <poll.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
+#include <iterator>
 #include <map>
 
 #include <binder/IServiceManager.h>
-#include <binder/Parcel.h>
 
+#include "binderd_attacks.h"
 #include "binderd_fixture.h"
 #include "hostbinder_test_service.h"
 #include "log_capture.h"
-#include "protocol/Protocol.h"
-#include "raw_peer.h"
 
 namespace {
 
@@ -38,11 +35,9 @@ constexpr uid_t kAllowedUid = 65533;
 // A Unix socket bound at `path` (-1 on failure): closed at once, it is the
 // stale file a killed binderd leaves; listened on, a binderd that never answers.
 int bindSocket(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    sockaddr_un address;
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    if (!unixAddress(path, &address) || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         close(fd);
         return -1;
     }
@@ -52,50 +47,6 @@ int bindSocket(const std::string& path) {
 mode_t modeOf(const std::string& path) {
     struct stat status{};
     return lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
-}
-
-// Bytes that are no frame, or a frame that cannot be: the socket is cut;
-// a well-framed release of what was never given cuts the session (what the
-// driver makes of well-framed nonsense is binderd_driver_test's). Others
-// are still served.
-TEST(Binderd, MalformedFramesCutOnlyTheConnectionThatSentThem) {
-    BinderdSession session;
-    ASSERT_TRUE(session.started()) << session.error();
-    const FrameHeader twoGigabytes{0x80000000u, kTransaction};
-    const FrameHeader promise{64, kHelloProcess};
-    const HelloThread forgedToken{0x1234567890abcdefULL};
-    const std::string noise = "\x13\x37 this is not a frame at all \xff\xff\xff\xff\xff\xff";
-    const std::vector<std::pair<const char*, std::function<void(RawPeer&)>>> cases{
-        {"noise", [&](RawPeer& peer) { peer.sendBytes(noise.data(), noise.size()); }},
-        {"a two-gigabyte frame", [&](RawPeer& peer) { peer.sendBytes(&twoGigabytes, sizeof(twoGigabytes)); }},
-        {"a frame cut short", [&](RawPeer& peer) {
-             peer.sendBytes(&promise, sizeof(promise));
-             peer.sendBytes("short", 5);
-             peer.finishSending();
-         }},
-        {"a thread with a forged token", [&](RawPeer& peer) {
-             peer.sendFrame(kHelloThread, &forgedToken, sizeof(forgedToken));
-         }},
-    };
-    std::vector<uint8_t> payload;
-    for (const auto& [name, send] : cases) {
-        SCOPED_TRACE(name);
-        RawPeer peer(session.socketPath());
-        send(peer);
-        EXPECT_EQ(peer.nextCommand(&payload), 0);
-    }
-    RawSession rogue(session.socketPath());
-    ASSERT_TRUE(rogue.ready());
-    const HandleCount forgedRelease{99, 1};
-    rogue.control().sendFrame(kReleaseHandle, &forgedRelease, sizeof(forgedRelease));
-    EXPECT_EQ(rogue.control().nextCommand(&payload), 0);
-    // The thread's welcome may have gone out before the cut.
-    int64_t threadHeard = rogue.thread().nextCommand(&payload);
-    threadHeard = threadHeard == kWelcome ? rogue.thread().nextCommand(&payload) : threadHeard;
-    EXPECT_EQ(threadHeard, 0);
-    RawSession healthy(session.socketPath());
-    ASSERT_TRUE(healthy.ready());
-    EXPECT_EQ(healthy.addService("still.served", 0x1000), 0);
 }
 
 // A process that sends and goes at once: what it sent still arrives, also
@@ -139,8 +90,6 @@ TEST(Binderd, CallsOfAThreadThatClosedBeforeItsAnswersAreStillDelivered) {
     EXPECT_EQ(session.waitExit(checker), 0);
 }
 
-// --- the command line, the socket file and its folder ---
-
 struct DaemonRun {
     int status = -1;
     std::string output;
@@ -148,19 +97,15 @@ struct DaemonRun {
     mode_t folderMode = 0;
 };
 
-bool listening(const std::string& path) { return RawPeer(path).connected(); }
-
-// Runs binderd under `mask`; once it listens on `socket` (if ever), notes the
-// modes and stops it with SIGTERM.
-DaemonRun runBinderd(const std::vector<std::string>& arguments, const std::string& socket, mode_t mask) {
-    int pipeFds[2];
-    if (pipe(pipeFds) != 0) {
-        return {};
-    }
+// Runs binderd under `mask`, its output going to the file `output`; once it
+// listens on `socket` (if ever), notes the modes and stops it with SIGTERM.
+DaemonRun runBinderd(const std::vector<std::string>& arguments, const std::string& socket, mode_t mask,
+                     const std::string& output) {
     const pid_t child = fork();
     if (child == 0) {
-        dup2(pipeFds[1], STDOUT_FILENO);
-        dup2(pipeFds[1], STDERR_FILENO);
+        const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        dup2(out, STDOUT_FILENO);
+        dup2(out, STDERR_FILENO);
         umask(mask);
         std::vector<char*> argv{const_cast<char*>("binderd")};
         for (const std::string& argument : arguments) {
@@ -170,25 +115,21 @@ DaemonRun runBinderd(const std::vector<std::string>& arguments, const std::strin
         execv(TIVRA_BINDERD_PATH, argv.data());
         _exit(127);
     }
-    close(pipeFds[1]);
     DaemonRun run;
     int status = 0;
     bool exited = false;
-    waitUntil([&] { return (exited = waitpid(child, &status, WNOHANG) == child) || listening(socket); }, 5s);
+    const auto listening = [&] { return RawPeer(socket).connected(); };
+    waitUntil([&] { return (exited = waitpid(child, &status, WNOHANG) == child) || listening(); }, 5s);
     if (!exited) {
-        if (listening(socket)) {
+        if (listening()) {
             run.socketMode = modeOf(socket);
             run.folderMode = modeOf(std::filesystem::path(socket).parent_path());
         }
         kill(child, SIGTERM);
         waitpid(child, &status, 0);
     }
-    char buffer[512];
-    ssize_t n;
-    while ((n = read(pipeFds[0], buffer, sizeof(buffer))) > 0) {
-        run.output.append(buffer, static_cast<size_t>(n));
-    }
-    close(pipeFds[0]);
+    std::ifstream written(output);
+    run.output.assign(std::istreambuf_iterator<char>(written), {});
     run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return run;
 }
@@ -196,7 +137,7 @@ DaemonRun runBinderd(const std::vector<std::string>& arguments, const std::strin
 // The folder `base`/hostbinder that the socket `base`/hostbinder/binder goes
 // in (the default one when `base` is the runtime folder), as a case of either
 // side's socket rules finds it.
-enum class Folder { kAbsent, kPlain, kSearchable, kWritableByOthers, kSymlink, kOtherUsers, kStaleSocket,
+enum class Folder { kAbsent, kSearchable, kWritableByOthers, kSymlink, kOtherUsers, kStaleSocket,
                     kRegularFile, kWritableWithSocket };
 
 std::string prepare(const std::string& base, Folder folder) {
@@ -223,17 +164,10 @@ std::string prepare(const std::string& base, Folder folder) {
     return socket;
 }
 
-// A fresh folder for one case, removed when the case is done.
-struct CaseFolder {
-    CaseFolder() {
-        char pattern[] = "/tmp/binderd-case-XXXXXX";
-        path = mkdtemp(pattern) != nullptr ? pattern : "";
-    }
-    ~CaseFolder() { std::filesystem::remove_all(path); }
-    std::string path;
-};
-
-TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
+// binderd's command line and what it makes of its socket and folder; for the
+// same folders, what the client library makes of the default socket there or,
+// when `chosen`, of that socket given by the user.
+TEST(SocketRules, BinderdOptionsSocketFileAndFolderAndWhereAClientConnects) {
     BinderdSession live;
     ASSERT_TRUE(live.started()) << live.error();
     // Without --socket, binderd listens in the runtime folder, the case's own.
@@ -247,6 +181,8 @@ TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
         const char* says;
         mode_t socketMode;  // 0: binderd must not listen
         mode_t folderMode;
+        const char* client = nullptr;  // the client's objection, "" for none; nullptr: not asked
+        bool chosen = false;
         mode_t mask = 022;
         bool asRootOnly = false;
     };
@@ -265,36 +201,46 @@ TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
         {"uid past 64 bits", Folder::kAbsent, {"--allow-uid=18446744073709551615"}, 2, "invalid uid", 0, 0},
         {"negative uid", Folder::kAbsent, {"--allow-uid", "-1"}, 2, "invalid uid '-1'", 0, 0},
         {"the kernel's no-group", Folder::kAbsent, {"--allow-group=4294967295"}, 2, "invalid gid '4294967295'", 0, 0},
-        {"private whatever the umask", Folder::kAbsent, {"--socket=S"}, 0, "", 0600, 0700, 0},
+        {"private whatever the umask", Folder::kAbsent, {"--socket", "S"}, 0, "", 0600, 0700, nullptr, false, 0},
         {"the default socket", Folder::kAbsent, {}, 0, "", 0600, 0700},
         {"searchable with allowed users, who are told of a private folder above", Folder::kAbsent,
          {"--socket", "S", "--allow-uid", "65533", "--allow-group=4294967294"}, 0, "warning: other users cannot reach",
          0666, 0711},
         {"private again without them", Folder::kSearchable, {"--socket", "S"}, 0, "", 0600, 0700},
-        {"stale socket replaced", Folder::kStaleSocket, {"--socket", "S"}, 0, "", 0600, 0755},
-        {"regular file kept", Folder::kRegularFile, {"--socket", "S"}, 1, "is not a socket: not replacing it", 0, 0},
-        {"symlinked folder", Folder::kSymlink, {"--socket", "S"}, 1, "not a directory", 0, 0},
-        {"folder others can write", Folder::kWritableByOthers, {"--socket", "S"}, 1, "others can write to it", 0, 0},
-        {"folder of another user", Folder::kOtherUsers, {"--socket", "S"}, 1, "belongs to uid 65534", 0, 0, 022, true},
+        {"stale socket replaced", Folder::kStaleSocket, {"--socket", "S"}, 0, "", 0600, 0755, ""},
+        {"regular file kept", Folder::kRegularFile, {"--socket", "S"}, 1, "is not a socket: not replacing it", 0, 0,
+         "is not a socket", true},
+        {"symlinked folder", Folder::kSymlink, {"--socket", "S"}, 1, "not a directory", 0, 0, "is not a directory"},
+        {"folder others can write", Folder::kWritableByOthers, {"--socket", "S"}, 1, "others can write to it", 0, 0,
+         "is writable by others"},
+        {"a socket in a folder others can write", Folder::kWritableWithSocket, {"--socket", "S"}, 1,
+         "others can write to it", 0, 0, "", true},
+        {"folder of another user", Folder::kOtherUsers, {"--socket", "S"}, 1, "belongs to uid 65534", 0, 0,
+         "belongs to uid 65534", false, 022, true},
         {"second instance", Folder::kAbsent, {"--socket", "L"}, 1, "another binderd is already running", 0, 0},
     };
+    // Each case has a fresh folder, removed with the live binderd's.
+    const std::string folders = std::filesystem::path(live.socketPath()).parent_path();
+    int number = 0;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         if (c.asRootOnly && geteuid() != 0) {
             continue;
         }
-        const CaseFolder base;
-        ASSERT_FALSE(base.path.empty());
-        setenv("XDG_RUNTIME_DIR", base.path.c_str(), 1);
-        const std::string socket = prepare(base.path, c.folder);
+        const std::string base = folders + "/case" + std::to_string(++number);
+        ASSERT_TRUE(std::filesystem::create_directory(base));
+        setenv("XDG_RUNTIME_DIR", base.c_str(), 1);
+        const std::string socket = prepare(base, c.folder);
+        if (c.client != nullptr) {
+            const std::string reason = unsafeSocketReason(socket, c.chosen);
+            EXPECT_EQ(reason.empty(), *c.client == 0) << reason;
+            EXPECT_NE(reason.find(c.client), std::string::npos) << reason;
+        }
         Arguments arguments = c.arguments;
         for (std::string& argument : arguments) {
-            const char last = argument.back();
-            if ((last == 'S' || last == 'L') && (argument.size() == 1 || argument[argument.size() - 2] == '=')) {
-                argument.replace(argument.size() - 1, 1, last == 'S' ? socket : live.socketPath());
-            }
+            argument = argument == "S" ? socket : argument == "L" ? live.socketPath() : argument;
         }
-        const DaemonRun run = runBinderd(arguments, socket, c.mask);
+        const DaemonRun run = runBinderd(arguments, socket, c.mask, base + "/output");
         EXPECT_EQ(run.status, c.status) << run.output;
         EXPECT_NE(run.output.find(c.says), std::string::npos) << run.output;
         EXPECT_EQ(run.socketMode, c.socketMode);
@@ -311,8 +257,6 @@ TEST(BinderdCommandLine, OptionsSocketFileAndFolder) {
     }
 }
 
-// --- who may connect ---
-
 // The answer to a process hello (or a watcher's) from a child running as
 // `uid`: 0 when welcomed, else the refusal's reason.
 int64_t helloAs(uid_t uid, BinderdSession& session, uint32_t command = kHelloProcess) {
@@ -320,17 +264,14 @@ int64_t helloAs(uid_t uid, BinderdSession& session, uint32_t command = kHelloPro
         if (setgid(uid) != 0 || setuid(uid) != 0) {
             return 255;
         }
-        RawPeer peer(session.socketPath());
-        const HelloProcess hello{15, 0};
         std::vector<uint8_t> payload;
-        peer.sendFrame(command, &hello, command == kHelloProcess ? sizeof(hello) : 0);
-        const int64_t command = peer.nextCommand(&payload);
+        const int64_t answer = RawPeer(session.socketPath()).hello(command, &payload);
         uint32_t reason = 0;
-        if (command == kConnectionRefused && payload.size() == sizeof(reason)) {
+        if (answer == kConnectionRefused && payload.size() == sizeof(reason)) {
             std::memcpy(&reason, payload.data(), sizeof(reason));
             return static_cast<int>(reason);
         }
-        return command == kWelcome ? 0 : 254;
+        return answer == kWelcome ? 0 : 254;
     });
     return session.waitExit(child);
 }
@@ -347,36 +288,6 @@ TEST(BinderdAccess, PeersAreAdmittedByTheirCredentials) {
     // Only binderd's own user and root may watch the traffic.
     EXPECT_EQ(helloAs(0, session, kHelloMonitor), 0);
     EXPECT_EQ(helloAs(kAllowedUid, session, kHelloMonitor), kNotAllowedToWatch);
-}
-
-// --- the client library's side ---
-
-TEST(ClientSocketRules, DefaultFoldersMustBePrivateAChosenSocketMustBeASocket) {
-    struct Case {
-        const char* name;
-        Folder folder;
-        bool chosen;
-        const char* reason;  // "" when the client may connect
-        bool asRootOnly = false;
-    };
-    const std::vector<Case> cases{
-        {"own private folder", Folder::kPlain, false, ""},
-        {"folder others can write", Folder::kWritableByOthers, false, "is writable by others"},
-        {"symlinked folder", Folder::kSymlink, false, "is not a directory"},
-        {"folder of another user", Folder::kOtherUsers, false, "belongs to uid 65534", true},
-        {"chosen socket in any folder", Folder::kWritableWithSocket, true, ""},
-        {"chosen path that is a file", Folder::kRegularFile, true, "is not a socket"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        if (c.asRootOnly && geteuid() != 0) {
-            continue;
-        }
-        const CaseFolder base;
-        const std::string reason = unsafeSocketReason(prepare(base.path, c.folder), c.chosen);
-        EXPECT_EQ(reason.empty(), *c.reason == 0) << reason;
-        EXPECT_NE(reason.find(c.reason), std::string::npos) << reason;
-    }
 }
 
 TEST(ClientSocketRules, ASilentBinderdIsReportedAndLookupsGiveNull) {

@@ -1,7 +1,10 @@
 #include "binderd_attacks.h"
 
+#include <linux/android/binder.h>
 #include <poll.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -9,7 +12,6 @@
 #include <filesystem>
 #include <iterator>
 #include <memory>
-#include <thread>
 
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
@@ -17,11 +19,188 @@
 #include <utils/String16.h>
 
 #include "hostbinder_test_service.h"
-#include "raw_peer.h"
+#include "protocol/BinderObject.h"
 
 namespace tivra_test {
 
 using namespace android::hostbinder;
+
+bool RawPeer::sendBytes(const void* bytes, size_t size) {
+    const auto* cursor = static_cast<const uint8_t*>(bytes);
+    for (ssize_t n = 0; size > 0; cursor += n, size -= static_cast<size_t>(n)) {
+        if ((n = send(mFd, cursor, size, MSG_NOSIGNAL)) <= 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool RawPeer::sendFrame(uint32_t command, const void* payload, size_t size) {
+    std::vector<uint8_t> frame;
+    appendFrame(&frame, command, payload, size);
+    return sendBytes(frame);
+}
+
+std::vector<uint8_t> RawPeer::transaction(uint64_t handle, uint32_t code, const std::vector<uint8_t>& data,
+                                          const std::vector<uint64_t>& offsets, uint32_t flags) {
+    TransactionHeader header{};
+    header.target = handle;
+    header.code = code;
+    header.flags = flags;
+    header.dataSize = static_cast<uint32_t>(data.size());
+    header.offsetsCount = static_cast<uint32_t>(offsets.size());
+    std::vector<uint8_t> frame;
+    appendTransaction(&frame, kTransaction, header, data.data(), offsets.data());
+    return frame;
+}
+
+int64_t RawPeer::hello(uint32_t command, std::vector<uint8_t>* answer, milliseconds timeout) {
+    const HelloProcess hello{15, 0};
+    std::vector<uint8_t> ignored;
+    sendFrame(command, &hello, command == kHelloProcess ? sizeof(hello) : 0);
+    return nextCommand(answer != nullptr ? answer : &ignored, timeout);
+}
+
+void RawPeer::finishSending() { shutdown(mFd, SHUT_WR); }
+
+int64_t RawPeer::nextCommand(std::vector<uint8_t>* payload, milliseconds timeout) {
+    FrameHeader header;
+    if (!readExactly(&header, sizeof(header), timeout)) {
+        return mClosed ? 0 : -1;
+    }
+    payload->resize(header.payloadSize);
+    if (!readExactly(payload->data(), payload->size(), timeout)) {
+        return mClosed ? 0 : -1;
+    }
+    return header.command;
+}
+
+bool RawPeer::closedByBinderd(milliseconds timeout) {
+    pollfd hangup{mFd, POLLRDHUP, 0};
+    return poll(&hangup, 1, static_cast<int>(timeout.count())) > 0 && (hangup.revents & (POLLRDHUP | POLLHUP)) != 0;
+}
+
+bool RawPeer::readExactly(void* out, size_t size, milliseconds timeout) {
+    auto* bytes = static_cast<uint8_t*>(out);
+    while (size > 0) {
+        pollfd readable{mFd, POLLIN, 0};
+        if (poll(&readable, 1, static_cast<int>(timeout.count())) <= 0) {
+            return false;
+        }
+        // Descriptors binderd hands over (a channel's end) are not wanted:
+        // a plain read has the system close them.
+        const ssize_t n = recv(mFd, bytes, size, 0);
+        if (n <= 0) {
+            mClosed = true;
+            return false;
+        }
+        bytes += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+RawSession::RawSession(const std::string& path) : mControl(path), mThread(path) {
+    std::vector<uint8_t> welcome;
+    if (mControl.hello(kHelloProcess, &welcome) == kWelcome && welcome.size() == sizeof(mToken)) {
+        std::memcpy(&mToken, welcome.data(), sizeof(mToken));
+        mReady = addThread(mThread);
+    }
+}
+
+bool RawSession::addThread(RawPeer& peer) const { return peer.sendFrame(kHelloThread, &mToken, sizeof(mToken)); }
+
+int64_t RawSession::answer(std::vector<uint8_t>* reply, milliseconds timeout) {
+    std::vector<uint8_t> payload;
+    for (;;) {
+        const int64_t command = mThread.nextCommand(&payload, timeout);
+        int32_t status = 0;
+        TransactionView view;
+        if (command <= 0) {
+            return -1;
+        } else if (command == kRefused && payload.size() == sizeof(status)) {
+            std::memcpy(&status, payload.data(), sizeof(status));
+            return status;
+        } else if (command == kIncomingReply &&
+                   parseTransaction({kIncomingReply, payload.data(), static_cast<uint32_t>(payload.size())}, &view)) {
+            if (reply != nullptr) {
+                reply->assign(view.data, view.data + view.header.dataSize + view.header.offsetsCount * 8);
+            }
+            return view.header.status;
+        }
+        // Anything else (a thread welcome) is not the answer.
+    }
+}
+
+namespace {
+
+// The interface token, then the name when one is given.
+std::vector<uint8_t> serviceManagerRequest(const std::string* name) {
+    android::Parcel data;
+    data.writeInterfaceToken(android::String16("android.os.IServiceManager"));
+    if (name != nullptr) {
+        data.writeString16(android::String16(name->c_str()));
+    } else {
+        data.writeInt32(0);
+    }
+    return std::vector<uint8_t>(data.data(), data.data() + data.dataSize());
+}
+
+// The exception code that starts a reply (INT32_MIN: none), after a transaction's status.
+int32_t exceptionOf(int64_t status, const std::vector<uint8_t>& reply) {
+    int32_t exception = status == 0 ? INT32_MIN : static_cast<int32_t>(status);
+    if (status == 0 && reply.size() >= sizeof(exception)) {
+        std::memcpy(&exception, reply.data(), sizeof(exception));
+    }
+    return exception;
+}
+
+Outcome cutIf(bool cut) { return cut ? Outcome::kCut : Outcome::kAbsorbed; }
+Outcome refusedIf(bool refused) { return refused ? Outcome::kRefused : Outcome::kAbsorbed; }
+
+// A service whose only thread has entered the pool and never reads.
+struct DeafService {
+    DeafService(const std::string& path, const std::string& name) : session(path) {
+        registered = session.ready() && session.addService(name, 0x4000) == 0 &&
+                     session.thread().sendFrame(kEnterLooper);
+    }
+    RawSession session;
+    bool registered = false;
+};
+
+}  // namespace
+
+int32_t RawSession::addService(const std::string& name, uint64_t address) {
+    std::vector<uint8_t> bytes = serviceManagerRequest(&name);
+    flat_binder_object object{};
+    object.hdr.type = BINDER_TYPE_BINDER;
+    object.flags = kObjectFlags;
+    object.binder = object.cookie = address;
+    const uint64_t offset = bytes.size();
+    // The object, then its stability word and two zero words.
+    const int32_t stability[3] = {kStabilitySystem, 0, 0};
+    bytes.resize(offset + sizeof(object) + sizeof(stability));
+    std::memcpy(bytes.data() + offset, &object, sizeof(object));
+    std::memcpy(bytes.data() + offset + sizeof(object), stability, sizeof(stability));
+    std::vector<uint8_t> reply;
+    if (!mThread.sendTransaction(0, kAddService, bytes, {offset})) {
+        return INT32_MIN;
+    }
+    return exceptionOf(answer(&reply), reply);
+}
+
+uint32_t RawSession::checkService(const std::string& name) {
+    std::vector<uint8_t> reply;
+    flat_binder_object object{};
+    if (!mThread.sendTransaction(0, kCheckService, serviceManagerRequest(&name)) ||
+        exceptionOf(answer(&reply), reply) != 0 || reply.size() < sizeof(int32_t) + sizeof(object)) {
+        return 0;
+    }
+    std::memcpy(&object, reply.data() + sizeof(int32_t), sizeof(object));
+    return object.hdr.type == BINDER_TYPE_HANDLE ? object.handle : 0;
+}
+
+std::vector<uint8_t> RawSession::listServicesRequest() { return serviceManagerRequest(nullptr); }
 
 // What an attack works with in its own process: its target, a raw session
 // and the connections it opens.
@@ -48,39 +227,6 @@ struct Attacker {
     RawSession session;
     std::vector<std::unique_ptr<RawPeer>> peers;
 };
-
-namespace {
-
-Outcome cutIf(bool cut) { return cut ? Outcome::kCut : Outcome::kAbsorbed; }
-Outcome refusedIf(bool refused) { return refused ? Outcome::kRefused : Outcome::kAbsorbed; }
-
-// binderd's first answer to a process hello on `peer` (as nextCommand).
-int64_t hello(RawPeer& peer, milliseconds timeout = milliseconds(5000)) {
-    const HelloProcess hello{15, 0};
-    std::vector<uint8_t> payload;
-    peer.sendFrame(kHelloProcess, &hello, sizeof(hello));
-    return peer.nextCommand(&payload, timeout);
-}
-
-std::vector<uint8_t> times(size_t count, const std::vector<uint8_t>& frame) {
-    std::vector<uint8_t> frames;
-    for (size_t i = 0; i < count; ++i) {
-        frames.insert(frames.end(), frame.begin(), frame.end());
-    }
-    return frames;
-}
-
-// A service whose only thread has entered the pool and never reads.
-struct DeafService {
-    DeafService(const std::string& path, const std::string& name) : session(path) {
-        registered = session.ready() && session.addService(name, 0x4000) == 0 &&
-                     session.thread().sendFrame(kEnterLooper);
-    }
-    RawSession session;
-    bool registered = false;
-};
-
-}  // namespace
 
 const char* outcomeName(Outcome outcome) {
     // In the order of Outcome; anything else is broken.
@@ -112,7 +258,11 @@ const std::vector<Attack>& binderdAttacks() {
         }},
         // Requests whose replies are never read, on one thread.
         {"request_flood_never_read", Outcome::kCut, [](Attacker& a) {
-            const auto batch = times(512, RawPeer::transaction(0, kListServices, RawSession::listServicesRequest()));
+            const auto request = RawPeer::transaction(0, kListServices, RawSession::listServicesRequest());
+            std::vector<uint8_t> batch;
+            for (int i = 0; i < 512; ++i) {
+                batch.insert(batch.end(), request.begin(), request.end());
+            }
             // Long enough for a slow binderd (sanitizers, a busy machine) to
             // reach its bound on output; the cut ends the flood sooner.
             const auto end = std::chrono::steady_clock::now() + milliseconds(a.scaled(8000, 5000));
@@ -127,7 +277,7 @@ const std::vector<Attack>& binderdAttacks() {
         {"connections_5000_with_hello", Outcome::kRefused, [](Attacker& a) {
             bool refused = false;
             for (size_t i = 0; i < a.scaled(5000, 300); ++i) {
-                refused |= hello(a.connect()) != kWelcome;
+                refused |= a.connect().hello() != kWelcome;
             }
             return refusedIf(refused);
         }},
@@ -148,7 +298,7 @@ const std::vector<Attack>& binderdAttacks() {
             for (int i = 0; i < 64; ++i) {
                 a.connect();
             }
-            const bool answered = hello(a.connect(), milliseconds(3000)) >= 0;
+            const bool answered = a.connect().hello(kHelloProcess, nullptr, milliseconds(3000)) >= 0;
             prlimit(binderd, RLIMIT_NOFILE, &original, nullptr);
             return answered ? Outcome::kRefused : Outcome::kUnanswered;
         }},
@@ -161,15 +311,6 @@ const std::vector<Attack>& binderdAttacks() {
             a.peers.front()->sendBytes(&header, sizeof(header));
             return cutIf(std::all_of(a.peers.begin(), a.peers.end(),
                                      [](const auto& peer) { return peer->closedByBinderd(milliseconds(15000)); }));
-        }},
-        {"name_theft", Outcome::kRefused, [](Attacker& a) {
-            const int32_t exception = a.session.addService(a.target.victimName, 0x5000);
-            if (exception == -1) {  // EX_SECURITY
-                return Outcome::kRefused;
-            }
-            // Taken: callers now reach this session, which never answers.
-            std::this_thread::sleep_for(milliseconds(a.scaled(2000, 500)));
-            return exception == 0 ? Outcome::kAbsorbed : Outcome::kBroken;
         }},
         // Many threads each send a near-largest call to a service that never
         // reads. What others send it must not cost it its connection: calls
@@ -194,6 +335,25 @@ const std::vector<Attack>& binderdAttacks() {
                 refused |= command == kRefused || command == 0;
             }
             return sink.session.thread().closedByBinderd(milliseconds(0)) ? Outcome::kCut : refusedIf(refused);
+        }},
+        // A frame too large to be one, a frame cut short, a thread with a
+        // forged token, and a well-framed release of what the session was
+        // never given (what the driver makes of other well-framed nonsense is
+        // binderd_driver_test's): each connection is cut, the release's whole session.
+        {"malformed_frames", Outcome::kCut, [](Attacker& a) {
+            const FrameHeader twoGigabytes{0x80000000u, kTransaction};
+            const FrameHeader promise{64, kHelloProcess};
+            const HelloThread forgedToken{0x1234567890abcdefULL};
+            const HandleCount forgedRelease{99, 1};
+            a.connect().sendBytes(&twoGigabytes, sizeof(twoGigabytes));
+            a.connect().sendBytes(&promise, sizeof(promise));
+            a.peers.back()->sendBytes("short", 5);
+            a.peers.back()->finishSending();
+            a.connect().sendFrame(kHelloThread, &forgedToken, sizeof(forgedToken));
+            a.session.control().sendFrame(kReleaseHandle, &forgedRelease, sizeof(forgedRelease));
+            const auto cut = [](RawPeer& peer) { return peer.closedByBinderd(milliseconds(5000)); };
+            return cutIf(cut(a.session.control()) && cut(a.session.thread()) &&
+                         std::all_of(a.peers.begin(), a.peers.end(), [&](const auto& peer) { return cut(*peer); }));
         }},
         // Many threads each send all but the last byte of a largest frame.
         {"partial_frames_on_200_threads", Outcome::kCut, [](Attacker& a) {
@@ -225,7 +385,7 @@ Outcome runAttack(BinderdSession& session, const Attack& attack, const AttackTar
 }
 
 LegitimateClient::LegitimateClient(BinderdSession& session, const std::string& victimName) : mSession(session) {
-    mPid = session.spawn([this, victimName] {
+    mPid = session.spawn([this, victimName]() -> int {
         const android::String16 name(victimName.c_str());
         Window window;
         for (int32_t i = 0;; ++i) {
@@ -248,21 +408,13 @@ LegitimateClient::LegitimateClient(BinderdSession& session, const std::string& v
                 mReports.post(std::to_string(window.calls) + " " + std::to_string(window.failures) + " " +
                               std::to_string(window.worst.count()));
                 window = Window{};
-                if (command == "quit") {
-                    return 0;
-                }
             }
         }
     });
 }
 
-LegitimateClient::~LegitimateClient() {
-    if (mPid > 0) {
-        mCommands.post("quit");
-        mReports.next(milliseconds(5000));
-        mSession.waitExit(mPid, milliseconds(5000));
-    }
-}
+// Killed: it has nothing to finish.
+LegitimateClient::~LegitimateClient() { mSession.waitExit(mPid, milliseconds(0)); }
 
 LegitimateClient::Window LegitimateClient::report() {
     mCommands.post("report");

@@ -5,30 +5,22 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <thread>
+#include <utility>
+
+#include <hostbinder/Socket.h>
 
 namespace tivra_test {
 
-namespace {
+using android::hostbinder::socketAccepts;
 
-bool socketAnswers(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool answered = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    close(fd);
-    return answered;
-}
+namespace {
 
 // The exit status once the child is gone; -1 for a signal; -2 while it runs.
 int reap(pid_t child, bool block) {
@@ -44,6 +36,17 @@ int reap(pid_t child, bool block) {
         return -1;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// As reap, waiting up to `timeout`; a child still running then is killed (-1).
+int reapWithin(pid_t child, std::chrono::milliseconds timeout) {
+    int status = -2;
+    if (!waitUntil([&] { return (status = reap(child, false)) != -2; }, timeout)) {
+        ::kill(child, SIGKILL);
+        reap(child, true);
+        return -1;
+    }
+    return status;
 }
 
 // In a fresh child: go when the forking process goes, even if it crashed and
@@ -124,33 +127,23 @@ bool BinderdSession::startBinderd() {
         argv.push_back(option.c_str());
     }
     argv.push_back(nullptr);
-    const pid_t parent = getpid();
-    const pid_t child = fork();
-    if (child == 0) {
-        dieWithParent(parent);
+    mBinderd = spawn([&] {
         execv(TIVRA_BINDERD_PATH, const_cast<char* const*>(argv.data()));
-        _exit(127);
-    }
-    mBinderd = child;
-    if (!waitUntil([&] { return socketAnswers(mSocketPath) || reap(mBinderd, false) != -2; }, 5s) ||
-        !socketAnswers(mSocketPath)) {
+        return 127;
+    });
+    if (!waitUntil([&] { return socketAccepts(mSocketPath) || reap(mBinderd, false) != -2; }, 5s) ||
+        !socketAccepts(mSocketPath)) {
         mError = "binderd did not start on " + mSocketPath;
-        ::kill(mBinderd, SIGKILL);
-        reap(mBinderd, true);
-        mBinderd = -1;
+        reapWithin(std::exchange(mBinderd, -1), 0ms);
         return false;
     }
     return true;
 }
 
 BinderdSession::~BinderdSession() {
-    for (pid_t child : mChildren) {
-        ::kill(child, SIGKILL);
-        reap(child, true);
-    }
-    if (mBinderd > 0) {
-        ::kill(mBinderd, SIGKILL);
-        reap(mBinderd, true);
+    // Newest first: binderd, one of the children, goes after those it served.
+    for (auto child = mChildren.rbegin(); child != mChildren.rend(); ++child) {
+        reapWithin(*child, 0ms);
     }
     if (!mDirectory.empty()) {
         std::error_code ignored;
@@ -172,13 +165,7 @@ pid_t BinderdSession::spawn(const std::function<int()>& body) {
 }
 
 int BinderdSession::waitExit(pid_t child, std::chrono::milliseconds timeout) {
-    int status = -2;
-    waitUntil([&] { return (status = reap(child, false)) != -2; }, timeout);
-    if (status == -2) {
-        ::kill(child, SIGKILL);
-        reap(child, true);
-        status = -1;
-    }
+    const int status = reapWithin(child, timeout);
     mChildren.erase(std::remove(mChildren.begin(), mChildren.end(), child), mChildren.end());
     return status;
 }
@@ -190,13 +177,8 @@ bool BinderdSession::stopBinderd(std::chrono::milliseconds timeout) {
         return false;
     }
     ::kill(mBinderd, SIGTERM);
-    int status = -2;
-    waitUntil([&] { return (status = reap(mBinderd, false)) != -2; }, timeout);
-    if (status == -2) {
-        return false;
-    }
-    mBinderd = -1;
-    return status == 0;
+    const pid_t binderd = std::exchange(mBinderd, -1);
+    return reapWithin(binderd, timeout) == 0;
 }
 
 }  // namespace tivra_test

@@ -57,7 +57,7 @@ public:
 
     // Starts binderd on the session's socket; false when it did not come up.
     bool startBinderd();
-    // Stops binderd (SIGTERM) and waits for it; true when it exited cleanly.
+    // Stops binderd (SIGTERM, SIGKILL after the timeout); true when it exited cleanly.
     bool stopBinderd(std::chrono::milliseconds timeout = 5s);
 
 private:

@@ -1,7 +1,10 @@
 #include "hostbinder_test_service.h"
 
 #include <algorithm>
+#include <mutex>
+#include <vector>
 
+#include <binder/Binder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
@@ -27,109 +30,106 @@ int StreamOrder::countOf(int32_t stream) const {
     return it == streams.end() ? 0 : it->second.second;
 }
 
-const android::String16& TestService::getInterfaceDescriptor() const {
-    static const android::String16 descriptor("tivra.test.IService");
-    return descriptor;
-}
+namespace {
 
-status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
-    switch (code) {
-        case kEcho:
-            return reply->write(data.data(), data.dataSize());
-        case kWhoCalls:
-            reply->writeInt32(android::IPCThreadState::self()->getCallingPid());
-            return reply->writeInt32(static_cast<int32_t>(android::IPCThreadState::self()->getCallingUid()));
-        case kLookUpAndRecord:
-            // The thread waits for binderd here while later calls arrive.
-            android::defaultServiceManager()->checkService(android::String16("tivra.test.absent"));
-            [[fallthrough]];
-        case kRecord: {
-            const int32_t stream = data.readInt32();
-            const int32_t sequence = data.readInt32();
-            std::lock_guard<std::mutex> lock(mLock);
-            // A one-way call is served with a reply parcel all the same.
-            mRecords.note(stream, sequence, reply == nullptr);
-            return OK;
-        }
-        case kStats: {
-            std::lock_guard<std::mutex> lock(mLock);
-            reply->writeInt32(mRecords.total);
-            return reply->writeInt32(mRecords.violations);
-        }
-        case kAddListener: {
-            std::lock_guard<std::mutex> lock(mLock);
-            mListeners.push_back(data.readStrongBinder());
-            return OK;
-        }
-        case kRemoveListener: {
-            sp<IBinder> listener = data.readStrongBinder();
-            std::lock_guard<std::mutex> lock(mLock);
-            auto found = std::find(mListeners.begin(), mListeners.end(), listener);
-            const bool registered = found != mListeners.end();
-            if (registered) {
-                mListeners.erase(found);
-            }
-            return reply->writeBool(registered);
-        }
-        case kNotify: {
-            const int32_t value = data.readInt32();
-            std::vector<sp<IBinder>> listeners;
-            {
+class TestServiceBinder : public android::BBinder, public TestService {
+public:
+    TestServiceBinder(Channel* ready, Channel* release) : mReady(ready), mRelease(release) {}
+
+    const android::String16& getInterfaceDescriptor() const override {
+        static const android::String16 descriptor("tivra.test.IService");
+        return descriptor;
+    }
+
+protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        switch (code) {
+            case kEcho:
+                return reply->write(data.data(), data.dataSize());
+            case kWhoCalls:
+                reply->writeInt32(android::IPCThreadState::self()->getCallingPid());
+                return reply->writeInt32(static_cast<int32_t>(android::IPCThreadState::self()->getCallingUid()));
+            case kLookUpAndRecord:
+                // The thread waits for binderd here while later calls arrive.
+                android::defaultServiceManager()->checkService(android::String16("tivra.test.absent"));
+                [[fallthrough]];
+            case kRecord: {
+                const int32_t stream = data.readInt32();
+                const int32_t sequence = data.readInt32();
                 std::lock_guard<std::mutex> lock(mLock);
-                listeners = mListeners;
+                // A one-way call is served with a reply parcel all the same.
+                mRecords.note(stream, sequence, reply == nullptr);
+                return OK;
             }
-            for (const sp<IBinder>& listener : listeners) {
-                Parcel event;
-                event.writeInt32(value);
-                listener->transact(TestListener::kListenerEvent, event, nullptr, FLAG_ONEWAY);
+            case kStats: {
+                std::lock_guard<std::mutex> lock(mLock);
+                reply->writeInt32(mRecords.total);
+                return reply->writeInt32(mRecords.violations);
             }
-            return OK;
-        }
-        case kGiveListener: {
-            std::lock_guard<std::mutex> lock(mLock);
-            return reply->writeStrongBinder(mListeners.empty() ? nullptr : mListeners.back());
-        }
-        case kDropListeners: {
-            std::lock_guard<std::mutex> lock(mLock);
-            mListeners.clear();
-            return OK;
-        }
-        case kAnswerWith: {
-            const status_t status = data.readInt32();
-            reply->writeInt32(status);
-            return status;
-        }
-        case kBlockOneway:
-            if (mWaitForRelease) {
-                mWaitForRelease();
+            case kAddListener: {
+                std::lock_guard<std::mutex> lock(mLock);
+                mListeners.push_back(data.readStrongBinder());
+                return OK;
             }
-            return OK;
-        default:
-            return BBinder::onTransact(code, data, reply, flags);
+            case kRemoveListener: {
+                sp<IBinder> listener = data.readStrongBinder();
+                std::lock_guard<std::mutex> lock(mLock);
+                auto found = std::find(mListeners.begin(), mListeners.end(), listener);
+                const bool registered = found != mListeners.end();
+                if (registered) {
+                    mListeners.erase(found);
+                }
+                return reply->writeBool(registered);
+            }
+            case kNotify: {
+                const int32_t value = data.readInt32();
+                std::vector<sp<IBinder>> listeners;
+                {
+                    std::lock_guard<std::mutex> lock(mLock);
+                    listeners = mListeners;
+                }
+                for (const sp<IBinder>& listener : listeners) {
+                    Parcel event;
+                    event.writeInt32(value);
+                    listener->transact(kListenerEvent, event, nullptr, FLAG_ONEWAY);
+                }
+                return OK;
+            }
+            case kGiveListener: {
+                std::lock_guard<std::mutex> lock(mLock);
+                return reply->writeStrongBinder(mListeners.empty() ? nullptr : mListeners.back());
+            }
+            case kAnswerWith: {
+                const status_t status = data.readInt32();
+                reply->writeInt32(status);
+                return status;
+            }
+            case kBlockOneway:
+                if (mRelease != nullptr) {
+                    mReady->post("blocked");
+                    mRelease->next(20s);
+                }
+                return OK;
+            default:
+                return BBinder::onTransact(code, data, reply, flags);
+        }
     }
-}
 
-status_t TestListener::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
-    if (code != kListenerEvent) {
-        return BBinder::onTransact(code, data, reply, flags);
-    }
-    const int32_t value = data.readInt32();
-    std::lock_guard<std::mutex> lock(mLock);
-    mHeard.lastThread = std::this_thread::get_id();
-    mHeard.order.note(value >> kSequenceBits, value & ((1 << kSequenceBits) - 1));
-    return OK;
-}
+private:
+    Channel* const mReady;
+    Channel* const mRelease;
+    std::mutex mLock;
+    StreamOrder mRecords;
+    std::vector<sp<IBinder>> mListeners;
+};
+
+}  // namespace
 
 const android::String16 kTestServiceName("tivra.test.service");
 
 pid_t spawnTestService(BinderdSession& session, Channel& ready, const android::String16& name, Channel* release) {
     return session.spawn([&ready, name, release] {
-        sp<TestService> service = new TestService([&ready, release] {
-            if (release != nullptr) {
-                ready.post("blocked");
-                release->next(20s);
-            }
-        });
+        sp<IBinder> service = new TestServiceBinder(&ready, release);
         android::ProcessState::self()->startThreadPool();
         CHILD_CHECK(android::defaultServiceManager()->addService(name, service) == OK);
         ready.post("ready");

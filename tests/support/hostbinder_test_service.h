@@ -1,15 +1,9 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
-#include <functional>
 #include <map>
-#include <mutex>
-#include <thread>
-#include <vector>
 
-#include <binder/Binder.h>
-#include <binder/Parcel.h>
+#include <binder/IBinder.h>
 
 #include "binderd_fixture.h"
 
@@ -26,10 +20,12 @@ struct StreamOrder {
     int violations = 0;
 };
 
-// The service that hostbinder's tests run in a child process. Each code
-// exercises one behaviour of the runtime from the service's side.
-class TestService : public android::BBinder {
-public:
+// The codes of the service that hostbinder's tests run in a child process
+// (spawnTestService). Each exercises one behaviour of the runtime from the
+// service's side.
+struct TestService {
+    // The code a listener's events come with.
+    static constexpr uint32_t kListenerEvent = android::IBinder::FIRST_CALL_TRANSACTION;
     enum Code : uint32_t {
         kEcho = android::IBinder::FIRST_CALL_TRANSACTION,  // returns the request's bytes
         kWhoCalls,       // -> int32 pid, int32 uid of the caller
@@ -37,58 +33,12 @@ public:
         kStats,          // -> int32 records, int32 order violations
         kAddListener,    // binder: keeps it
         kRemoveListener, // binder -> bool whether it was kept (same proxy)
-        kNotify,         // int32 value: one-way kListenerEvent to every listener
+        kNotify,         // int32 value: one-way kListenerEvent, with that value, to every listener
         kGiveListener,   // -> the newest listener
-        kDropListeners,  // forgets every listener
-        kBlockOneway,    // one-way: blocks this node until release() is called
+        kBlockOneway,    // one-way or two-way: blocks this node until released (see spawnTestService)
         kLookUpAndRecord, // one-way: a two-way service lookup first, then as kRecord
         kAnswerWith,     // int32 status -> that int32, and onTransact returns the status
     };
-
-    explicit TestService(std::function<void()> waitForRelease = {}) : mWaitForRelease(std::move(waitForRelease)) {}
-
-    const android::String16& getInterfaceDescriptor() const override;
-
-protected:
-    android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
-                                 uint32_t flags) override;
-
-private:
-    std::function<void()> mWaitForRelease;
-    std::mutex mLock;
-    StreamOrder mRecords;
-    std::vector<android::sp<android::IBinder>> mListeners;
-};
-
-// A client-side callback object that counts itself in `live` while it
-// exists. An event's value is a stream in its upper bits and a sequence below
-// (see eventValue): it keeps their order and the thread of the last one.
-class TestListener : public android::BBinder {
-public:
-    static constexpr uint32_t kListenerEvent = android::IBinder::FIRST_CALL_TRANSACTION;
-    static constexpr int kSequenceBits = 20;
-    static int32_t eventValue(int32_t stream, int32_t sequence) { return (stream << kSequenceBits) | sequence; }
-
-    explicit TestListener(std::atomic<int>* live) : mLive(live) { ++*mLive; }
-    ~TestListener() override { --*mLive; }
-
-    struct Heard {
-        StreamOrder order;
-        std::thread::id lastThread;
-    };
-    Heard heard() const {
-        std::lock_guard<std::mutex> lock(mLock);
-        return mHeard;
-    }
-
-protected:
-    android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
-                                 uint32_t flags) override;
-
-private:
-    std::atomic<int>* const mLive;
-    mutable std::mutex mLock;
-    Heard mHeard;
 };
 
 // The name the tests register TestService under.
