@@ -86,7 +86,6 @@ public:
     }
 
     BinderdSession& session() { return mSession; }
-    pid_t service() const { return mService; }
     LegitimateClient& client() { return *mClient; }
 
 private:
@@ -116,7 +115,7 @@ void attackBenchmark(benchmark::State& state, const Attack* attack) {
                 std::this_thread::sleep_for(10ms);
             }
         });
-        const AttackTarget target{session.socketPath(), binderd, kVictimName, gStage->service(), 1.0};
+        const AttackTarget target{session.socketPath(), binderd, 1.0};
         const Outcome outcome = runAttack(session, *attack, target, 300s);
         attacking = false;
         sampler.join();

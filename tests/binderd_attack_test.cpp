@@ -21,12 +21,12 @@ TEST(BinderdUnderAttack, ServesALegitimateProcessThroughEveryAttack) {
     BinderdSession session;
     ASSERT_TRUE(session.started()) << session.error();
     Channel ready;
-    const pid_t service = spawnTestService(session, ready, android::String16(victim.c_str()));
+    spawnTestService(session, ready, android::String16(victim.c_str()));
     ASSERT_EQ(ready.next(), "ready");
     LegitimateClient client(session, victim);
     for (const Attack& attack : binderdAttacks()) {
         SCOPED_TRACE(attack.name);
-        const AttackTarget target{session.socketPath(), session.binderdPid(), victim, service, 0.02};
+        const AttackTarget target{session.socketPath(), session.binderdPid(), 0.02};
         EXPECT_STREQ(outcomeName(runAttack(session, attack, target, 60s)), outcomeName(attack.expected));
         ASSERT_EQ(waitpid(session.binderdPid(), nullptr, WNOHANG), 0) << "binderd died";
         const LegitimateClient::Window calls = client.report();

@@ -39,12 +39,8 @@ std::vector<uint8_t> payloadOf(const TransactionHeader& header, const uint8_t* d
 }
 
 std::vector<uint8_t> transaction(uint64_t target, uint32_t code, uint32_t flags, const Parcel& data = Parcel()) {
-    TransactionHeader header{};
-    header.target = target;
-    header.code = code;
-    header.flags = flags;
-    header.dataSize = static_cast<uint32_t>(data.dataSize());
-    header.offsetsCount = static_cast<uint32_t>(data.objectsCount());
+    const TransactionHeader header{target, code, flags, 0, 0, 0, static_cast<uint32_t>(data.dataSize()),
+                                   static_cast<uint32_t>(data.objectsCount()), 0};
     return payloadOf(header, data.data(), data.objects());
 }
 

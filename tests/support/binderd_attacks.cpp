@@ -43,12 +43,8 @@ bool RawPeer::sendFrame(uint32_t command, const void* payload, size_t size) {
 
 std::vector<uint8_t> RawPeer::transaction(uint64_t handle, uint32_t code, const std::vector<uint8_t>& data,
                                           const std::vector<uint64_t>& offsets, uint32_t flags) {
-    TransactionHeader header{};
-    header.target = handle;
-    header.code = code;
-    header.flags = flags;
-    header.dataSize = static_cast<uint32_t>(data.size());
-    header.offsetsCount = static_cast<uint32_t>(offsets.size());
+    const TransactionHeader header{handle, code, flags, 0, 0, 0, static_cast<uint32_t>(data.size()),
+                                   static_cast<uint32_t>(offsets.size()), 0};
     std::vector<uint8_t> frame;
     appendTransaction(&frame, kTransaction, header, data.data(), offsets.data());
     return frame;

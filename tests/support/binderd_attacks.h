@@ -107,9 +107,6 @@ const char* outcomeName(Outcome outcome);
 struct AttackTarget {
     std::string socketPath;
     pid_t binderd = -1;
-    // The service, of another process of the same uid, that the legitimate client calls.
-    std::string victimName;
-    pid_t victimPid = -1;
     // 1 runs each attack at the sizes it was first seen at; tests run small.
     double scale = 1;
 };
