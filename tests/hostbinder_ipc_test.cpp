@@ -10,6 +10,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -37,6 +40,21 @@ status_t call(const sp<IBinder>& target, uint32_t code, const std::function<void
         fill(&data);
     }
     return target->transact(code, data, reply, flags);
+}
+
+// Whether every other thread of this process has started and sleeps. A thread
+// that starts once no descriptor is left trips the sanitizers, which check the
+// thread's start through a pipe.
+bool otherThreadsSleep() {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream stat(task.path() / "stat");
+        const std::string text(std::istreambuf_iterator<char>(stat), {});
+        const size_t name = text.rfind(')');
+        if (task.path().filename() != std::to_string(gettid()) && (name == std::string::npos || text[name + 2] != 'S')) {
+            return false;
+        }
+    }
+    return true;
 }
 
 class HostBinderIpc : public ::testing::Test {
@@ -122,6 +140,7 @@ TEST_F(HostBinderIpc, CallsCarryDataStatusAndTheCallersIdentityWithOrWithoutACha
             CHILD_CHECK(service != nullptr);
             if (!channels) {
                 // The channels' ends binderd hands over are lost on the way in.
+                CHILD_CHECK(waitUntil(otherThreadsSleep));
                 const int spare = dup(STDERR_FILENO);
                 rlimit limit{};
                 CHILD_CHECK(spare >= 0 && close(spare) == 0 && getrlimit(RLIMIT_NOFILE, &limit) == 0);
