@@ -128,8 +128,7 @@ DaemonRun runBinderd(const std::vector<std::string>& arguments, const std::strin
         kill(child, SIGTERM);
         waitpid(child, &status, 0);
     }
-    std::ifstream written(output);
-    run.output.assign(std::istreambuf_iterator<char>(written), {});
+    run.output.assign(std::istreambuf_iterator<char>(std::ifstream(output).rdbuf()), {});
     run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return run;
 }

@@ -32,10 +32,7 @@ int reap(pid_t child, bool block) {
     if (done == 0) {
         return -2;
     }
-    if (done < 0) {
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return done > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // As reap, waiting up to `timeout`; a child still running then is killed (-1).
@@ -170,15 +167,9 @@ int BinderdSession::waitExit(pid_t child, std::chrono::milliseconds timeout) {
     return status;
 }
 
-void BinderdSession::kill(pid_t child, int signal) { ::kill(child, signal); }
-
 bool BinderdSession::stopBinderd(std::chrono::milliseconds timeout) {
-    if (mBinderd <= 0) {
-        return false;
-    }
-    ::kill(mBinderd, SIGTERM);
     const pid_t binderd = std::exchange(mBinderd, -1);
-    return reapWithin(binderd, timeout) == 0;
+    return binderd > 0 && ::kill(binderd, SIGTERM) == 0 && reapWithin(binderd, timeout) == 0;
 }
 
 }  // namespace tivra_test
