@@ -514,8 +514,6 @@ TEST(DeviceTypeFromValue, EveryByteAgainstTheTable) {
     }
 }
 
-const char kInvalidType[] = "read deviceType from parcel is invalid value";
-
 // The type travels as an int32 of which the low byte counts; -1 is refused.
 TEST(NodeRecord, ReadResultStateAndLog) {
     const struct {
@@ -530,7 +528,8 @@ TEST(NodeRecord, ReadResultStateAndLog) {
         {"TypeF1", Wire("", 0xF1, ""), android::OK, "|241|", {}},
         {"UnknownOne", Wire("n", 1, "id"), android::OK, "n|0|id", {UnknownTypeLine(1)}},
         {"MinusTwoIsUnknown", Wire("n", -2, "id"), android::OK, "n|0|id", {UnknownTypeLine(0xFE)}},
-        {"MinusOneRefused", Wire("n", -1, "id"), -1, "n|160|old-id", {kInvalidType}},
+        {"MinusOneRefused", Wire("n", -1, "id"), -1, "n|160|old-id",
+         {"read deviceType from parcel is invalid value"}},
         {"NameNull", Wire(-1, 0x0E, "id"), android::UNEXPECTED_NULL, "old|160|old-id",
          {"read name from parcel failed"}},
         {"TypeMissing", Wire("n"), android::NOT_ENOUGH_DATA, "n|160|old-id", {"read deviceType from parcel failed"}},

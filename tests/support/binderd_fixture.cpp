@@ -46,15 +46,6 @@ int reapWithin(pid_t child, std::chrono::milliseconds timeout) {
     return status;
 }
 
-// In a fresh child: go when the forking process goes, even if it crashed and
-// never ran its cleanup, so that no helper outlives its test or benchmark.
-void dieWithParent(pid_t parent) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) {
-        _exit(1);
-    }
-}
-
 }  // namespace
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
@@ -154,7 +145,12 @@ pid_t BinderdSession::spawn(const std::function<int()>& body) {
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child == 0) {
-        dieWithParent(parent);
+        // Go when the forking process goes, even if it crashed and never ran its
+        // cleanup, so that no helper outlives its test or benchmark.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) {
+            _exit(1);
+        }
         _exit(body());
     }
     mChildren.push_back(child);
