@@ -1,11 +1,9 @@
 // binderd itself: its command line, its socket and folder, who may connect,
 // and what a process that sent and went at once still has delivered; the
-// client library's side of the socket rules. Then binderd against a hostile
-// process of the same uid: each attack of the table, scaled down, while a
-// legitimate process keeps looking up an echo service and calling it. binderd
-// must survive every attack, answer every legitimate call correctly, and cut
-// or refuse the attacker. How much memory and time the attacks cost is
-// measured in bench/binderd_attack_bench.
+// client library's side of the socket rules. Then each attack of a hostile
+// process of the same uid, scaled down, while a legitimate one keeps calling an
+// echo service: binderd must answer it correctly and cut or refuse the attacker
+// (what the attacks cost: bench/binderd_attack_bench).
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <signal.h>
