@@ -66,7 +66,7 @@ public:
     bool restart() {
         mClient.reset();
         if (mService > 0) {
-            mSession.kill(mService, SIGKILL);
+            kill(mService, SIGKILL);
             mSession.waitExit(mService);
             mService = -1;
         }
@@ -167,7 +167,7 @@ void idleClients(benchmark::State& state) {
         std::this_thread::sleep_for(500ms);
         const long after = tivra_bench::residentKibibytes(session.binderdPid());
         for (pid_t client : clients) {
-            session.kill(client, SIGKILL);
+            kill(client, SIGKILL);
             session.waitExit(client);
         }
         state.counters["clients"] = up;

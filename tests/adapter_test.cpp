@@ -64,20 +64,17 @@ private:
 };
 
 // Client objects that record their calls and then run an optional hook (one
-// that calls the adapter from inside a callback).
+// that calls the adapter from inside a callback), set before they are registered.
 class RecordingListener : public TivraListener {
 public:
-    explicit RecordingListener(std::function<void()> hook = nullptr) : hook_(std::move(hook)) {}
     void OnDeviceOnline(std::shared_ptr<TivraDeviceInfo> device) override { Record(true, device); }
     void OnDeviceOffline(std::shared_ptr<TivraDeviceInfo> device) override { Record(false, device); }
-    EventLog<std::pair<bool, std::shared_ptr<TivraDeviceInfo>>> log;  // online, device
-
-private:
     void Record(bool online, std::shared_ptr<TivraDeviceInfo> device) {
         log.Add({online, std::move(device)});
-        if (hook_) hook_();
+        if (hook) hook();
     }
-    std::function<void()> hook_;
+    EventLog<std::pair<bool, std::shared_ptr<TivraDeviceInfo>>> log;  // online, device
+    std::function<void()> hook;
 };
 
 // Records "on <node>", "off <node>" (with the record) and "changed <id> <type>".
@@ -93,15 +90,12 @@ public:
 
 class RecordingNotifier : public TivraDeathNotifier {
 public:
-    explicit RecordingNotifier(std::function<void()> hook = nullptr) : hook_(std::move(hook)) {}
     void OnServiceDied() override {
         deaths.Add(true);
-        if (hook_) hook_();
+        if (hook) hook();
     }
     EventLog<bool> deaths;
-
-private:
-    std::function<void()> hook_;
+    std::function<void()> hook;
 };
 
 // Failures the library logged (notes at info priority do not count).
@@ -490,14 +484,13 @@ TEST(Callbacks, ListenersGetNewRecordsAndMappedKindsInOrderAndMayCallTheAdapter)
         // and register another listener.
         const auto successor = std::make_shared<RecordingListener>();
         EventLog<std::string> outcomes;
-        auto self = std::make_shared<std::weak_ptr<RecordingListener>>();
-        const auto listener = std::make_shared<RecordingListener>([&, self] {
+        const auto listener = std::make_shared<RecordingListener>();
+        listener->hook = [&, self = std::weak_ptr<RecordingListener>(listener)] {
             const bool queried = LocalDevice() == kLocal;
-            const bool unregistered = Adapter()->UnregisterCallback(self->lock());
+            const bool unregistered = Adapter()->UnregisterCallback(self.lock());
             const bool registered = Adapter()->RegisterCallback(successor);
             outcomes.Add(std::to_string(queried) + std::to_string(unregistered) + std::to_string(registered));
-        });
-        *self = listener;
+        };
         ASSERT_TRUE(Adapter()->RegisterCallback(listener));
 
         Emit(session, {{"event", "deviceOnline"}, {"device", Device("1")}});
@@ -522,12 +515,11 @@ TEST(ServiceDeath, EachLinkedNotifierIsToldOnceAfterTheAdapterForgotTheService) 
         const auto listener = std::make_shared<RecordingListener>();
         const auto nodeListener = std::make_shared<RecordingNodeListener>();
         EventLog<std::string> toldFirst;
-        auto self = std::make_shared<std::weak_ptr<RecordingNotifier>>();
-        const auto first = std::make_shared<RecordingNotifier>([&toldFirst, self] {
+        const auto first = std::make_shared<RecordingNotifier>();
+        first->hook = [&toldFirst, self = std::weak_ptr<RecordingNotifier>(first)] {
             const std::string device = LocalDevice();
-            toldFirst.Add(device + " " + std::to_string(Adapter()->LinkToDeath(self->lock())));
-        });
-        *self = first;
+            toldFirst.Add(device + " " + std::to_string(Adapter()->LinkToDeath(self.lock())));
+        };
         const auto second = std::make_shared<RecordingNotifier>();
         const auto unlinked = std::make_shared<RecordingNotifier>();
         ASSERT_TRUE(Adapter()->RegisterCallback(listener));

@@ -99,7 +99,7 @@ public:
     bool takesDescriptor(ConnectionId) const override { return true; }
     void cut(ConnectionId) override {}
     void finish(ConnectionId id) override { finished.push_back(id); }
-    size_t backlog(ConnectionId id) const override { return backlogs.count(id) == 0 ? 0 : backlogs.at(id); }
+    size_t backlog(ConnectionId) const override { return 0; }
     void writeNow(ConnectionId) override {}
     void drain(ConnectionId id) override {
         auto& frames = unread[id];
@@ -113,7 +113,6 @@ public:
     android::binderd::Driver* driver = nullptr;
     std::vector<Sent> sent;
     std::vector<ConnectionId> finished;
-    std::map<ConnectionId, size_t> backlogs;  // as the test sets them
     std::map<ConnectionId, std::deque<std::pair<uint32_t, std::vector<uint8_t>>>> unread;
 };
 
@@ -520,10 +519,7 @@ TEST_F(DriverFrames, ParcelsWithUntrustworthyObjectsAreRefusedAndForgedReleasesB
             std::memcpy(data.data() + at, words, std::min<size_t>(sizeof(words), data.size() - at));
             offsets.push_back(at);
         }
-        TransactionHeader header{};
-        header.target = h;
-        header.dataSize = static_cast<uint32_t>(data.size());
-        header.offsetsCount = static_cast<uint32_t>(offsets.size());
+        const TransactionHeader header{h, 0, 0, 0, 0, 0, 64, static_cast<uint32_t>(offsets.size()), 0};
         ASSERT_TRUE(feed(kClientThread, kTransaction, payloadOf(header, data.data(), offsets.data())));
         EXPECT_EQ(payloadAs<int32_t>(outbox.sent.back()), FAILED_TRANSACTION);
     }

@@ -1,7 +1,9 @@
 // binderd itself: its command line, its socket and folder, who may connect,
 // and what a process that sent and went at once still has delivered; the
-// client library's side of the socket rules. Hostile connections are
-// binderd_attack_test's.
+// client library's side of the socket rules. Then each attack of a hostile
+// process of the same uid, scaled down, while a legitimate one keeps calling an
+// echo service: binderd must answer it correctly and cut or refuse the attacker
+// (what the attacks cost: bench/binderd_attack_bench).
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -128,8 +130,7 @@ DaemonRun runBinderd(const std::vector<std::string>& arguments, const std::strin
         kill(child, SIGTERM);
         waitpid(child, &status, 0);
     }
-    std::ifstream written(output);
-    run.output.assign(std::istreambuf_iterator<char>(written), {});
+    run.output.assign(std::istreambuf_iterator<char>(std::ifstream(output).rdbuf()), {});
     run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return run;
 }
@@ -305,6 +306,25 @@ TEST(ClientSocketRules, ASilentBinderdIsReportedAndLookupsGiveNull) {
     });
     EXPECT_EQ(session.waitExit(client, 30s), 0);
     close(listener);
+}
+
+TEST(BinderdUnderAttack, ServesALegitimateProcessThroughEveryAttack) {
+    const std::string victim = "tivra.test.victim";
+    BinderdSession session;
+    ASSERT_TRUE(session.started()) << session.error();
+    Channel ready;
+    spawnTestService(session, ready, android::String16(victim.c_str()));
+    ASSERT_EQ(ready.next(), "ready");
+    LegitimateClient client(session, victim);
+    for (const Attack& attack : binderdAttacks()) {
+        SCOPED_TRACE(attack.name);
+        const AttackTarget target{session.socketPath(), session.binderdPid(), 0.02};
+        EXPECT_STREQ(outcomeName(runAttack(session, attack, target, 60s)), outcomeName(attack.expected));
+        ASSERT_EQ(waitpid(session.binderdPid(), nullptr, WNOHANG), 0) << "binderd died";
+        const LegitimateClient::Window calls = client.report();
+        EXPECT_GT(calls.calls, 0);
+        EXPECT_EQ(calls.failures, 0);
+    }
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 // routing, reference and death rules are pinned frame by frame in
 // binderd_driver_test.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -120,7 +121,7 @@ TEST_F(HostBinderIpc, ServiceManagerWaitsForLaterNamesRefusesTakenOnesAndForgets
         CHILD_CHECK(manager->addService(String16("tivra.test.null"), nullptr) != OK);
         return 0;
     }));
-    session.kill(service, SIGKILL);
+    kill(service, SIGKILL);
     EXPECT_EQ(session.waitExit(service), -1);
     expectChildPasses(session.spawn([] {
         CHILD_CHECK(waitUntil([] { return lookUpTestService() == nullptr; }));
@@ -414,7 +415,7 @@ TEST_F(HostBinderIpc, PeersKilledMidCallLeaveTheOtherStandingAndAServicesDeathFa
         return 0;
     });
     ASSERT_EQ(events.next(), "blocked");
-    session.kill(caller, SIGKILL);
+    kill(caller, SIGKILL);
     EXPECT_EQ(session.waitExit(caller), -1);
     release.post("go");
     const pid_t client = session.spawn([] {
@@ -436,7 +437,7 @@ TEST_F(HostBinderIpc, PeersKilledMidCallLeaveTheOtherStandingAndAServicesDeathFa
         return 0;
     });
     ASSERT_EQ(events.next(), "blocked");
-    session.kill(service, SIGKILL);
+    kill(service, SIGKILL);
     expectChildPasses(client);
 }
 

@@ -57,8 +57,6 @@ int64_t RawPeer::hello(uint32_t command, std::vector<uint8_t>* answer, milliseco
     return nextCommand(answer != nullptr ? answer : &ignored, timeout);
 }
 
-void RawPeer::finishSending() { shutdown(mFd, SHUT_WR); }
-
 int64_t RawPeer::nextCommand(std::vector<uint8_t>* payload, milliseconds timeout) {
     FrameHeader header;
     if (!readExactly(&header, sizeof(header), timeout)) {
@@ -196,8 +194,6 @@ uint32_t RawSession::checkService(const std::string& name) {
     return object.hdr.type == BINDER_TYPE_HANDLE ? object.handle : 0;
 }
 
-std::vector<uint8_t> RawSession::listServicesRequest() { return serviceManagerRequest(nullptr); }
-
 // What an attack works with in its own process: its target, a raw session
 // and the connections it opens.
 struct Attacker {
@@ -254,7 +250,7 @@ const std::vector<Attack>& binderdAttacks() {
         }},
         // Requests whose replies are never read, on one thread.
         {"request_flood_never_read", Outcome::kCut, [](Attacker& a) {
-            const auto request = RawPeer::transaction(0, kListServices, RawSession::listServicesRequest());
+            const auto request = RawPeer::transaction(0, kListServices, serviceManagerRequest(nullptr));
             std::vector<uint8_t> batch;
             for (int i = 0; i < 512; ++i) {
                 batch.insert(batch.end(), request.begin(), request.end());
@@ -344,7 +340,7 @@ const std::vector<Attack>& binderdAttacks() {
             a.connect().sendBytes(&twoGigabytes, sizeof(twoGigabytes));
             a.connect().sendBytes(&promise, sizeof(promise));
             a.peers.back()->sendBytes("short", 5);
-            a.peers.back()->finishSending();
+            shutdown(a.peers.back()->fd(), SHUT_WR);
             a.connect().sendFrame(kHelloThread, &forgedToken, sizeof(forgedToken));
             a.session.control().sendFrame(kReleaseHandle, &forgedRelease, sizeof(forgedRelease));
             const auto cut = [](RawPeer& peer) { return peer.closedByBinderd(milliseconds(5000)); };

@@ -45,7 +45,6 @@ public:
     // binderd's answer, as nextCommand.
     int64_t hello(uint32_t command = android::hostbinder::kHelloProcess, std::vector<uint8_t>* answer = nullptr,
                   milliseconds timeout = milliseconds(5000));
-    void finishSending();
     // Closes at once, dropping whatever binderd sent and was not read.
     void close() { ::close(std::exchange(mFd, -1)); }
 
@@ -85,7 +84,6 @@ public:
     // (0: none).
     int32_t addService(const std::string& name, uint64_t address);
     uint32_t checkService(const std::string& name);
-    static std::vector<uint8_t> listServicesRequest();
 
 private:
     RawPeer mControl;

@@ -32,10 +32,7 @@ int reap(pid_t child, bool block) {
     if (done == 0) {
         return -2;
     }
-    if (done < 0) {
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return done > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // As reap, waiting up to `timeout`; a child still running then is killed (-1).
@@ -47,15 +44,6 @@ int reapWithin(pid_t child, std::chrono::milliseconds timeout) {
         return -1;
     }
     return status;
-}
-
-// In a fresh child: go when the forking process goes, even if it crashed and
-// never ran its cleanup, so that no helper outlives its test or benchmark.
-void dieWithParent(pid_t parent) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) {
-        _exit(1);
-    }
 }
 
 }  // namespace
@@ -157,7 +145,12 @@ pid_t BinderdSession::spawn(const std::function<int()>& body) {
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child == 0) {
-        dieWithParent(parent);
+        // Go when the forking process goes, even if it crashed and never ran its
+        // cleanup, so that no helper outlives its test or benchmark.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) {
+            _exit(1);
+        }
         _exit(body());
     }
     mChildren.push_back(child);
@@ -170,15 +163,9 @@ int BinderdSession::waitExit(pid_t child, std::chrono::milliseconds timeout) {
     return status;
 }
 
-void BinderdSession::kill(pid_t child, int signal) { ::kill(child, signal); }
-
 bool BinderdSession::stopBinderd(std::chrono::milliseconds timeout) {
-    if (mBinderd <= 0) {
-        return false;
-    }
-    ::kill(mBinderd, SIGTERM);
     const pid_t binderd = std::exchange(mBinderd, -1);
-    return reapWithin(binderd, timeout) == 0;
+    return binderd > 0 && ::kill(binderd, SIGTERM) == 0 && reapWithin(binderd, timeout) == 0;
 }
 
 }  // namespace tivra_test

@@ -53,7 +53,6 @@ public:
     // The child's exit status, or -1 when it had not exited within the
     // timeout (it is then killed) or died of a signal.
     int waitExit(pid_t child, std::chrono::milliseconds timeout = 20s);
-    void kill(pid_t child, int signal);
 
     // Starts binderd on the session's socket; false when it did not come up.
     bool startBinderd();

@@ -18,8 +18,7 @@ namespace tivra_test {
 namespace {
 
 std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return std::string(std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {});
 }
 
 // Whether a child has ended, without reaping it.
@@ -79,7 +78,6 @@ MonitordSession::MonitordSession() {
     if (!binderd_.started()) error_ = binderd_.error();
 }
 
-
 bool MonitordSession::StartService(const nlohmann::json& scenario) {
     if (!binderd_.started()) return false;  // error() says why
     const std::string base = std::filesystem::path(binderd_.socketPath()).parent_path().string() + "/monitord-" +
@@ -117,7 +115,7 @@ bool MonitordSession::StartService(const nlohmann::json& scenario) {
 
 bool MonitordSession::KillService() {
     if (service_ < 0) return false;
-    binderd_.kill(service_, SIGKILL);
+    kill(service_, SIGKILL);
     binderd_.waitExit(service_);
     service_ = -1;
     return true;

@@ -28,9 +28,7 @@ nlohmann::json QuietScenario();
 // with the thread that started it). Only Control() uses Binder.
 class MonitordSession {
 public:
-    MonitordSession();
-    MonitordSession(const MonitordSession&) = delete;
-    MonitordSession& operator=(const MonitordSession&) = delete;
+    MonitordSession();  // not copyable, as its BinderdSession is not
 
     // Empty unless binderd did not come up or a service did not start.
     const std::string& error() const { return error_; }
