@@ -37,6 +37,9 @@ int reap(pid_t child, bool block) {
 
 // As reap, waiting up to `timeout`; a child still running then is killed (-1).
 int reapWithin(pid_t child, std::chrono::milliseconds timeout) {
+    if (child <= 0) {
+        return -1;  // a failed fork: waitpid would reap, and kill signal, any process
+    }
     int status = -2;
     if (!waitUntil([&] { return (status = reap(child, false)) != -2; }, timeout)) {
         ::kill(child, SIGKILL);
@@ -153,7 +156,9 @@ pid_t BinderdSession::spawn(const std::function<int()>& body) {
         }
         _exit(body());
     }
-    mChildren.push_back(child);
+    if (child > 0) {
+        mChildren.push_back(child);  // -1 would have waitpid reap any child
+    }
     return child;
 }
 
