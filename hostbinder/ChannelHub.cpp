@@ -32,10 +32,7 @@ ChannelHub::ChannelHub(std::function<void(uint64_t)> drained)
     : mDrained(std::move(drained)),
       mEpoll(epoll_create1(EPOLL_CLOEXEC)),
       mAttentionEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    epoll_event event{};
-    event.events = EPOLLIN | EPOLLONESHOT;
-    event.data.u64 = kAttention;
-    epoll_ctl(mEpoll, EPOLL_CTL_ADD, mAttentionEvent, &event);
+    armAttention(EPOLL_CTL_ADD);
 }
 
 ChannelHub::~ChannelHub() {
@@ -143,11 +140,11 @@ void ChannelHub::forget(uint64_t id) {
     }
 }
 
-void ChannelHub::rearm(int fd, uint64_t id) {
+void ChannelHub::armAttention(int operation) {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLONESHOT;
-    event.data.u64 = id;
-    epoll_ctl(mEpoll, EPOLL_CTL_MOD, fd, &event);
+    event.data.u64 = kAttention;
+    epoll_ctl(mEpoll, operation, mAttentionEvent, &event);
 }
 
 void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel, bool readSocket) {
@@ -207,7 +204,7 @@ void ChannelHub::work() {
                     }
                 }
                 mAttention.clear();
-                rearm(mAttentionEvent, kAttention);
+                armAttention(EPOLL_CTL_MOD);
             } else {
                 auto it = mChannels.find(event.data.u64 & ~kDoorbell);
                 const bool doorbell = (event.data.u64 & kDoorbell) != 0;

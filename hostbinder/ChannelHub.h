@@ -89,8 +89,8 @@ private:
     bool welcome(Channel& channel);
     bool serveCall(const std::shared_ptr<Channel>& channel, const hostbinder::Frame& frame);
     sp<BBinder> reach(Channel& channel, uint32_t handle, status_t* status);
-    // Arms the one-shot attention event again.
-    void rearm(int fd, uint64_t id);
+    // Arms the one-shot attention event (EPOLL_CTL_ADD the first time, then MOD).
+    void armAttention(int operation);
     // Has a thread serve the channel soon; under mLock.
     void attend(Channel& channel);
     void forget(uint64_t id);
