@@ -28,8 +28,8 @@ constexpr uint64_t kAttention = 0;
 constexpr uint64_t kDoorbell = uint64_t{1} << 63;
 }  // namespace
 
-ChannelHub::ChannelHub(std::function<void(uint64_t)> drained)
-    : mDrained(std::move(drained)),
+ChannelHub::ChannelHub(std::function<void(uint32_t, const void*, size_t)> tell)
+    : mTell(std::move(tell)),
       mEpoll(epoll_create1(EPOLL_CLOEXEC)),
       mAttentionEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     armAttention(EPOLL_CTL_ADD);
@@ -88,7 +88,7 @@ void ChannelHub::close(uint64_t id) {
         }
     }
     // Gone already (its caller's end closed first): nothing is left on it.
-    mDrained(id);
+    mTell(kChannelDrained, &id, sizeof(id));
 }
 
 void ChannelHub::attend(Channel& channel) {
@@ -123,6 +123,60 @@ void ChannelHub::revoke(uint64_t id, uint32_t handle) {
     attend(channel);
 }
 
+void ChannelHub::progressWanted(uint64_t id, uint64_t total) {
+    std::shared_ptr<Channel> channel;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        auto it = mChannels.find(id);
+        if (it == mChannels.end()) {
+            return;  // closed: binderd took back its room itself
+        }
+        channel = it->second;
+    }
+    // Set before the total is read: a call finishing meanwhile either counts
+    // in what is read, or sees the wish and tells binderd itself.
+    channel->wanted = std::max(channel->wanted.load(), total);
+    const uint64_t finished = channel->finished;
+    uint64_t wanted = channel->wanted;
+    if (wanted != 0 && finished >= wanted) {
+        channel->wanted.compare_exchange_strong(wanted, 0);
+    }
+    tellProgress(*channel, finished);
+}
+
+void ChannelHub::everyProgressWanted() {
+    std::vector<std::shared_ptr<Channel>> channels;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        for (const auto& entry : mChannels) {
+            channels.push_back(entry.second);
+        }
+    }
+    for (const auto& channel : channels) {
+        const uint64_t finished = channel->finished;
+        if (finished > channel->told) {
+            tellProgress(*channel, finished);
+        }
+    }
+    const ChannelProgress end{0, 0};
+    mTell(kChannelDone, &end, sizeof(end));
+}
+
+void ChannelHub::finishOneway(Channel& channel, uint64_t charge) {
+    const uint64_t finished = channel.finished += charge;
+    IPCThreadState::self()->noteChannelDone(channel.id, finished);
+    uint64_t wanted = channel.wanted;
+    if (wanted != 0 && finished >= wanted && channel.wanted.compare_exchange_strong(wanted, 0)) {
+        tellProgress(channel, finished);
+    }
+}
+
+void ChannelHub::tellProgress(Channel& channel, uint64_t total) {
+    channel.told = std::max(channel.told.load(), total);
+    const ChannelProgress progress{channel.id, total};
+    mTell(kChannelDone, &progress, sizeof(progress));
+}
+
 void ChannelHub::forget(uint64_t id) {
     std::shared_ptr<Channel> gone;
     bool closed = false;
@@ -136,7 +190,7 @@ void ChannelHub::forget(uint64_t id) {
         }
     }
     if (closed) {
-        mDrained(id);
+        mTell(kChannelDrained, &id, sizeof(id));
     }
 }
 
@@ -177,16 +231,14 @@ void ChannelHub::serveClaimed(const std::shared_ptr<Channel>& channel, bool read
 
 void ChannelHub::work() {
     for (;;) {
-        // What this thread's calls finished goes to binderd in batches, the
-        // rest before it sleeps.
+        // What this thread's calls finished goes to binderd in batches;
+        // binderd asks for the rest when it needs it.
         IPCThreadState* self = IPCThreadState::self();
-        int wait = self->channelReportWaitMs();
-        if (wait == 0) {
+        if (self->channelReportDue()) {
             self->flushCommands();
-            wait = -1;
         }
         epoll_event event{};
-        if (epoll_wait(mEpoll, &event, 1, wait) != 1) {
+        if (epoll_wait(mEpoll, &event, 1, -1) != 1) {
             continue;
         }
         // Each with whether its socket is to be read.
@@ -374,18 +426,16 @@ bool ChannelHub::serveCall(const std::shared_ptr<Channel>& channel, const Frame&
     if ((call.flags & IBinder::FLAG_ONEWAY) != 0) {
         const uint64_t charge = bufferCharge(call.dataSize, 0, true);
         if (target == nullptr) {
-            channel->finished += charge;
-            IPCThreadState::self()->noteChannelDone(channel->id, channel->finished);
+            finishOneway(*channel, charge);
             return true;
         }
         auto parcel = std::make_shared<Parcel>();
         parcel->setData(data, call.dataSize);
         const uint32_t code = call.code;
-        mTurns.runOrLeave(target.get(), [channel, target, parcel, code, charge] {
-            IPCThreadState* self = IPCThreadState::self();
-            self->executeDirect(channel->peerPid, channel->peerUid, 0, target, code, *parcel, nullptr);
-            channel->finished += charge;
-            self->noteChannelDone(channel->id, channel->finished);
+        mTurns.runOrLeave(target.get(), [this, channel, target, parcel, code, charge] {
+            IPCThreadState::self()->executeDirect(channel->peerPid, channel->peerUid, 0, target, code, *parcel,
+                                                  nullptr);
+            finishOneway(*channel, charge);
         });
         return true;
     }

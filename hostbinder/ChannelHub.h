@@ -29,8 +29,9 @@ namespace android {
 // never the caller's say. The caller's pid and uid are binderd's too.
 class ChannelHub {
 public:
-    // `drained` tells binderd that a channel it closed has nothing left on it.
-    explicit ChannelHub(std::function<void(uint64_t)> drained);
+    // `tell` writes a frame to binderd on the control connection: that a
+    // channel binderd closed has nothing left on it, or progress it asked for.
+    explicit ChannelHub(std::function<void(uint32_t command, const void* payload, size_t size)> tell);
     ~ChannelHub();
     ChannelHub(const ChannelHub&) = delete;
     ChannelHub& operator=(const ChannelHub&) = delete;
@@ -40,6 +41,12 @@ public:
     // The caller's end is gone: its calls already sent still run.
     void close(uint64_t id);
     void revoke(uint64_t id, uint32_t handle);
+    // binderd asks how much of the channel's one-way calls ran: told at
+    // once, and again once `total` is reached.
+    void progressWanted(uint64_t id, uint64_t total);
+    // binderd asks for every channel's total that changed since told; the
+    // answer ends with channel 0's.
+    void everyProgressWanted();
     // binderd went: every channel ends.
     void closeAll();
 
@@ -71,8 +78,12 @@ private:
         // Its doorbell rang, or bytes came on its socket, while a thread held
         // it: that thread goes round again, reading both.
         bool stirred = false;
-        // Charge units of the channel's one-way calls finished, and told to binderd.
+        // Charge units of the channel's one-way calls finished; the total
+        // binderd waits to hear of (0: none); and the last total told on
+        // the control connection.
         std::atomic<uint64_t> finished{0};
+        std::atomic<uint64_t> wanted{0};
+        std::atomic<uint64_t> told{0};
         // What its reader holds beyond its usual size, for a large call.
         size_t largeBytes = 0;
     };
@@ -89,13 +100,16 @@ private:
     bool welcome(Channel& channel);
     bool serveCall(const std::shared_ptr<Channel>& channel, const hostbinder::Frame& frame);
     sp<BBinder> reach(Channel& channel, uint32_t handle, status_t* status);
+    // Counts a one-way call of the channel as finished.
+    void finishOneway(Channel& channel, uint64_t charge);
+    void tellProgress(Channel& channel, uint64_t total);
     // Arms the one-shot attention event (EPOLL_CTL_ADD the first time, then MOD).
     void armAttention(int operation);
     // Has a thread serve the channel soon; under mLock.
     void attend(Channel& channel);
     void forget(uint64_t id);
 
-    const std::function<void(uint64_t)> mDrained;
+    const std::function<void(uint32_t, const void*, size_t)> mTell;
     const int mEpoll;
     // Wakes a thread to serve the channels in mAttention: a withdrawal for a
     // channel nobody holds must not wait for the channel's next call.

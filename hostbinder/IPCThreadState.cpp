@@ -91,35 +91,27 @@ void IPCThreadState::flushCommands() {
 }
 
 void IPCThreadState::noteChannelDone(uint64_t channel, uint64_t total) {
-    if (mChannelDone.empty()) {
-        mProgressSince = std::chrono::steady_clock::now();
-    }
     uint64_t& latest = mChannelDone[channel];
     latest = std::max(latest, total);
 }
 
-int IPCThreadState::channelReportWaitMs() const {
+bool IPCThreadState::channelReportDue() const {
     // Progress is told in batches: a report costs binderd a wake-up, and an
     // owner of many channels (a listener of a busy service) would otherwise
     // send one per call. binderd needs it soon only to free room in the
-    // buffer, which a batch well under the credit step leaves plenty of.
+    // buffer, which a batch well under the credit step leaves plenty of, or
+    // for a call it holds, and then it asks (ChannelHub::progressWanted).
     constexpr uint64_t kReportEvery = hostbinder::kOnewayCreditBytes / 4;
-    constexpr auto kReportDelay = std::chrono::milliseconds(50);
     if (!mReachDropped.empty()) {
-        return 0;
-    }
-    if (mChannelDone.empty()) {
-        return -1;
+        return true;
     }
     for (const auto& [channel, total] : mChannelDone) {
         auto posted = mChannelPosted.find(channel);
         if (total - (posted == mChannelPosted.end() ? 0 : posted->second) >= kReportEvery) {
-            return 0;
+            return true;
         }
     }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        mProgressSince + kReportDelay - std::chrono::steady_clock::now());
-    return left.count() <= 0 ? 0 : static_cast<int>(left.count());
+    return false;
 }
 
 void IPCThreadState::noteReachDropped(uint64_t channel, uint32_t handle) { mReachDropped.emplace_back(channel, handle); }

@@ -35,8 +35,8 @@ sp<ProcessState> ProcessState::self() {
 sp<ProcessState> ProcessState::selfOrNull() { return self(); }
 
 ProcessState::ProcessState()
-    : mChannels(std::make_unique<ChannelHub>([this](uint64_t channel) {
-          sendControl(hostbinder::kChannelDrained, &channel, sizeof(channel));
+    : mChannels(std::make_unique<ChannelHub>([this](uint32_t command, const void* payload, size_t size) {
+          sendControl(command, payload, size);
       })),
       mOnewayChannels(std::make_unique<OnewayChannels>()),
       mOnewayCredits(std::make_unique<OnewayCredits>()) {
@@ -299,6 +299,15 @@ void ProcessState::controlLoop(std::shared_ptr<Connection> control, uint64_t gen
             hostbinder::ChannelReach revoked{};
             std::memcpy(&revoked, payload.data(), sizeof(revoked));
             mChannels->revoke(revoked.channel, revoked.handle);
+        } else if (command == hostbinder::kProgressWanted &&
+                   payload.size() == sizeof(hostbinder::ChannelProgress)) {
+            hostbinder::ChannelProgress wanted{};
+            std::memcpy(&wanted, payload.data(), sizeof(wanted));
+            if (wanted.channel == 0) {
+                mChannels->everyProgressWanted();
+            } else {
+                mChannels->progressWanted(wanted.channel, wanted.total);
+            }
         } else if (command == hostbinder::kChannelQuiet && payload.size() == sizeof(hostbinder::ChannelProgress)) {
             hostbinder::ChannelProgress quiet{};
             std::memcpy(&quiet, payload.data(), sizeof(quiet));

@@ -688,14 +688,20 @@ TEST_F(DriverChannels, CreditFillsTheOwnersBufferAndRelayedCallsWaitBehindDirect
     EXPECT_EQ(payloadAs<status_t>(outbox.sent.back()), FAILED_TRANSACTION);
     EXPECT_GT(granted + 1000, kMaxQueuedOnewayBytes);
     EXPECT_LE(granted, kMaxQueuedOnewayBytes);
-    // 600 units went straight to the owner, the rest comes back with the fence; the next call goes
-    // through binderd and waits until the owner finished those.
+    // Part of it may be finished and not reported yet: binderd asks the owner for every channel's
+    // total, once until it answers (on its control connection), and again when a call does not fit.
     const auto progress = [channel](uint64_t total) { return bytesOf(ChannelProgress{channel, total}); };
-    play({
-        {kClientControl, kChannelFence, progress(600)},
-        {kClientThread, kTransaction, oneway(7)},
-        {kServiceLooper, kChannelDone, progress(599)},
-    });
+    ASSERT_TRUE(feed(kClientThread, kChannelCredit, ask));
+    EXPECT_EQ(framesTo(kServiceControl, kProgressWanted), 1u);
+    EXPECT_EQ(payloadAs<ChannelProgress>(sent(kServiceControl, kProgressWanted)).channel, 0u);
+    ASSERT_TRUE(feed(kServiceControl, kChannelDone, bytesOf(ChannelProgress{0, 0})));
+    EXPECT_EQ(call(kClientThread, 600 * 1024, 0), FAILED_TRANSACTION);
+    EXPECT_EQ(framesTo(kServiceControl, kProgressWanted), 2u);
+    // 600 units went straight to the owner, the rest comes back with the fence; the next call goes
+    // through binderd and waits until the owner finished those, which binderd asks to be told of.
+    play({{kClientControl, kChannelFence, progress(600)}, {kClientThread, kTransaction, oneway(7)}});
+    EXPECT_EQ(payloadAs<ChannelProgress>(sent(kServiceControl, kProgressWanted)).total, 600u);
+    play({{kServiceControl, kChannelDone, progress(599)}});
     EXPECT_TRUE(deliveredCodes().empty());
     play({{kServiceLooper, kChannelDone, progress(600), Outcome::kTaken, {7}}});
     EXPECT_EQ(framesTo(kClientControl, kChannelQuiet), 0u);

@@ -171,6 +171,22 @@ TEST_F(HostBinderIpc, CallsCarryDataStatusAndTheCallersIdentityWithOrWithoutACha
             }
             // Outside any transaction, the caller is this process itself.
             CHILD_CHECK(IPCThreadState::self()->getCallingPid() == getpid());
+            // One-way records keep their order across paths. The first opens the channel, the next go
+            // on it, each run before the next is sent, and the last carries a binder: binderd holds it
+            // until the otherwise idle service says it ran those before it.
+            const sp<IBinder> token = new BBinder();
+            constexpr int32_t kRecords = 5;
+            const int32_t before = channels ? 0 : kRecords;
+            for (int32_t i = 0; i < kRecords; ++i) {
+                CHILD_CHECK(call(service, TestService::kRecord, [&](Parcel* p) {
+                    p->writeInt32(getpid());
+                    p->writeInt32(i);
+                    if (i == kRecords - 1) {
+                        p->writeStrongBinder(token);
+                    }
+                }, nullptr, IBinder::FLAG_ONEWAY) == OK);
+                CHILD_CHECK(recordsArrive(service, before + i + 1, 10s));
+            }
             return 0;
         }));
     }
@@ -441,28 +457,37 @@ TEST_F(HostBinderIpc, PeersKilledMidCallLeaveTheOtherStandingAndAServicesDeathFa
     expectChildPasses(client);
 }
 
-// The node is stuck in its first one-way call, so later ones queue up in
-// binderd until the per-process half-buffer bound refuses them; the credit
-// the sender holds must go back first, or fewer would fit.
+// The node is stuck in a one-way call that came over the channel, so later
+// ones (too large for it) queue up in binderd behind it until the per-process
+// half-buffer bound refuses them; the credit the sender holds must go back
+// first, or fewer would fit. Once the stuck call ends, the service tells
+// binderd, which asked while it was running, and the queued calls follow.
 TEST_F(HostBinderIpc, OneWayFloodsFailWithFailedTransactionOnceTheyFillHalfTheBuffer) {
     Channel release;
     serve(kTestServiceName, &release);
     expectChildPasses(session.spawn([&release] {
         sp<IBinder> service = lookUpTestService();
+        int32_t sequence = 0;
+        const auto record = [&](const std::vector<uint8_t>& bytes) {
+            return call(service, TestService::kRecord, [&](Parcel* p) {
+                p->writeInt32(getpid());
+                p->writeInt32(sequence);
+                p->write(bytes.data(), bytes.size());
+            }, nullptr, IBinder::FLAG_ONEWAY);
+        };
+        // The first opens the channel.
+        CHILD_CHECK(record({}) == OK && recordsArrive(service, ++sequence, 10s));
         CHILD_CHECK(call(service, TestService::kBlockOneway, nullptr, nullptr, IBinder::FLAG_ONEWAY) == OK);
         const std::vector<uint8_t> chunk(100 * 1024, 0x5a);
-        int accepted = 0;
         status_t status = OK;
-        while (status == OK && accepted < 100) {
-            status = call(service, TestService::kRecord, [&](Parcel* p) { p->write(chunk.data(), chunk.size()); },
-                          nullptr, IBinder::FLAG_ONEWAY);
-            accepted += status == OK;
+        while (status == OK && sequence < 100) {
+            status = record(chunk);
+            sequence += status == OK;
         }
         CHILD_CHECK(status == FAILED_TRANSACTION);
-        CHILD_CHECK(accepted == 5);
+        CHILD_CHECK(sequence == 6);
         release.post("go");
-        Parcel reply;
-        CHILD_CHECK(call(service, TestService::kEcho, nullptr, &reply) == OK);
+        CHILD_CHECK(recordsArrive(service, sequence, 10s));
         return 0;
     }));
 }

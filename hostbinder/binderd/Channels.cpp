@@ -46,7 +46,7 @@ bool Driver::onChannelFrame(Thread& thread, const Frame& frame) {
         }
         case kChannelDone: {
             ChannelProgress progress;
-            return parseFixed(frame, &progress) && channelDone(thread, progress);
+            return parseFixed(frame, &progress) && channelDone(*thread.process, progress);
         }
         case kResolveReach: {
             ChannelReach request;
@@ -61,7 +61,7 @@ bool Driver::onChannelFrame(Thread& thread, const Frame& frame) {
             if (!parseFixed(frame, &dropped)) {
                 return false;
             }
-            if (Channel* channel = ownedChannel(thread, dropped.channel)) {
+            if (Channel* channel = ownedChannel(*thread.process, dropped.channel)) {
                 auto entry = channel->reach.find(dropped.handle);
                 if (entry != channel->reach.end()) {
                     const std::shared_ptr<Node> node = entry->second;
@@ -77,7 +77,7 @@ bool Driver::onChannelFrame(Thread& thread, const Frame& frame) {
                 return false;
             }
             // A channel closed meanwhile leaves nothing to continue.
-            const Channel* channel = id != 0 ? ownedChannel(thread, id) : nullptr;
+            const Channel* channel = id != 0 ? ownedChannel(*thread.process, id) : nullptr;
             thread.servingChannel = channel != nullptr && !channel->oneway ? id : 0;
             return true;
         }
@@ -90,7 +90,7 @@ bool Driver::onChannelFrame(Thread& thread, const Frame& frame) {
     }
 }
 
-Channel* Driver::ownedChannel(const Thread& thread, uint64_t id) {
+Channel* Driver::ownedChannel(const Process& owner, uint64_t id) {
     auto it = mChannels.find(id);
     if (it == mChannels.end()) {
         it = mDrainingChannels.find(id);
@@ -98,7 +98,7 @@ Channel* Driver::ownedChannel(const Thread& thread, uint64_t id) {
             return nullptr;
         }
     }
-    return it->second->owner == thread.process ? it->second.get() : nullptr;
+    return it->second->owner == &owner ? it->second.get() : nullptr;
 }
 
 Channel* Driver::onewayChannelOf(const Thread& thread, uint64_t id) {
@@ -165,6 +165,7 @@ void Driver::openChannel(Thread& thread, uint32_t handle, bool oneway) {
     channel->ownerHolder = owner->holder();
     if (oneway) {
         process.onewayChannels[owner] = channel->id;
+        owner->servedChannels.push_back(channel->id);
     } else {
         channel->caller = &thread;
         thread.channels.push_back(channel->id);
@@ -186,6 +187,9 @@ void Driver::grantChannelCredit(Thread& thread, const ChannelCredit& request) {
     // Credit never makes anyone give way.
     if (channel == nullptr || request.bytes > kMaxQueuedOnewayBytes ||
         !fits(*channel->owner, kBufferBytes, request.bytes) || !fits(*channel->owner, kOnewayBytes, request.bytes)) {
+        if (channel != nullptr) {
+            askForProgress(*channel->owner);
+        }
         const status_t status = FAILED_TRANSACTION;
         mOutbox.send(thread.connection, kRefused, &status, sizeof(status));
         return;
@@ -234,8 +238,13 @@ bool Driver::fenceOneway(Process& process, const ChannelProgress& progress) {
     return true;
 }
 
-bool Driver::channelDone(Thread& thread, const ChannelProgress& progress) {
-    Channel* channel = ownedChannel(thread, progress.channel);
+bool Driver::channelDone(Process& owner, const ChannelProgress& progress) {
+    if (progress.channel == 0) {
+        // The end of the owner's answer to askForProgress.
+        owner.progressAsked = false;
+        return true;
+    }
+    Channel* channel = ownedChannel(owner, progress.channel);
     // Several threads of the owner report; an older total may come last.
     if (channel == nullptr || progress.total <= channel->finished) {
         return true;
@@ -249,7 +258,7 @@ bool Driver::channelDone(Thread& thread, const ChannelProgress& progress) {
 }
 
 void Driver::resolveReach(Thread& thread, const ChannelReach& request) {
-    Channel* channel = ownedChannel(thread, request.channel);
+    Channel* channel = ownedChannel(*thread.process, request.channel);
     status_t status = FAILED_TRANSACTION;
     if (channel != nullptr) {
         auto known = channel->reach.find(request.handle);
@@ -341,6 +350,7 @@ bool Driver::holdBehindChannel(const std::shared_ptr<Transaction>& transaction) 
         return false;
     }
     channel.held.emplace_back(fence, transaction);
+    askForFence(channel);
     return true;
 }
 
@@ -349,6 +359,29 @@ void Driver::releaseHeld(Channel& channel) {
         std::shared_ptr<Transaction> next = channel.held.front().second;
         channel.held.pop_front();
         dispatchOneway(next);
+    }
+    askForFence(channel);
+}
+
+void Driver::askForFence(Channel& channel) {
+    if (channel.held.empty()) {
+        return;
+    }
+    const uint64_t fence = channel.held.front().first;
+    if (fence > channel.finished && fence > channel.progressAsked) {
+        channel.progressAsked = fence;
+        const ChannelProgress wanted{channel.id, fence};
+        mOutbox.send(channel.owner->control, kProgressWanted, &wanted, sizeof(wanted));
+    }
+}
+
+void Driver::askForProgress(Process& owner) {
+    // One question covers all its channels, and none is asked until it
+    // answered: calls refused meanwhile cost it nothing.
+    if (!owner.progressAsked && !owner.servedChannels.empty()) {
+        owner.progressAsked = true;
+        const ChannelProgress wanted{0, 0};
+        mOutbox.send(owner.control, kProgressWanted, &wanted, sizeof(wanted));
     }
 }
 
@@ -412,6 +445,8 @@ void Driver::closeChannel(uint64_t id, bool ownerDying) {
     held.erase(std::remove(held.begin(), held.end(), id), held.end());
     if (channel->oneway) {
         holder.onewayChannels.erase(&owner);
+        auto& served = owner.servedChannels;
+        served.erase(std::remove(served.begin(), served.end(), id), served.end());
     }
     decrease(holder.channels);
     decrease(mChannelsOfUid[holder.uid]);

@@ -139,6 +139,10 @@ bool Driver::onControlFrame(Process& process, const Frame& frame) {
             ChannelProgress progress;
             return parseFixed(frame, &progress) && fenceOneway(process, progress);
         }
+        case kChannelDone: {
+            ChannelProgress progress;
+            return parseFixed(frame, &progress) && channelDone(process, progress);
+        }
         case kReturnCredit: {
             CreditReturn given;
             return parseFixed(frame, &given) && returnCredit(process, given);

@@ -119,7 +119,7 @@ private:
     // Whether the receiver's buffer takes a transaction charged `charge`
     // bytes: everything pending within the platform's per-process buffer,
     // one-way within half, and within its uid's and everyone's bounds.
-    bool roomInBuffer(const Process& receiver, size_t charge, bool oneway);
+    bool roomInBuffer(Process& receiver, size_t charge, bool oneway);
     // The transaction holds `charge` bytes of its target owner's buffer
     // until releaseCharge (when it ends, whatever way).
     void chargeBuffer(Transaction& transaction, size_t charge);
@@ -184,11 +184,17 @@ private:
     bool fenceOneway(Process& process, const hostbinder::ChannelProgress& progress);
     // Credit reserved in the owner's buffer for the channel goes back.
     void giveBackCredit(Channel& channel, uint64_t bytes);
-    bool channelDone(Thread& thread, const hostbinder::ChannelProgress& progress);
+    bool channelDone(Process& owner, const hostbinder::ChannelProgress& progress);
+    // Asks the owner for the totals of its channels, before its buffer is
+    // judged full again; one question at a time.
+    void askForProgress(Process& owner);
+    // Asks the owner to say when it finished what the channel's first
+    // held call waits for.
+    void askForFence(Channel& channel);
     void resolveReach(Thread& thread, const hostbinder::ChannelReach& request);
     bool channelReply(Thread& thread, const hostbinder::TransactionView& view);
-    // The channel `thread`'s process owns the far end of, if any.
-    Channel* ownedChannel(const Thread& thread, uint64_t id);
+    // The channel `owner` owns the far end of, if any.
+    Channel* ownedChannel(const Process& owner, uint64_t id);
     // The one-way channel of `thread`'s process, if `id` names it.
     Channel* onewayChannelOf(const Thread& thread, uint64_t id);
     Channel* onewayChannelTo(const Process& holder, const Process& owner);

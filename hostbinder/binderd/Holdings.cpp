@@ -83,8 +83,13 @@ void Driver::evict(const DriverLedger::Holder& victim, Holding kind) {
     }
 }
 
-bool Driver::roomInBuffer(const Process& receiver, size_t charge, bool oneway) {
-    return makeRoom(receiver, kBufferBytes, charge) && (!oneway || makeRoom(receiver, kOnewayBytes, charge));
+bool Driver::roomInBuffer(Process& receiver, size_t charge, bool oneway) {
+    if (makeRoom(receiver, kBufferBytes, charge) && (!oneway || makeRoom(receiver, kOnewayBytes, charge))) {
+        return true;
+    }
+    // Part of what binderd counts may be finished and not reported yet.
+    askForProgress(receiver);
+    return false;
 }
 
 void Driver::chargeBuffer(Transaction& transaction, size_t charge) {

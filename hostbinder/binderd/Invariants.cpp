@@ -118,6 +118,7 @@ std::string Driver::checkInvariants() const {
         ++expected[waiter.holder][kLookupsWaiting];
     }
     std::map<const Process*, size_t> channelEnds;
+    std::map<const Process*, size_t> served;
     for (const auto& [id, channel] : mChannels) {
         ++channelEnds[channel->holder];
         ++channelEnds[channel->owner];
@@ -130,6 +131,10 @@ std::string Driver::checkInvariants() const {
             auto listed = channel->holder->onewayChannels.find(channel->owner);
             findings.expect(listed != channel->holder->onewayChannels.end() && listed->second == id, "channel ", id,
                             " is not its holder's one-way channel to its owner");
+            const auto& mine = channel->owner->servedChannels;
+            findings.expect(std::find(mine.begin(), mine.end(), id) != mine.end(), "channel ", id,
+                            " is not among those its owner serves");
+            ++served[channel->owner];
         } else if (channel->caller != nullptr) {
             const auto& mine = channel->caller->channels;
             findings.expect(channel->caller->process == channel->holder &&
@@ -159,6 +164,11 @@ std::string Driver::checkInvariants() const {
     for (const auto& [process, count] : channelEnds) {
         findings.expect(process->channels == count, "process ", process->pid, " counts ", process->channels,
                         " channels, not ", count);
+    }
+    for (const auto& entry : mProcesses) {
+        const Process& process = *entry.second;
+        findings.expect(process.servedChannels.size() == served[&process], "process ", process.pid, " serves ",
+                        process.servedChannels.size(), " one-way channels, not ", served[&process]);
     }
     // Nodes' queues, reached through the transactions' targets and handles.
     std::set<const Node*> nodes(ownNodes.begin(), ownNodes.end());

@@ -36,7 +36,7 @@ bool Driver::startTransaction(Thread& thread, const TransactionView& view) {
     if (!oneway && !thread.serving.empty() && !thread.serving.back()->oneway()) {
         parent = thread.serving.back();
     } else if (!oneway && thread.serving.empty() && thread.servingChannel != 0) {
-        Channel* channel = ownedChannel(thread, thread.servingChannel);
+        Channel* channel = ownedChannel(*thread.process, thread.servingChannel);
         if (channel != nullptr && !channel->oneway) {
             parent = chainLinkOf(*channel);
         }

@@ -159,6 +159,10 @@ struct Process {
     // and its one-way channel to each process it sends one-way calls to.
     std::vector<uint64_t> heldChannels;
     std::map<const Process*, uint64_t> onewayChannels;
+    // The open one-way channels whose calls it serves, and whether it was
+    // asked for their progress (its buffer looked full) and has not answered.
+    std::vector<uint64_t> servedChannels;
+    bool progressAsked = false;
 
     DriverLedger::Holder holder() const { return {uid, pid}; }
 };
@@ -183,6 +187,8 @@ struct Channel {
     // owner; the difference is still in the owner's buffer.
     uint64_t granted = 0;
     uint64_t finished = 0;
+    // The largest total the owner was asked to say it reached.
+    uint64_t progressAsked = 0;
     // A relayed one-way call of the holder waits until the owner finished
     // the charge sent directly before it (its fence, announced just before
     // it on the same connection); it and every later one wait in line here.

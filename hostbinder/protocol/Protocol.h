@@ -67,7 +67,12 @@
 // has finished (kChannelDone, a running total), and a relayed one-way call that
 // follows direct ones comes after a fence (kChannelFence, just before it on
 // the connection that carries it) that binderd holds it behind until the
-// owner has finished them.
+// owner has finished them. An owner reports by volume only, since a report
+// costs binderd a wake-up and an idle owner one more; binderd asks when it
+// needs the total sooner (kProgressWanted): for a call held behind a fence,
+// or when a call or a grant would not fit the owner's buffer. The owner
+// answers on its control connection at once, and again once it has finished
+// what the fence waits for.
 // The process goes back to direct calls once binderd says all of its relayed
 // one-way calls are done (kChannelQuiet, with their running count).
 
@@ -123,7 +128,7 @@ enum Command : uint32_t {
     kHelloMonitor,       // empty: this connection watches the traffic
     kOpenChannel,        // OpenChannel: a direct channel for this handle, please
     kChannelCredit,      // ChannelCredit: reserve room for the channel's one-way calls
-    kChannelDone,        // ChannelProgress: the owner finished this much of the channel's one-way calls
+    kChannelDone,        // ChannelProgress: the owner finished this much of the channel's one-way calls (any connection)
     kResolveReach,       // ChannelReach: which node of mine does the peer's handle name?
     kServingChannel,     // u64 channel (0: none): the chain of the call being served ran over it
     kChannelReply,       // ChannelReplyHeader + TransactionHeader (status) + data + offsets
@@ -154,6 +159,7 @@ enum Command : uint32_t {
     kIncomingChannelReply,  // ChannelReplyHeader + TransactionHeader (status) + data + offsets
     kChannelQuiet,          // ChannelProgress: relayed one-way calls of the thread all done
     kWatchState,            // u32: 1 while the traffic is watched, then 0
+    kProgressWanted,        // ChannelProgress, to the owner's control connection: say kChannelDone now, and again once `total` is reached; channel 0: for every channel, then kChannelDone for channel 0
 };
 
 // Frames on a direct channel.

@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <initializer_list>
@@ -61,9 +60,8 @@ public:
     // The channel's one-way calls finished so far; told to binderd with the
     // thread's next frame or flush.
     void noteChannelDone(uint64_t channel, uint64_t total);
-    // How long a channel thread may sleep before what it noted is due at
-    // binderd: 0 now, -1 nothing is waiting.
-    int channelReportWaitMs() const;
+    // Whether what it noted is due at binderd before a channel thread sleeps.
+    bool channelReportDue() const;
     // The owner took in the channel's calls from before binderd withdrew the
     // handle, and forgot it; told to binderd like noteChannelDone.
     void noteReachDropped(uint64_t channel, uint32_t handle);
@@ -147,7 +145,6 @@ private:
     std::map<uint64_t, std::shared_ptr<OutgoingChannel>> mChannels;
     std::map<uint64_t, uint64_t> mChannelDone;
     std::map<uint64_t, uint64_t> mChannelPosted;
-    std::chrono::steady_clock::time_point mProgressSince;
     std::vector<std::pair<uint64_t, uint32_t>> mReachDropped;
 };
 
