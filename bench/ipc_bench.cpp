@@ -3,7 +3,9 @@
 //   b) the 64 bytes through a minimal single-threaded epoll relay process;
 //   c) a two-way Binder transaction, 64 bytes each way;
 //   d) one-way Binder transactions to one node, counted by the receiver;
-//   e) a two-way Binder transaction of 100 KiB each way.
+//   e) a two-way Binder transaction of 100 KiB each way;
+//   f) a one-way call over the channel, then one carrying a binder, which
+//      binderd holds until the receiver ran the first (direct path only).
 // c, d and e come twice: "_relayed", every call of this process through
 // binderd (setDirectCalls(false)), and "_direct", calls without binder
 // objects straight to the service over a direct channel; this process picks
@@ -293,6 +295,34 @@ void onewayThroughput(benchmark::State& state, const BinderTarget& target) {
     binderdCpu.report(state, state.iterations() * kOnewayBatch);
 }
 
+// A one-way call on the channel, then one carrying a binder, which goes
+// through binderd and waits there until the receiver ran the first; timed
+// until the receiver counted both.
+void onewayBehindDirect(benchmark::State& state, const BinderTarget& target) {
+    Parcel plain;
+    writePayload(&plain, kMessageBytes);
+    Parcel carrying;
+    writePayload(&carrying, kMessageBytes);
+    carrying.writeStrongBinder(sp<IBinder>(new BBinder()));
+    int64_t sent = oneways(target.service);
+    const BinderdCpu binderdCpu(target.binderd);
+    for (auto _ : state) {
+        std::string error = sendOneway(target.service, plain);
+        if (error.empty()) {
+            error = sendOneway(target.service, carrying);
+        }
+        sent += 2;
+        if (error.empty()) {
+            error = awaitCount(target.service, sent);
+        }
+        if (!error.empty()) {
+            fail(state, error);
+            break;
+        }
+    }
+    binderdCpu.report(state, state.iterations() * 2);
+}
+
 // Alternates two-way and one-way calls; every thousand calls it lets the
 // receiver catch up so that the one-way queue stays short.
 class MixedTraffic {
@@ -444,6 +474,8 @@ int main(int argc, char** argv) {
             timed(repeated(add(name, onPath(direct, processDefault, row.body))), row.manualTime);
         }
     }
+    const Body behindDirect = [target](benchmark::State& state) { onewayBehindDirect(state, target); };
+    repeated(add("f_binder_one_way_behind_direct", onPath(true, processDefault, behindDirect)))->UseRealTime();
     for (const auto& row : binderRows) {
         const std::string name = std::string(row.name) + "_watched";
         timed(repeated(add(name, watched(socket, row.body))), row.manualTime);
