@@ -1,8 +1,9 @@
-// The owner's end of a direct channel against a hostile caller: the caller
-// writes what it likes into the shared ring, counters included, and onto the
-// socket, and changes the shared bytes while the owner reads them. The owner
-// must only ever hand on whole frames that lie inside what it copied out,
-// and never read outside the ring.
+// Either end of a direct channel against a hostile peer: the writer of a
+// shared ring (a caller's calls, or an owner's replies) writes what it likes
+// into it, counters included, and onto the socket, and changes the shared
+// bytes while the reader reads them. The reader must only ever hand on whole
+// frames that lie inside what it copied out, and never read outside the
+// ring; the writer must not trust the reader's counter either.
 //
 // Input: [u64 written][u64 read (what the owner last said it read)] then the
 // ring's bytes, which also go down the socket in pieces of the input's size.

@@ -42,8 +42,10 @@ ChannelHub::~ChannelHub() {
 
 ChannelHub::Channel::~Channel() {
     ::close(fd);
-    if (doorbell >= 0) {
-        ::close(doorbell);
+    for (int bell : {doorbell, replyBell}) {
+        if (bell >= 0) {
+            ::close(bell);
+        }
     }
     std::lock_guard<std::mutex> lock(hub.mLock);
     hub.mLargeBytes -= largeBytes;
@@ -357,15 +359,10 @@ bool ChannelHub::drainRing(const std::shared_ptr<Channel>& channel) {
         }
         Frame frame;
         size_t consumed = 0;
-        DirectCall call;
-        // The ring carries one-way calls only.
+        // The ring carries calls only.
         if (decodeFrame(channel->ringFrame.data(), channel->ringFrame.size(), &frame, &consumed) !=
                 DecodeStatus::kComplete ||
-            consumed != channel->ringFrame.size() || frame.payloadSize < sizeof(call)) {
-            return false;
-        }
-        std::memcpy(&call, frame.payload, sizeof(call));
-        if ((call.flags & IBinder::FLAG_ONEWAY) == 0 || !serveCall(channel, frame)) {
+            consumed != channel->ringFrame.size() || !serveCall(channel, frame)) {
             return false;
         }
     }
@@ -389,11 +386,24 @@ bool ChannelHub::serveFrame(const std::shared_ptr<Channel>& channel, const Frame
 bool ChannelHub::welcome(Channel& channel) {
     const int memory = channel.reader.takeDescriptor();
     const int doorbell = channel.reader.takeDescriptor();
+    const int replyMemory = channel.reader.takeDescriptor();
+    const int replyBell = channel.reader.takeDescriptor();
     if (channel.ring == nullptr && memory >= 0 && doorbell >= 0) {
         channel.ring = SharedRing::attach(memory);
     }
-    if (memory >= 0) {
-        ::close(memory);
+    // Replies in shared memory too, for a caller whose calls come that way.
+    if (channel.ring != nullptr && channel.replies == nullptr && replyMemory >= 0 && replyBell >= 0) {
+        channel.replies = SharedRing::attach(replyMemory);
+    }
+    if (channel.replies != nullptr && channel.replyBell < 0) {
+        channel.replyBell = replyBell;
+    } else if (replyBell >= 0) {
+        ::close(replyBell);
+    }
+    for (int shared : {memory, replyMemory}) {
+        if (shared >= 0) {
+            ::close(shared);
+        }
     }
     if (channel.ring != nullptr && channel.doorbell < 0) {
         // Edge-triggered: a ring only ever wakes one thread per ring of the
@@ -406,8 +416,9 @@ bool ChannelHub::welcome(Channel& channel) {
     } else if (doorbell >= 0) {
         ::close(doorbell);
     }
-    const uint32_t ringTaken = channel.ring != nullptr ? 1 : 0;
-    return writeFrame(channel.fd, kDirectWelcome, &ringTaken, sizeof(ringTaken), nullptr, 0, kReplyPatience);
+    const uint32_t taken = (channel.ring != nullptr ? kCallRingTaken : 0) |
+                           (channel.replies != nullptr ? kReplyRingTaken : 0);
+    return writeFrame(channel.fd, kDirectWelcome, &taken, sizeof(taken), nullptr, 0, kReplyPatience);
 }
 
 bool ChannelHub::serveCall(const std::shared_ptr<Channel>& channel, const Frame& frame) {
@@ -458,13 +469,35 @@ bool ChannelHub::serveCall(const std::shared_ptr<Channel>& channel, const Frame&
     } else {
         const DirectReply header{call.sequence, status, status == OK ? static_cast<uint32_t>(reply.dataSize()) : 0,
                                  0};
-        // A caller that does not read its reply loses its channel.
-        sent = writeFrame(channel->fd, kDirectReply, &header, sizeof(header), reply.data(), header.dataSize,
-                          kReplyPatience);
+        sent = sendReply(*channel, header, reply.data());
     }
     parcel.setData(nullptr, 0);
     reply.setData(nullptr, 0);
     return sent;
+}
+
+bool ChannelHub::sendReply(Channel& channel, const DirectReply& header, const uint8_t* data) {
+    if (channel.replies != nullptr) {
+        const FrameHeader frame{static_cast<uint32_t>(sizeof(header) + header.dataSize), kDirectReply};
+        uint8_t prefix[sizeof(frame) + sizeof(header)];
+        std::memcpy(prefix, &frame, sizeof(frame));
+        std::memcpy(prefix + sizeof(frame), &header, sizeof(header));
+        bool wake = false;
+        switch (channel.replies->push(prefix, sizeof(prefix), data, header.dataSize, &wake)) {
+            case SharedRing::Push::kDone:
+                if (wake) {
+                    const uint64_t ring = 1;
+                    (void)!write(channel.replyBell, &ring, sizeof(ring));
+                }
+                return true;
+            case SharedRing::Push::kBroken:
+                return false;
+            case SharedRing::Push::kFull:
+                break;  // a large reply, or one the caller left unread: on the socket
+        }
+    }
+    // A caller that does not read its reply loses its channel.
+    return writeFrame(channel.fd, kDirectReply, &header, sizeof(header), data, header.dataSize, kReplyPatience);
 }
 
 sp<BBinder> ChannelHub::reach(Channel& channel, uint32_t handle, status_t* status) {

@@ -62,9 +62,12 @@ private:
         pid_t peerPid = 0;
         uid_t peerUid = 0;
         // Only the thread holding the channel reads these.
-        hostbinder::FrameReader reader{2};
+        hostbinder::FrameReader reader{hostbinder::kMaxDescriptorsPerFrame};
         std::unique_ptr<hostbinder::SharedRing> ring;
-        int doorbell = -1;  // the caller's one-way calls
+        int doorbell = -1;  // rings when the caller's calls come
+        // A two-way channel's replies, and the caller's doorbell.
+        std::unique_ptr<hostbinder::SharedRing> replies;
+        int replyBell = -1;
         std::vector<uint8_t> ringFrame;
         // What handles of the caller name here, as binderd answered; only the
         // thread holding the channel reads or changes it.
@@ -99,6 +102,8 @@ private:
     bool serveFrame(const std::shared_ptr<Channel>& channel, const hostbinder::Frame& frame);
     bool welcome(Channel& channel);
     bool serveCall(const std::shared_ptr<Channel>& channel, const hostbinder::Frame& frame);
+    // Sends a two-way call's reply: in the ring when it fits, else on the socket.
+    bool sendReply(Channel& channel, const hostbinder::DirectReply& header, const uint8_t* data);
     sp<BBinder> reach(Channel& channel, uint32_t handle, status_t* status);
     // Counts a one-way call of the channel as finished.
     void finishOneway(Channel& channel, uint64_t charge);

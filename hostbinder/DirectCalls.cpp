@@ -31,9 +31,50 @@ constexpr int kWelcomeWaitMs = 5000;
 // The ring of one-way calls: a burst of a few hundred small calls, while the
 // owner catches up. A full ring sends calls through binderd, in order.
 constexpr size_t kRingBytes = 64 * 1024;
+// A two-way channel's rings each hold one call or reply at a time; larger
+// ones (beyond half the ring) take the socket, where the copy costs more
+// than the system calls the ring saves. Every thread has such a pair for
+// each process it calls, so they stay small.
+constexpr size_t kTwoWayRingBytes = 16 * 1024;
 // How long a one-way call waits for the owner to make room in the ring.
 constexpr auto kRingPatience = std::chrono::milliseconds(2);
 constexpr auto kForever = std::chrono::hours(24 * 365);
+
+// Pushes a call into the channel's ring, waking the owner when it sleeps.
+hostbinder::SharedRing::Push pushCall(OutgoingChannel& channel, const hostbinder::DirectCall& call,
+                                      const Parcel& data) {
+    const hostbinder::FrameHeader header{static_cast<uint32_t>(sizeof(call) + data.dataSize()),
+                                         hostbinder::kDirectCall};
+    uint8_t prefix[sizeof(header) + sizeof(call)];
+    std::memcpy(prefix, &header, sizeof(header));
+    std::memcpy(prefix + sizeof(header), &call, sizeof(call));
+    bool wake = false;
+    const hostbinder::SharedRing::Push pushed =
+        channel.ring->push(prefix, sizeof(prefix), data.data(), data.dataSize(), &wake);
+    if (wake) {
+        const uint64_t ring = 1;
+        (void)!write(channel.doorbell, &ring, sizeof(ring));
+    }
+    return pushed;
+}
+
+// Whether `frame` is the reply to call `sequence`; if so, its status, and its
+// data in `reply` when given.
+bool isReplyTo(uint32_t sequence, const hostbinder::Frame& frame, Parcel* reply, status_t* status) {
+    hostbinder::DirectReply answer;
+    if (frame.command != hostbinder::kDirectReply || frame.payloadSize < sizeof(answer)) {
+        return false;
+    }
+    std::memcpy(&answer, frame.payload, sizeof(answer));
+    if (answer.sequence != sequence || frame.payloadSize - sizeof(answer) != answer.dataSize) {
+        return false;
+    }
+    if (answer.status == OK && reply != nullptr) {
+        reply->setData(frame.payload + sizeof(answer), answer.dataSize);
+    }
+    *status = answer.status;
+    return true;
+}
 
 }  // namespace
 
@@ -68,23 +109,35 @@ std::shared_ptr<OutgoingChannel> IPCThreadState::openChannel(int32_t handle, uin
         return nullptr;
     }
     auto channel = std::make_shared<OutgoingChannel>(ready.channel, fd);
-    // The owner answers the hello once it holds its end, and says whether it
-    // took the ring; calls wait for that answer.
+    // The owner answers the hello once it holds its end, and says which
+    // rings it took; calls wait for that answer. Without descriptors or
+    // memory to spare, calls and replies go on the socket.
     int memory = -1;
-    if (kind == hostbinder::kOneWayChannel) {
-        channel->doorbell = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        if (channel->doorbell >= 0) {
-            channel->ring = hostbinder::SharedRing::create(kRingBytes, &memory);
+    int replyMemory = -1;
+    const bool twoWay = kind == hostbinder::kTwoWayChannel;
+    channel->doorbell = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (channel->doorbell >= 0) {
+        channel->ring = hostbinder::SharedRing::create(twoWay ? kTwoWayRingBytes : kRingBytes, &memory);
+    }
+    if (channel->ring != nullptr && twoWay) {
+        channel->replyBell = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (channel->replyBell >= 0) {
+            channel->replies = hostbinder::SharedRing::create(kTwoWayRingBytes, &replyMemory);
         }
     }
     const hostbinder::FrameHeader hello{0, hostbinder::kDirectHello};
     const std::vector<uint8_t> bytes(reinterpret_cast<const uint8_t*>(&hello),
                                      reinterpret_cast<const uint8_t*>(&hello) + sizeof(hello));
-    if (!hostbinder::sendWithDescriptors(fd, bytes, {memory, memory >= 0 ? channel->doorbell : -1})) {
+    // In order: the owner takes them by position.
+    if (!hostbinder::sendWithDescriptors(fd, bytes,
+                                         {memory, memory >= 0 ? channel->doorbell : -1, replyMemory,
+                                          replyMemory >= 0 ? channel->replyBell : -1})) {
         channel->state = OutgoingChannel::State::kBroken;
     }
-    if (memory >= 0) {
-        close(memory);
+    for (int shared : {memory, replyMemory}) {
+        if (shared >= 0) {
+            close(shared);
+        }
     }
     if (kind == hostbinder::kTwoWayChannel) {
         mChannels[ready.channel] = channel;
@@ -114,13 +167,15 @@ std::shared_ptr<OutgoingChannel> IPCThreadState::onewayChannelFor(int32_t handle
 bool IPCThreadState::welcomed(OutgoingChannel& channel, bool wait) {
     while (channel.state == OutgoingChannel::State::kAwaitingWelcome) {
         hostbinder::Frame frame;
-        uint32_t ringTaken = 0;
+        uint32_t taken = 0;
         if (channel.reader.next(&frame)) {
-            const bool welcome =
-                frame.command == hostbinder::kDirectWelcome && hostbinder::parseFixed(frame, &ringTaken);
+            const bool welcome = frame.command == hostbinder::kDirectWelcome && hostbinder::parseFixed(frame, &taken);
             channel.state = welcome ? OutgoingChannel::State::kReady : OutgoingChannel::State::kBroken;
-            if (ringTaken == 0) {
+            if ((taken & hostbinder::kCallRingTaken) == 0) {
                 channel.ring.reset();
+            }
+            if ((taken & hostbinder::kReplyRingTaken) == 0 || channel.ring == nullptr) {
+                channel.replies.reset();
             }
             break;
         }
@@ -143,27 +198,41 @@ status_t IPCThreadState::callDirect(OutgoingChannel& channel, int32_t handle, ui
     }
     const hostbinder::DirectCall call{++channel.sequence, static_cast<uint32_t>(handle), code, 0,
                                       static_cast<uint32_t>(data.dataSize()), 0};
-    if (!hostbinder::writeFrame(channel.fd, hostbinder::kDirectCall, &call, sizeof(call), data.data(),
-                                data.dataSize(), kForever)) {
+    // Through shared memory when the call fits the ring, else on the socket.
+    const hostbinder::SharedRing::Push pushed =
+        channel.ring != nullptr ? pushCall(channel, call, data) : hostbinder::SharedRing::Push::kFull;
+    if (pushed == hostbinder::SharedRing::Push::kBroken ||
+        (pushed == hostbinder::SharedRing::Push::kFull &&
+         !hostbinder::writeFrame(channel.fd, hostbinder::kDirectCall, &call, sizeof(call), data.data(),
+                                 data.dataSize(), kForever))) {
         return channelLost(channel, handle);
     }
-    // The reply comes on the channel, or through binderd when it carries
-    // binder objects; calls back along the chain come through binderd.
+    // The reply comes in the reply ring or on the channel, or through binderd
+    // when it carries binder objects; calls back along the chain come through
+    // binderd.
+    status_t status = OK;
     for (;;) {
         hostbinder::Frame frame;
+        size_t consumed = 0;
+        if (channel.replies != nullptr) {
+            switch (channel.replies->pop(&channel.replyFrame)) {
+                case hostbinder::SharedRing::Pop::kFrame:
+                    if (hostbinder::decodeFrame(channel.replyFrame.data(), channel.replyFrame.size(), &frame,
+                                                &consumed) == hostbinder::DecodeStatus::kComplete &&
+                        consumed == channel.replyFrame.size() && isReplyTo(call.sequence, frame, reply, &status)) {
+                        return status;
+                    }
+                    return channelLost(channel, handle);
+                case hostbinder::SharedRing::Pop::kBroken:
+                    return channelLost(channel, handle);
+                case hostbinder::SharedRing::Pop::kEmpty:
+                    break;
+            }
+        }
         while (channel.reader.next(&frame)) {
-            hostbinder::DirectReply answer;
-            if (frame.command != hostbinder::kDirectReply || frame.payloadSize < sizeof(answer)) {
-                continue;
+            if (isReplyTo(call.sequence, frame, reply, &status)) {
+                return status;
             }
-            std::memcpy(&answer, frame.payload, sizeof(answer));
-            if (answer.sequence != call.sequence || frame.payloadSize - sizeof(answer) != answer.dataSize) {
-                continue;
-            }
-            if (answer.status == OK && reply != nullptr) {
-                reply->setData(frame.payload + sizeof(answer), answer.dataSize);
-            }
-            return answer.status;
         }
         if (channel.reader.malformed()) {
             return channelLost(channel, handle);
@@ -171,10 +240,19 @@ status_t IPCThreadState::callDirect(OutgoingChannel& channel, int32_t handle, ui
         uint32_t command = 0;
         std::vector<uint8_t> payload;
         if (!mConnection->frameBuffered()) {
-            pollfd ready[2] = {{channel.fd, POLLIN, 0}, {mConnection->fd(), POLLIN, 0}};
-            mConnection->flush();
-            if (poll(ready, 2, -1) < 0) {
+            // The owner rings the reply bell only once this thread said it sleeps.
+            if (channel.replies != nullptr && !channel.replies->sleep()) {
                 continue;
+            }
+            pollfd ready[3] = {{channel.fd, POLLIN, 0}, {mConnection->fd(), POLLIN, 0},
+                               {channel.replies != nullptr ? channel.replyBell : -1, POLLIN, 0}};
+            mConnection->flush();
+            if (poll(ready, 3, -1) < 0) {
+                continue;
+            }
+            if (ready[2].revents != 0) {
+                uint64_t rings = 0;
+                (void)!read(channel.replyBell, &rings, sizeof(rings));
             }
             if (ready[0].revents != 0 &&
                 channel.reader.readAvailable(channel.fd) == hostbinder::FrameReader::Read::kEnded) {
@@ -253,20 +331,10 @@ status_t IPCThreadState::sendDirectOneway(int32_t handle, uint32_t code, const P
 
 status_t IPCThreadState::pushToRing(OutgoingChannel& channel, const hostbinder::DirectCall& call,
                                     const Parcel& data) {
-    const hostbinder::FrameHeader header{static_cast<uint32_t>(sizeof(call) + data.dataSize()),
-                                         hostbinder::kDirectCall};
-    uint8_t prefix[sizeof(header) + sizeof(call)];
-    std::memcpy(prefix, &header, sizeof(header));
-    std::memcpy(prefix + sizeof(header), &call, sizeof(call));
     const auto deadline = std::chrono::steady_clock::now() + kRingPatience;
     for (;;) {
-        bool wake = false;
-        switch (channel.ring->push(prefix, sizeof(prefix), data.data(), data.dataSize(), &wake)) {
+        switch (pushCall(channel, call, data)) {
             case hostbinder::SharedRing::Push::kDone:
-                if (wake) {
-                    const uint64_t ring = 1;
-                    (void)!write(channel.doorbell, &ring, sizeof(ring));
-                }
                 return OK;
             case hostbinder::SharedRing::Push::kBroken:
                 channel.state = OutgoingChannel::State::kBroken;

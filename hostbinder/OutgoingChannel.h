@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "protocol/ChannelIo.h"
 #include "protocol/SharedRing.h"
@@ -26,8 +27,10 @@ struct OutgoingChannel {
     OutgoingChannel(uint64_t id, int fd) : id(id), fd(fd) {}
     ~OutgoingChannel() {
         ::close(fd);
-        if (doorbell >= 0) {
-            ::close(doorbell);
+        for (int bell : {doorbell, replyBell}) {
+            if (bell >= 0) {
+                ::close(bell);
+            }
         }
     }
     OutgoingChannel(const OutgoingChannel&) = delete;
@@ -39,9 +42,13 @@ struct OutgoingChannel {
     State state = State::kAwaitingWelcome;
     uint32_t sequence = 0;
     hostbinder::FrameReader reader;
-    // One-way calls go through shared memory once the owner took it.
+    // Calls go through shared memory once the owner took it, and a two-way
+    // channel's replies come back that way.
     std::unique_ptr<hostbinder::SharedRing> ring;
     int doorbell = -1;  // the ring's: wakes the owner when it sleeps
+    std::unique_ptr<hostbinder::SharedRing> replies;
+    int replyBell = -1;  // the owner rings it when this thread sleeps
+    std::vector<uint8_t> replyFrame;
     // Room binderd reserved for this thread's one-way calls in the owner's
     // buffer, and the charge units sent on the channel so far.
     size_t credit = 0;

@@ -46,7 +46,7 @@ FrameReader::Read FrameReader::readAvailable(int fd, const std::function<bool(si
         mBuffer.resize(wanted);
     }
     iovec chunk{mBuffer.data() + mUsed, mBuffer.size() - mUsed};
-    alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(int))];
+    alignas(cmsghdr) char control[CMSG_SPACE(kMaxDescriptorsPerFrame * sizeof(int))];
     msghdr message{};
     message.msg_iov = &chunk;
     message.msg_iovlen = 1;
@@ -167,10 +167,10 @@ bool writeFrame(int fd, uint32_t command, const void* header, size_t headerSize,
 
 bool sendWithDescriptors(int fd, const std::vector<uint8_t>& frame, std::initializer_list<int> descriptors) {
     iovec bytes{const_cast<uint8_t*>(frame.data()), frame.size()};
-    int sent[4];
+    int sent[kMaxDescriptorsPerFrame];
     size_t count = 0;
     for (int descriptor : descriptors) {
-        if (descriptor >= 0 && count < 4) {
+        if (descriptor >= 0 && count < kMaxDescriptorsPerFrame) {
             sent[count++] = descriptor;
         }
     }

@@ -13,10 +13,14 @@
 namespace android::hostbinder {
 
 // Frames arriving on a direct channel, gathered from non-blocking reads.
+// Descriptors that travel with one frame, at most: a caller's hello hands
+// over two rings and their doorbells.
+constexpr size_t kMaxDescriptorsPerFrame = 4;
+
 class FrameReader {
 public:
     // Keeps at most `descriptors` descriptors that came with the bytes (an
-    // owner takes one, with the caller's hello); closes any others at once.
+    // owner takes those of the caller's hello); closes any others at once.
     explicit FrameReader(size_t descriptors = 0) : mMaxDescriptors(descriptors) {}
     enum class Read { kSome, kNothing, kEnded };
     // Reads whatever the socket has now. `mayGrow` is asked before the

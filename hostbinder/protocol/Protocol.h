@@ -166,9 +166,13 @@ enum Command : uint32_t {
 enum DirectCommand : uint32_t {
     kDirectCall = 200,  // DirectCall + data: thread -> owner
     kDirectReply,       // DirectReply + data: owner -> thread
-    kDirectHello,       // empty, maybe with a SharedRing's memory and its doorbell (an eventfd): thread -> owner, first
-    kDirectWelcome,     // u32 1 when the ring was taken: owner -> thread
+    kDirectHello,       // empty, maybe with a SharedRing's memory and its doorbell (an eventfd), then a ring for replies and its doorbell: thread -> owner, first
+    kDirectWelcome,     // u32: kCallRingTaken, kReplyRingTaken: owner -> thread
 };
+
+// What a kDirectWelcome says the owner took.
+constexpr uint32_t kCallRingTaken = 1;
+constexpr uint32_t kReplyRingTaken = 2;
 
 enum RefusalReason : uint32_t {
     kRefusedByPolicy = 1,   // the peer's uid may not use this binderd
