@@ -28,8 +28,9 @@ constexpr uint64_t kAttention = 0;
 constexpr uint64_t kDoorbell = uint64_t{1} << 63;
 }  // namespace
 
-ChannelHub::ChannelHub(std::function<void(uint32_t, const void*, size_t)> tell)
-    : mTell(std::move(tell)),
+ChannelHub::ChannelHub(RingBells& bells, std::function<void(uint32_t, const void*, size_t)> tell)
+    : mBells(bells),
+      mTell(std::move(tell)),
       mEpoll(epoll_create1(EPOLL_CLOEXEC)),
       mAttentionEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     armAttention(EPOLL_CTL_ADD);
@@ -47,6 +48,7 @@ ChannelHub::Channel::~Channel() {
             ::close(bell);
         }
     }
+    hub.mBells.give(bellsHeld);
     std::lock_guard<std::mutex> lock(hub.mLock);
     hub.mLargeBytes -= largeBytes;
 }
@@ -388,12 +390,25 @@ bool ChannelHub::welcome(Channel& channel) {
     const int doorbell = channel.reader.takeDescriptor();
     const int replyMemory = channel.reader.takeDescriptor();
     const int replyBell = channel.reader.takeDescriptor();
-    if (channel.ring == nullptr && memory >= 0 && doorbell >= 0) {
-        channel.ring = SharedRing::attach(memory);
+    // Each ring taken keeps its bell, within the process's bound.
+    const auto attach = [this, &channel](int shared, int bell) -> std::unique_ptr<SharedRing> {
+        if (shared < 0 || bell < 0 || !mBells.take(1)) {
+            return nullptr;
+        }
+        std::unique_ptr<SharedRing> ring = SharedRing::attach(shared);
+        if (ring == nullptr) {
+            mBells.give(1);
+            return nullptr;
+        }
+        ++channel.bellsHeld;
+        return ring;
+    };
+    if (channel.ring == nullptr) {
+        channel.ring = attach(memory, doorbell);
     }
     // Replies in shared memory too, for a caller whose calls come that way.
-    if (channel.ring != nullptr && channel.replies == nullptr && replyMemory >= 0 && replyBell >= 0) {
-        channel.replies = SharedRing::attach(replyMemory);
+    if (channel.ring != nullptr && channel.replies == nullptr) {
+        channel.replies = attach(replyMemory, replyBell);
     }
     if (channel.replies != nullptr && channel.replyBell < 0) {
         channel.replyBell = replyBell;

@@ -13,6 +13,7 @@
 #include <binder/Binder.h>
 
 #include "OnewayTurns.h"
+#include "RingBells.h"
 #include "protocol/ChannelIo.h"
 #include "protocol/SharedRing.h"
 
@@ -31,7 +32,7 @@ class ChannelHub {
 public:
     // `tell` writes a frame to binderd on the control connection: that a
     // channel binderd closed has nothing left on it, or progress it asked for.
-    explicit ChannelHub(std::function<void(uint32_t command, const void* payload, size_t size)> tell);
+    ChannelHub(RingBells& bells, std::function<void(uint32_t command, const void* payload, size_t size)> tell);
     ~ChannelHub();
     ChannelHub(const ChannelHub&) = delete;
     ChannelHub& operator=(const ChannelHub&) = delete;
@@ -68,6 +69,7 @@ private:
         // A two-way channel's replies, and the caller's doorbell.
         std::unique_ptr<hostbinder::SharedRing> replies;
         int replyBell = -1;
+        size_t bellsHeld = 0;  // taken from the hub's RingBells
         std::vector<uint8_t> ringFrame;
         // What handles of the caller name here, as binderd answered; only the
         // thread holding the channel reads or changes it.
@@ -114,6 +116,7 @@ private:
     void attend(Channel& channel);
     void forget(uint64_t id);
 
+    RingBells& mBells;
     const std::function<void(uint32_t, const void*, size_t)> mTell;
     const int mEpoll;
     // Wakes a thread to serve the channels in mAttention: a withdrawal for a

@@ -17,6 +17,7 @@
 #include "OnewayChannels.h"
 #include "OnewayCredits.h"
 #include "OutgoingChannel.h"
+#include "RingBells.h"
 #include "protocol/Connection.h"
 
 namespace android {
@@ -115,7 +116,11 @@ std::shared_ptr<OutgoingChannel> IPCThreadState::openChannel(int32_t handle, uin
     int memory = -1;
     int replyMemory = -1;
     const bool twoWay = kind == hostbinder::kTwoWayChannel;
-    channel->doorbell = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (mProcess->ringBells().take(twoWay ? 2 : 1)) {
+        channel->bells = &mProcess->ringBells();
+        channel->bellsHeld = twoWay ? 2 : 1;
+        channel->doorbell = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    }
     if (channel->doorbell >= 0) {
         channel->ring = hostbinder::SharedRing::create(twoWay ? kTwoWayRingBytes : kRingBytes, &memory);
     }

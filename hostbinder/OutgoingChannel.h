@@ -9,6 +9,7 @@
 #include <mutex>
 #include <vector>
 
+#include "RingBells.h"
 #include "protocol/ChannelIo.h"
 #include "protocol/SharedRing.h"
 
@@ -32,6 +33,9 @@ struct OutgoingChannel {
                 ::close(bell);
             }
         }
+        if (bells != nullptr) {
+            bells->give(bellsHeld);
+        }
     }
     OutgoingChannel(const OutgoingChannel&) = delete;
     OutgoingChannel& operator=(const OutgoingChannel&) = delete;
@@ -49,6 +53,9 @@ struct OutgoingChannel {
     std::unique_ptr<hostbinder::SharedRing> replies;
     int replyBell = -1;  // the owner rings it when this thread sleeps
     std::vector<uint8_t> replyFrame;
+    // Where the bells' room was taken from, and how much.
+    RingBells* bells = nullptr;
+    size_t bellsHeld = 0;
     // Room binderd reserved for this thread's one-way calls in the owner's
     // buffer, and the charge units sent on the channel so far.
     size_t credit = 0;

@@ -10,6 +10,7 @@
 #include <log/log.h>
 
 #include "ChannelHub.h"
+#include "RingBells.h"
 #include "OnewayChannels.h"
 #include "OnewayCredits.h"
 #include "protocol/Connection.h"
@@ -35,9 +36,11 @@ sp<ProcessState> ProcessState::self() {
 sp<ProcessState> ProcessState::selfOrNull() { return self(); }
 
 ProcessState::ProcessState()
-    : mChannels(std::make_unique<ChannelHub>([this](uint32_t command, const void* payload, size_t size) {
-          sendControl(command, payload, size);
-      })),
+    : mRingBells(std::make_unique<RingBells>()),
+      mChannels(std::make_unique<ChannelHub>(*mRingBells,
+                                             [this](uint32_t command, const void* payload, size_t size) {
+                                                 sendControl(command, payload, size);
+                                             })),
       mOnewayChannels(std::make_unique<OnewayChannels>()),
       mOnewayCredits(std::make_unique<OnewayCredits>()) {
     const char* direct = std::getenv("HOSTBINDER_DIRECT");
@@ -233,6 +236,8 @@ std::shared_ptr<Connection> ProcessState::control(uint64_t* generation) const {
 OnewayCredits& ProcessState::onewayCredits() { return *mOnewayCredits; }
 
 ChannelHub& ProcessState::channels() { return *mChannels; }
+
+RingBells& ProcessState::ringBells() { return *mRingBells; }
 
 OnewayChannels& ProcessState::onewayChannels() { return *mOnewayChannels; }
 std::string ProcessState::lastConnectionError() const {

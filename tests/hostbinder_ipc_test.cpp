@@ -27,6 +27,7 @@
 #include "binderd_fixture.h"
 #include "hostbinder_test_service.h"
 #include "log_capture.h"
+#include "RingBells.h"
 #include "protocol/Protocol.h"
 
 namespace {
@@ -454,6 +455,26 @@ TEST_F(HostBinderIpc, PeersKilledMidCallLeaveTheOtherStandingAndAServicesDeathFa
     ASSERT_EQ(events.next(), "blocked");
     kill(service, SIGKILL);
     expectChildPasses(client);
+}
+
+// The eventfds of shared rings stay within a quarter of the descriptor limit,
+// read at each take; beyond, channels carry their calls on their sockets.
+TEST(RingBells, StayWithinAQuarterOfTheDescriptorLimit) {
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit lowered = saved;
+    lowered.rlim_cur = 40;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    RingBells bells;
+    EXPECT_TRUE(bells.take(8));
+    EXPECT_TRUE(bells.take(2));
+    EXPECT_FALSE(bells.take(1));
+    bells.give(2);
+    EXPECT_TRUE(bells.take(1));
+    lowered.rlim_cur = 20;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    EXPECT_FALSE(bells.take(1));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
 }
 
 // The node is stuck in a one-way call that came over the channel, so later

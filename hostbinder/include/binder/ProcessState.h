@@ -18,6 +18,7 @@ class BBinder;
 class ChannelHub;
 class OnewayChannels;
 class OnewayCredits;
+class RingBells;
 
 namespace hostbinder {
 class Connection;
@@ -66,6 +67,8 @@ public:
     // process's one-way channels to others.
     ChannelHub& channels();
     OnewayChannels& onewayChannels();
+    // The eventfds of this process's channels' shared rings, bounded.
+    RingBells& ringBells();
     // Whether calls may take direct channels: not while someone watches
     // binderd's traffic (every call goes through binderd to be seen), nor
     // when turned off (HOSTBINDER_DIRECT=0 in the environment, or here, for
@@ -101,6 +104,7 @@ private:
     std::atomic<uint64_t> mGeneration{0};
     std::atomic<bool> mTrafficWatched{false};
     std::atomic<bool> mDirectCalls{true};
+    std::unique_ptr<RingBells> mRingBells;  // before the channels that take from it
     std::unique_ptr<ChannelHub> mChannels;
     std::unique_ptr<OnewayChannels> mOnewayChannels;
     std::unique_ptr<OnewayCredits> mOnewayCredits;
