@@ -43,12 +43,6 @@ ChannelHub::~ChannelHub() {
 
 ChannelHub::Channel::~Channel() {
     ::close(fd);
-    for (int bell : {doorbell, replyBell}) {
-        if (bell >= 0) {
-            ::close(bell);
-        }
-    }
-    hub.mBells.give(bellsHeld);
     std::lock_guard<std::mutex> lock(hub.mLock);
     hub.mLargeBytes -= largeBytes;
 }
@@ -386,50 +380,35 @@ bool ChannelHub::serveFrame(const std::shared_ptr<Channel>& channel, const Frame
 }
 
 bool ChannelHub::welcome(Channel& channel) {
+    // A ring is taken with its bell, within the process's bound; what is not
+    // kept is closed on the way out.
     const int memory = channel.reader.takeDescriptor();
-    const int doorbell = channel.reader.takeDescriptor();
+    RingBells::Bell doorbell = mBells.adopt(channel.reader.takeDescriptor());
     const int replyMemory = channel.reader.takeDescriptor();
-    const int replyBell = channel.reader.takeDescriptor();
-    // Each ring taken keeps its bell, within the process's bound.
-    const auto attach = [this, &channel](int shared, int bell) -> std::unique_ptr<SharedRing> {
-        if (shared < 0 || bell < 0 || !mBells.take(1)) {
-            return nullptr;
+    RingBells::Bell replyBell = mBells.adopt(channel.reader.takeDescriptor());
+    if (channel.ring == nullptr && doorbell && memory >= 0) {
+        channel.ring = SharedRing::attach(memory);
+        if (channel.ring != nullptr) {
+            // Edge-triggered: a ring only ever wakes one thread per ring of
+            // the bell, and the bell is never read.
+            channel.doorbell = std::move(doorbell);
+            epoll_event event{};
+            event.events = EPOLLIN | EPOLLET;
+            event.data.u64 = channel.id | kDoorbell;
+            epoll_ctl(mEpoll, EPOLL_CTL_ADD, channel.doorbell.fd(), &event);
         }
-        std::unique_ptr<SharedRing> ring = SharedRing::attach(shared);
-        if (ring == nullptr) {
-            mBells.give(1);
-            return nullptr;
-        }
-        ++channel.bellsHeld;
-        return ring;
-    };
-    if (channel.ring == nullptr) {
-        channel.ring = attach(memory, doorbell);
     }
     // Replies in shared memory too, for a caller whose calls come that way.
-    if (channel.ring != nullptr && channel.replies == nullptr) {
-        channel.replies = attach(replyMemory, replyBell);
-    }
-    if (channel.replies != nullptr && channel.replyBell < 0) {
-        channel.replyBell = replyBell;
-    } else if (replyBell >= 0) {
-        ::close(replyBell);
+    if (channel.ring != nullptr && channel.replies == nullptr && replyBell && replyMemory >= 0) {
+        channel.replies = SharedRing::attach(replyMemory);
+        if (channel.replies != nullptr) {
+            channel.replyBell = std::move(replyBell);
+        }
     }
     for (int shared : {memory, replyMemory}) {
         if (shared >= 0) {
             ::close(shared);
         }
-    }
-    if (channel.ring != nullptr && channel.doorbell < 0) {
-        // Edge-triggered: a ring only ever wakes one thread per ring of the
-        // bell, and the bell is never read.
-        channel.doorbell = doorbell;
-        epoll_event event{};
-        event.events = EPOLLIN | EPOLLET;
-        event.data.u64 = channel.id | kDoorbell;
-        epoll_ctl(mEpoll, EPOLL_CTL_ADD, channel.doorbell, &event);
-    } else if (doorbell >= 0) {
-        ::close(doorbell);
     }
     const uint32_t taken = (channel.ring != nullptr ? kCallRingTaken : 0) |
                            (channel.replies != nullptr ? kReplyRingTaken : 0);
@@ -502,7 +481,7 @@ bool ChannelHub::sendReply(Channel& channel, const DirectReply& header, const ui
             case SharedRing::Push::kDone:
                 if (wake) {
                     const uint64_t ring = 1;
-                    (void)!write(channel.replyBell, &ring, sizeof(ring));
+                    (void)!write(channel.replyBell.fd(), &ring, sizeof(ring));
                 }
                 return true;
             case SharedRing::Push::kBroken:

@@ -65,11 +65,10 @@ private:
         // Only the thread holding the channel reads these.
         hostbinder::FrameReader reader{hostbinder::kMaxDescriptorsPerFrame};
         std::unique_ptr<hostbinder::SharedRing> ring;
-        int doorbell = -1;  // rings when the caller's calls come
+        RingBells::Bell doorbell;  // rings when the caller's calls come
         // A two-way channel's replies, and the caller's doorbell.
         std::unique_ptr<hostbinder::SharedRing> replies;
-        int replyBell = -1;
-        size_t bellsHeld = 0;  // taken from the hub's RingBells
+        RingBells::Bell replyBell;
         std::vector<uint8_t> ringFrame;
         // What handles of the caller name here, as binderd answered; only the
         // thread holding the channel reads or changes it.

@@ -6,7 +6,6 @@
 
 #include <poll.h>
 #include <sched.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -54,7 +53,7 @@ hostbinder::SharedRing::Push pushCall(OutgoingChannel& channel, const hostbinder
         channel.ring->push(prefix, sizeof(prefix), data.data(), data.dataSize(), &wake);
     if (wake) {
         const uint64_t ring = 1;
-        (void)!write(channel.doorbell, &ring, sizeof(ring));
+        (void)!write(channel.doorbell.fd(), &ring, sizeof(ring));
     }
     return pushed;
 }
@@ -116,17 +115,13 @@ std::shared_ptr<OutgoingChannel> IPCThreadState::openChannel(int32_t handle, uin
     int memory = -1;
     int replyMemory = -1;
     const bool twoWay = kind == hostbinder::kTwoWayChannel;
-    if (mProcess->ringBells().take(twoWay ? 2 : 1)) {
-        channel->bells = &mProcess->ringBells();
-        channel->bellsHeld = twoWay ? 2 : 1;
-        channel->doorbell = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    }
-    if (channel->doorbell >= 0) {
+    channel->doorbell = mProcess->ringBells().make();
+    if (channel->doorbell) {
         channel->ring = hostbinder::SharedRing::create(twoWay ? kTwoWayRingBytes : kRingBytes, &memory);
     }
     if (channel->ring != nullptr && twoWay) {
-        channel->replyBell = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        if (channel->replyBell >= 0) {
+        channel->replyBell = mProcess->ringBells().make();
+        if (channel->replyBell) {
             channel->replies = hostbinder::SharedRing::create(kTwoWayRingBytes, &replyMemory);
         }
     }
@@ -135,8 +130,8 @@ std::shared_ptr<OutgoingChannel> IPCThreadState::openChannel(int32_t handle, uin
                                      reinterpret_cast<const uint8_t*>(&hello) + sizeof(hello));
     // In order: the owner takes them by position.
     if (!hostbinder::sendWithDescriptors(fd, bytes,
-                                         {memory, memory >= 0 ? channel->doorbell : -1, replyMemory,
-                                          replyMemory >= 0 ? channel->replyBell : -1})) {
+                                         {memory, memory >= 0 ? channel->doorbell.fd() : -1, replyMemory,
+                                          replyMemory >= 0 ? channel->replyBell.fd() : -1})) {
         channel->state = OutgoingChannel::State::kBroken;
     }
     for (int shared : {memory, replyMemory}) {
@@ -176,11 +171,14 @@ bool IPCThreadState::welcomed(OutgoingChannel& channel, bool wait) {
         if (channel.reader.next(&frame)) {
             const bool welcome = frame.command == hostbinder::kDirectWelcome && hostbinder::parseFixed(frame, &taken);
             channel.state = welcome ? OutgoingChannel::State::kReady : OutgoingChannel::State::kBroken;
+            // A ring the owner did not take goes, with its bell.
             if ((taken & hostbinder::kCallRingTaken) == 0) {
                 channel.ring.reset();
+                channel.doorbell = {};
             }
             if ((taken & hostbinder::kReplyRingTaken) == 0 || channel.ring == nullptr) {
                 channel.replies.reset();
+                channel.replyBell = {};
             }
             break;
         }
@@ -250,14 +248,14 @@ status_t IPCThreadState::callDirect(OutgoingChannel& channel, int32_t handle, ui
                 continue;
             }
             pollfd ready[3] = {{channel.fd, POLLIN, 0}, {mConnection->fd(), POLLIN, 0},
-                               {channel.replies != nullptr ? channel.replyBell : -1, POLLIN, 0}};
+                               {channel.replies != nullptr ? channel.replyBell.fd() : -1, POLLIN, 0}};
             mConnection->flush();
             if (poll(ready, 3, -1) < 0) {
                 continue;
             }
             if (ready[2].revents != 0) {
                 uint64_t rings = 0;
-                (void)!read(channel.replyBell, &rings, sizeof(rings));
+                (void)!read(channel.replyBell.fd(), &rings, sizeof(rings));
             }
             if (ready[0].revents != 0 &&
                 channel.reader.readAvailable(channel.fd) == hostbinder::FrameReader::Read::kEnded) {

@@ -28,14 +28,6 @@ struct OutgoingChannel {
     OutgoingChannel(uint64_t id, int fd) : id(id), fd(fd) {}
     ~OutgoingChannel() {
         ::close(fd);
-        for (int bell : {doorbell, replyBell}) {
-            if (bell >= 0) {
-                ::close(bell);
-            }
-        }
-        if (bells != nullptr) {
-            bells->give(bellsHeld);
-        }
     }
     OutgoingChannel(const OutgoingChannel&) = delete;
     OutgoingChannel& operator=(const OutgoingChannel&) = delete;
@@ -49,13 +41,10 @@ struct OutgoingChannel {
     // Calls go through shared memory once the owner took it, and a two-way
     // channel's replies come back that way.
     std::unique_ptr<hostbinder::SharedRing> ring;
-    int doorbell = -1;  // the ring's: wakes the owner when it sleeps
+    RingBells::Bell doorbell;  // the ring's: wakes the owner when it sleeps
     std::unique_ptr<hostbinder::SharedRing> replies;
-    int replyBell = -1;  // the owner rings it when this thread sleeps
+    RingBells::Bell replyBell;  // the owner rings it when this thread sleeps
     std::vector<uint8_t> replyFrame;
-    // Where the bells' room was taken from, and how much.
-    RingBells* bells = nullptr;
-    size_t bellsHeld = 0;
     // Room binderd reserved for this thread's one-way calls in the owner's
     // buffer, and the charge units sent on the channel so far.
     size_t credit = 0;

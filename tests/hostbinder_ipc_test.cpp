@@ -3,6 +3,7 @@
 // chains of nested calls) and the client runtime's own logic. The driver's
 // routing, reference and death rules are pinned frame by frame in
 // binderd_driver_test.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -17,6 +18,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
@@ -458,7 +460,8 @@ TEST_F(HostBinderIpc, PeersKilledMidCallLeaveTheOtherStandingAndAServicesDeathFa
 }
 
 // The eventfds of shared rings stay within a quarter of the descriptor limit,
-// read at each take; beyond, channels carry their calls on their sockets.
+// read at each take, whether made here or handed over; one that goes gives
+// its room back. Beyond, channels carry their calls on their sockets.
 TEST(RingBells, StayWithinAQuarterOfTheDescriptorLimit) {
     rlimit saved{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
@@ -466,14 +469,22 @@ TEST(RingBells, StayWithinAQuarterOfTheDescriptorLimit) {
     lowered.rlim_cur = 40;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
     RingBells bells;
-    EXPECT_TRUE(bells.take(8));
-    EXPECT_TRUE(bells.take(2));
-    EXPECT_FALSE(bells.take(1));
-    bells.give(2);
-    EXPECT_TRUE(bells.take(1));
+    std::vector<RingBells::Bell> held;
+    for (int i = 0; i < 9; ++i) {
+        held.push_back(bells.make());
+        EXPECT_TRUE(held.back()) << "bell " << i;
+    }
+    held.push_back(bells.adopt(dup(STDERR_FILENO)));
+    EXPECT_TRUE(held.back());
+    EXPECT_FALSE(bells.make());
+    const int refused = dup(STDERR_FILENO);
+    EXPECT_FALSE(bells.adopt(refused));
+    EXPECT_EQ(fcntl(refused, F_GETFD), -1) << "a bell kept out is closed";
+    held.pop_back();
+    EXPECT_TRUE(bells.make());
     lowered.rlim_cur = 20;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
-    EXPECT_FALSE(bells.take(1));
+    EXPECT_FALSE(bells.make());
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
 }
 

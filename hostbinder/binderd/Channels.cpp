@@ -368,8 +368,8 @@ void Driver::askForFence(Channel& channel) {
         return;
     }
     const uint64_t fence = channel.held.front().first;
-    if (fence > channel.finished && fence > channel.progressAsked) {
-        channel.progressAsked = fence;
+    if (fence > channel.finished && fence > channel.fenceAsked) {
+        channel.fenceAsked = fence;
         const ChannelProgress wanted{channel.id, fence};
         mOutbox.send(channel.owner->control, kProgressWanted, &wanted, sizeof(wanted));
     }

@@ -187,8 +187,8 @@ struct Channel {
     // owner; the difference is still in the owner's buffer.
     uint64_t granted = 0;
     uint64_t finished = 0;
-    // The largest total the owner was asked to say it reached.
-    uint64_t progressAsked = 0;
+    // The largest fence the owner was asked to say it reached.
+    uint64_t fenceAsked = 0;
     // A relayed one-way call of the holder waits until the owner finished
     // the charge sent directly before it (its fence, announced just before
     // it on the same connection); it and every later one wait in line here.
